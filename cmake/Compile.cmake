@@ -1,0 +1,47 @@
+# How our own code is compiled: `brelo_options` carries it, `brelo_optimise` adds link-time optimisation.
+
+if(PROJECT_IS_TOP_LEVEL)
+  if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+    set(CMAKE_BUILD_TYPE Release)
+  endif()
+  set(CMAKE_C_FLAGS_RELEASE "-O2 -g")
+  set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g")
+  set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+  find_program(CCACHE ccache)
+  if(CCACHE)
+    set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+  endif()
+endif()
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+
+# Assertions, ours and those of the libraries in our headers, are behaviour: they stay in every configuration.
+add_library(brelo_options INTERFACE)
+target_compile_options(brelo_options INTERFACE
+  -UNDEBUG
+  -Wall -Wextra -Wpedantic -Wshadow -Wcast-qual -Wformat=2 -Wundef
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Wold-style-cast>
+  $<$<BOOL:${PROJECT_IS_TOP_LEVEL}>:-Werror>
+  -fno-semantic-interposition
+  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
+set(BRELO_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them")
+if(BRELO_SANITIZE)
+  target_compile_options(brelo_options INTERFACE
+    -fsanitize=${BRELO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
+    -fno-sanitize=vptr) # it opens a pipe for each check, and fails with a full descriptor table
+  target_link_options(brelo_options INTERFACE -fsanitize=${BRELO_SANITIZE})
+endif()
+
+# Link-time optimisation, so that hot paths inline across files.
+function(brelo_optimise target)
+  if(NOT BRELO_SANITIZE)
+    set_target_properties(${target} PROPERTIES
+      INTERPROCEDURAL_OPTIMIZATION_RELEASE ON
+      INTERPROCEDURAL_OPTIMIZATION_RELWITHDEBINFO ON)
+  endif()
+endfunction()
