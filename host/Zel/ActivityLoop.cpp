@@ -1,0 +1,141 @@
+#include "Zel/ActivityLoop.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "Zel/System.h"
+#include "Zel/SystemClock.h"
+
+namespace Zel {
+namespace {
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+
+std::int64_t roundUpToNanoseconds(double seconds) {
+  return static_cast<std::int64_t>(std::ceil(seconds * 1e9));
+}
+
+}  // namespace
+
+/// The activity lock, as far as this run has taken it: an outer run, or a guard around this
+/// one, that holds it on this thread keeps it throughout.
+class ActivityLoop::Hold {
+ public:
+  explicit Hold(ActivityLock& lock) : lock_(lock), taken_(lock.lock()) {}
+  ~Hold() {
+    if (taken_) lock_.unlock();
+  }
+  Hold(Hold const&) = delete;
+  Hold& operator=(Hold const&) = delete;
+
+  template <class Action>
+  void letGoDuring(Action&& action) {
+    if (!taken_) return action();
+    lock_.unlock();
+    taken_ = false;
+    action();
+    taken_ = lock_.lock();
+  }
+
+  /// Lets a thread that sleeps on the lock have it. To unlock is not enough: the loop would
+  /// have it back before that thread is awake.
+  void shareIfWanted() {
+    if (!taken_ || !lock_.contended()) return;
+    letGoDuring([] {
+      timespec const moment{0, 1};
+      nanosleep(&moment, nullptr);
+    });
+  }
+
+ private:
+  ActivityLock& lock_;
+  bool taken_;
+};
+
+struct ActivityLoop::Run {
+  Hold hold;
+  std::optional<double> end;
+  DescriptorSet::Found found;
+};
+
+void ActivityLoop::run() {
+  Run run{Hold(lock_), std::nullopt, {}};
+  if (auto const seconds = config_.takeExecutionTime()) {
+    run.end = System::currentTime() + std::max(*seconds, 0.0);
+    if (*seconds < infinity) run.end = std::min(*run.end, ClockQueue::lastTime);
+  }
+  while (pass(run)) {
+  }
+}
+
+// One pass of the loop:
+//
+// 1. Look at the descriptors: without waiting if a clock notifiee is due, and otherwise
+//    until one becomes ready, the first notifiee is due or the execution time is over. Under
+//    virtual time do not wait but, if nothing is ready, move the clock. The activity lock is
+//    let go of during a wait. What is due now, after the wait, belongs to this pass.
+// 2. Tell the time to every notifiee that is due, the earliest `timeMin` first, among equals
+//    the one that asked first. It is disarmed before it is told. One that a handler disarms
+//    or arms anew is passed over, and in the latter case waits for a later pass.
+// 3. Tell the descriptors what step 1 found, readable before writable. One that a handler
+//    has unbound, bound or turned off since is passed over.
+//
+// A pass that begins at the end of the execution time or later is the last one, so what has
+// been armed for a time before the end is told.
+//
+// Not ordered: descriptors among each other, except that objects on one number are told in
+// the order of binding. Nothing is looked at again between step 1 and the end of step 3.
+//
+// A run inside a handler takes over what is left of step 2; step 3 of the outer pass goes on
+// after it with what its own step 1 found. After an exception the next pass, in whatever
+// run, goes on with what is left of step 2 and finds anew what is left of step 3.
+bool ActivityLoop::pass(Run& run) {
+  if (run.end || clock_.undecided()) clock_.nowIs(System::currentTime());
+  descriptors_.prepare(run.found);
+  clock_.collect();
+  if (clock_.due()) {
+    run.hold.shareIfWanted();
+    look(run, 0);
+  } else if (!waitForFirst(run)) {
+    return false;
+  }
+
+  double const began = clock_.now();
+  while (Ptr<Clock::NotifieeConst> const notifiee = clock_.takeDue()) {
+    notifiee->onAttribute(timeAttribute, nullptr);
+  }
+  descriptors_.deliver(run.found);
+  return !run.end || began < *run.end;
+}
+
+/// Step 1 with nothing due. False if there is nothing to wait for.
+bool ActivityLoop::waitForFirst(Run& run) {
+  double const first = std::min(clock_.first(), run.end.value_or(infinity));
+  if (first == infinity) {
+    if (!run.end && !descriptors_.watching()) return false;
+    look(run, DescriptorSet::forEver);
+    return true;
+  }
+
+  bool const skip = config_.virtualTime();
+  std::int64_t const left = roundUpToNanoseconds(std::max(first - clock_.now(), 0.0));
+  look(run, skip ? 0 : left);
+  if (skip && run.found.count == 0) advanceCurrentTime(left);
+  clock_.nowIs(System::currentTime());
+  clock_.collect();
+  return true;
+}
+
+void ActivityLoop::look(Run& run, std::int64_t nanoseconds) {
+  if (nanoseconds == 0 || descriptors_.isReady()) {
+    descriptors_.wait(run.found, 0);
+  } else {
+    run.hold.letGoDuring([&] { descriptors_.wait(run.found, nanoseconds); });
+  }
+  descriptors_.sift(run.found);
+}
+
+}  // namespace Zel

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "Zel/Activity.h"
+#include "Zel/ClockQueue.h"
+#include "Zel/DescriptorSet.h"
+
+namespace Zel {
+
+/// Internal: the loop behind `System::doRun()`.
+///
+/// One in the process. It keeps nothing between passes, so that a run can begin inside
+/// another and an exception can leave one anywhere; what is armed, due and watched is with
+/// the queue and the set.
+class ActivityLoop {
+ public:
+  ActivityLoop(ActivityManagerConfig& config, ClockQueue& clock, DescriptorSet& descriptors,
+               ActivityLock& lock)
+      : config_(config), clock_(clock), descriptors_(descriptors), lock_(lock) {}
+
+  void run();
+
+ private:
+  class Hold;
+  struct Run;
+
+  bool pass(Run& run);  ///< false: it was the last
+  bool waitForFirst(Run& run);
+  void look(Run& run, std::int64_t nanoseconds);
+
+  ActivityManagerConfig& config_;
+  ClockQueue& clock_;
+  DescriptorSet& descriptors_;
+  ActivityLock& lock_;
+};
+
+ActivityLoop& activityLoop();
+
+}  // namespace Zel

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <mutex>
+#include <new>
+#include <string>
+#include <typeinfo>
+#include <vector>
+
+namespace Zel {
+
+/// Allocation numbers of one type, in objects, not bytes.
+///
+/// A record belongs to the slot (a pointer with static storage, initially null) through which
+/// it was made, and lives for ever. The numbers are read and written under `lock`; the rest
+/// never changes. All functions may be called from any thread and in a forked child; running
+/// out of memory for a record ends the process.
+class AllocTrackTypeInfo {
+ public:
+  AllocTrackTypeInfo(std::type_info const& type, unsigned long size, bool isArray);
+  AllocTrackTypeInfo(AllocTrackTypeInfo const&) = delete;
+  AllocTrackTypeInfo& operator=(AllocTrackTypeInfo const&) = delete;
+
+  /// Counts `count` new objects, with a record made now if the slot is empty.
+  static void trackArrayAllocation(AllocTrackTypeInfo** slot, std::type_info const& type,
+                                   unsigned long size, unsigned long count) noexcept;
+
+  /// Counts `count` objects of the record as gone.
+  static void trackArrayDeallocation(AllocTrackTypeInfo* record, unsigned long count) noexcept;
+
+  /// Makes the slot's record and counts nothing. A slot that has one keeps it.
+  static void allocateTypeInfo(AllocTrackTypeInfo** slot, std::type_info const& type,
+                               unsigned long size, bool isArray) noexcept;
+
+  std::mutex lock;
+  std::uint64_t totalAllocations = 0;
+  std::uint32_t currentAllocations = 0;
+  std::uint32_t peakAllocations = 0;  // the largest value of currentAllocations
+
+  std::string const typeName;  // as std::type_info has it, not demangled
+  unsigned long const typeSize;
+  bool const isArray;
+};
+
+/// All records made so far, oldest first.
+std::vector<AllocTrackTypeInfo*> allocTrackTypeInfos();
+
+/// Says on standard error that memory has run out and throws std::bad_alloc.
+[[noreturn]] void allocTrackAllocatorBadAlloc();
+
+/// A standard allocator that counts the objects it has out, in one record for each T.
+///
+/// It holds no state: all of them are equal, and memory of one may be given back through
+/// another. Counting takes the record's lock, whether or not there are threads.
+template <class T>
+class AllocTrackAllocator {
+ public:
+  using value_type = T;
+
+  AllocTrackAllocator() = default;
+  template <class Other>
+  AllocTrackAllocator(AllocTrackAllocator<Other> const&) noexcept {}
+
+  /// Fails through `allocTrackAllocatorBadAlloc()`.
+  T* allocate(std::size_t count) {
+    static_assert(alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
+    bool const fits = count <= std::numeric_limits<std::ptrdiff_t>::max() / sizeof(T);
+    void* const memory = fits ? ::operator new(count * sizeof(T), std::nothrow) : nullptr;
+    if (memory == nullptr) allocTrackAllocatorBadAlloc();
+    AllocTrackTypeInfo::trackArrayAllocation(&record_, typeid(T), sizeof(T), count);
+    return static_cast<T*>(memory);
+  }
+
+  void deallocate(T* memory, std::size_t count) noexcept {
+    AllocTrackTypeInfo::trackArrayDeallocation(record_, count);
+    ::operator delete(memory);
+  }
+
+ private:
+  static inline AllocTrackTypeInfo* record_ = nullptr;
+};
+
+template <class T, class Other>
+bool operator==(AllocTrackAllocator<T> const&, AllocTrackAllocator<Other> const&) noexcept {
+  return true;
+}
+
+template <class T, class Other>
+bool operator!=(AllocTrackAllocator<T> const&, AllocTrackAllocator<Other> const&) noexcept {
+  return false;
+}
+
+}  // namespace Zel

@@ -1,0 +1,236 @@
+#include "Zel/DescriptorSet.h"
+
+#include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <system_error>
+
+namespace Zel {
+namespace {
+
+constexpr std::int64_t second = 1'000'000'000;
+constexpr std::int64_t millisecond = 1'000'000;
+
+}  // namespace
+
+int DescriptorSet::bind(FileDescriptor& descriptor) {
+  int const number = descriptor.descriptor_;
+  while (watches_.size() <= static_cast<std::size_t>(number))
+    watches_.emplace_back();
+  descriptor.node_.insertBefore(watch(number).descriptors);
+
+  // Even if nothing new is wanted: the number may have been closed and opened anew under an
+  // object that was bound to it before, and the kernel has dropped the watch then.
+  int error = 0;
+  if (std::uint32_t const events = wanted(number); events != 0) {
+    error = install(number, events);
+  } else {
+    withdraw(number);
+  }
+  if (error != 0) descriptor.node_.unlink();
+  return error;
+}
+
+void DescriptorSet::unbind(FileDescriptor& descriptor) noexcept {
+  descriptor.node_.unlink();
+  if (wanted(descriptor.descriptor_) == 0) {
+    withdraw(descriptor.descriptor_);
+  } else {
+    wantsLess(descriptor);
+  }
+}
+
+int DescriptorSet::wantsMore(FileDescriptor const& descriptor) {
+  int const number = descriptor.descriptor_;
+  std::uint32_t const events = wanted(number);
+  if ((events & ~watch(number).events) == 0) return 0;
+  int const error = install(number, events);
+  if (error != EBADF) return error;
+  // Closed under its watcher, who is to meet the error at its own read or write.
+  record(number, events, true);
+  return 0;
+}
+
+void DescriptorSet::wantsLess(FileDescriptor const& descriptor) {
+  Watch& watched = watch(descriptor.descriptor_);
+  if (watched.tooMuch) return;
+  tooMuch_.push_back(descriptor.descriptor_);
+  watched.tooMuch = true;
+}
+
+void DescriptorSet::prepare(Found& found) {
+  for (int const number : tooMuch_) {
+    Watch& watched = watch(number);
+    watched.tooMuch = false;
+    std::uint32_t const events = wanted(number);
+    if (events == watched.events) continue;
+    if (events == 0) {
+      withdraw(number);
+    } else {
+      install(number, events);
+    }
+  }
+  tooMuch_.clear();
+  if (polled_ != 0 && (epoll_ == -1 || stale_)) {
+    if (int const error = renew(); error != 0) {
+      throw std::system_error(error, std::generic_category(), "failed to renew the epoll set");
+    }
+  }
+  found.count = 0;
+  found.look = ++looks_;
+}
+
+void DescriptorSet::wait(Found& found, std::int64_t nanoseconds) {
+  // The kernel may stretch a wait by a thousandth of its length. What is left out here is
+  // waited for once more, and being short, precisely.
+  if (nanoseconds > 50 * millisecond) nanoseconds -= nanoseconds / 500;
+  timespec const limit{nanoseconds / second, nanoseconds % second};
+  timespec const* const limitOrNone = nanoseconds == forEver ? nullptr : &limit;
+  auto const capacity = static_cast<int>(found.events.size() -
+                                         std::min(alwaysReady_.size(), found.events.size() / 2));
+
+  int count = 0;
+  if (polled_ == 0) {
+    if (nanoseconds != 0) count = ppoll(nullptr, 0, limitOrNone, nullptr);
+  } else if (nanoseconds == 0) {
+    // Not through the C library, whose call is a point of cancellation and costs a tenth more.
+    count = static_cast<int>(syscall(SYS_epoll_wait, epoll_, found.events.data(), capacity, 0));
+  } else {
+    count = waitInSet(found.events.data(), capacity, limitOrNone);
+  }
+  if (count < 0 && errno != EINTR) {
+    throw std::system_error(errno, std::generic_category(), "failed to wait for descriptors");
+  }
+  found.count = static_cast<std::size_t>(std::max(count, 0));
+}
+
+int DescriptorSet::waitInSet(epoll_event* events, int capacity, timespec const* limit) {
+  if (nanoseconds_) {
+    int const count = epoll_pwait2(epoll_, events, capacity, limit, nullptr);
+    if (count >= 0 || (errno != ENOSYS && errno != EPERM)) return count;
+    nanoseconds_ = false;
+  }
+  std::int64_t milliseconds = -1;
+  if (limit != nullptr) {
+    milliseconds = limit->tv_sec * 1000 + (limit->tv_nsec + millisecond - 1) / millisecond;
+  }
+  return epoll_wait(epoll_, events, capacity,
+                    static_cast<int>(std::min<std::int64_t>(milliseconds, INT_MAX)));
+}
+
+void DescriptorSet::sift(Found& found) {
+  // A number that was closed while a duplicate keeps its file open stays in the epoll set,
+  // out of reach: only a new set is rid of it.
+  auto const isStale = [this](epoll_event const& event) {
+    Watch const& watched = watch(static_cast<int>(event.data.u64));
+    return watched.events == 0 || watched.alwaysReady ||
+           watched.generation != static_cast<std::uint32_t>(event.data.u64 >> 32);
+  };
+  auto* const begin = found.events.data();
+  auto* const end = std::remove_if(begin, begin + found.count, isStale);
+  if (end != begin + found.count) stale_ = true;
+  found.count = static_cast<std::size_t>(end - begin);
+
+  std::size_t const room = found.events.size() - found.count;
+  for (std::size_t left = std::min(alwaysReady_.size(), room); left != 0; --left) {
+    turn_ = (turn_ + 1) % alwaysReady_.size();
+    epoll_event& event = found.events[found.count++];
+    event.events = EPOLLIN | EPOLLOUT;
+    event.data.u64 = static_cast<std::uint32_t>(alwaysReady_[turn_]);
+  }
+}
+
+void DescriptorSet::deliver(Found const& found) {
+  for (std::size_t i = 0; i < found.count; ++i) {
+    std::uint32_t const events = found.events[i].events;
+    std::uint64_t const key = found.events[i].data.u64;
+    forEach(watch(static_cast<int>(key)).descriptors, [&](FileDescriptor& descriptor) {
+      Ptr<FileDescriptor> const alive(&descriptor);
+      descriptor.readyIs(events, found.look);
+    });
+  }
+}
+
+void DescriptorSet::forked() noexcept {
+  if (epoll_ != -1) close(epoll_);
+  epoll_ = -1;
+}
+
+std::uint32_t DescriptorSet::wanted(int number) {
+  auto& head = watch(number).descriptors;
+  std::uint32_t events = 0;
+  for (auto* node = head.next(); node != &head; node = node->next()) {
+    if (node->owner() != nullptr) events |= node->owner()->events();
+  }
+  return events;
+}
+
+int DescriptorSet::install(int number, std::uint32_t events) {
+  if (epoll_ == -1) {
+    if (int const error = renew(); error != 0) return error;
+  }
+  Watch& watched = watch(number);
+  int error = watched.events != 0 ? control(EPOLL_CTL_MOD, number, events) : ENOENT;
+  if (error == ENOENT) {
+    ++watched.generation;
+    error = control(EPOLL_CTL_ADD, number, events);
+    // A file that went to another number and came back has kept its place.
+    if (error == EEXIST) error = control(EPOLL_CTL_MOD, number, events);
+  }
+  bool const alwaysReady = error == EPERM;
+  if (alwaysReady) error = 0;
+  record(number, error == 0 ? events : 0, alwaysReady);
+  return error;
+}
+
+void DescriptorSet::withdraw(int number) noexcept {
+  Watch& watched = watch(number);
+  if (watched.events == 0) return;
+  // Fails for a number that is closed or another file's by now, which is as good.
+  if (!watched.alwaysReady) control(EPOLL_CTL_DEL, number, 0);
+  record(number, 0, false);
+}
+
+int DescriptorSet::control(int operation, int number, std::uint32_t events) noexcept {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 =
+      std::uint64_t{watch(number).generation} << 32 | static_cast<std::uint32_t>(number);
+  return epoll_ctl(epoll_, operation, number, &event) == 0 ? 0 : errno;
+}
+
+void DescriptorSet::record(int number, std::uint32_t events, bool alwaysReady) {
+  Watch& watched = watch(number);
+  if (alwaysReady && !watched.alwaysReady) alwaysReady_.push_back(number);
+  if (!alwaysReady && watched.alwaysReady) {
+    alwaysReady_.erase(std::find(alwaysReady_.begin(), alwaysReady_.end(), number));
+  }
+  if (watched.events != 0 && !watched.alwaysReady) --polled_;
+  watched.events = events;
+  watched.alwaysReady = alwaysReady;
+  if (events != 0 && !alwaysReady) ++polled_;
+}
+
+int DescriptorSet::renew() {
+  forked();
+  epoll_ = epoll_create1(EPOLL_CLOEXEC);
+  if (epoll_ == -1) return errno;
+  stale_ = false;
+
+  int failed = 0;
+  for (std::size_t i = 0; i < watches_.size(); ++i) {
+    int const number = static_cast<int>(i);
+    if (watches_[i].events == 0 || watches_[i].alwaysReady) continue;
+    record(number, 0, false);
+    std::uint32_t const events = wanted(number);
+    int const error = events != 0 ? install(number, events) : 0;
+    if (error != 0 && error != EBADF) failed = error;
+  }
+  return failed;
+}
+
+}  // namespace Zel

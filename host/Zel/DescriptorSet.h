@@ -1,0 +1,92 @@
+#pragma once
+
+#include <sys/epoll.h>
+#include <time.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <vector>
+
+#include "Zel/FileDescriptor.h"
+#include "Zel/List.h"
+
+namespace Zel {
+
+/// Internal: the descriptor numbers that are watched, and the epoll set that watches them.
+///
+/// One in the process, on the thread that runs the loop. Refers to the `FileDescriptor`s
+/// bound to each number without owning them. The epoll set is made at the first need of it,
+/// by a forked child once more. Operations that return an int return an errno, or 0.
+class DescriptorSet {
+ public:
+  /// What one look has found, good for one `deliver`.
+  struct Found {
+    std::array<epoll_event, 128> events;
+    std::size_t count = 0;
+    std::uint64_t look = 0;
+  };
+
+  static constexpr std::int64_t forEver = -1;
+
+  /// The descriptor's number is taken to be open. After an error it is not bound.
+  int bind(FileDescriptor& descriptor);
+  /// Forgets the number at once, since it may be closed next.
+  void unbind(FileDescriptor& descriptor) noexcept;
+  /// A bound descriptor wants more than before, in force at once, or less, in force at the
+  /// next look. One that turns off and on again in a pass costs no system call.
+  int wantsMore(FileDescriptor const& descriptor);
+  void wantsLess(FileDescriptor const& descriptor);
+
+  /// Something can become ready. Exact between `prepare` and `deliver`.
+  bool watching() const { return polled_ != 0 || !alwaysReady_.empty(); }
+  /// A look would not wait.
+  bool isReady() const { return !alwaysReady_.empty(); }
+  /// How many looks there have been.
+  std::uint64_t looks() const { return looks_; }
+
+  /// A look is these three. `wait`, the only one that may block, touches nothing but the
+  /// epoll set; it waits for so many nanoseconds, and may end early with nothing found.
+  void prepare(Found& found);
+  void wait(Found& found, std::int64_t nanoseconds);
+  void sift(Found& found);
+
+  /// Tells the descriptors what was found for them, except what has been turned on since.
+  void deliver(Found const& found);
+
+  /// In a forked child: gives up the epoll set, which is still the parent's, too.
+  void forked() noexcept;
+
+ private:
+  struct Watch {
+    ListNode<FileDescriptor> descriptors;
+    std::uint32_t events = 0;      ///< in force
+    std::uint32_t generation = 0;  ///< of its place in the epoll set
+    bool alwaysReady = false;      ///< it has no such place, since it cannot be polled
+    bool tooMuch = false;          ///< `events` may be more than wanted
+  };
+
+  Watch& watch(int number) { return watches_[static_cast<std::size_t>(number)]; }
+  std::uint32_t wanted(int number);
+  int install(int number, std::uint32_t events);
+  void withdraw(int number) noexcept;
+  int control(int operation, int number, std::uint32_t events) noexcept;
+  void record(int number, std::uint32_t events, bool alwaysReady);
+  int renew();
+  int waitInSet(epoll_event* events, int capacity, timespec const* limit);
+
+  int epoll_ = -1;
+  bool nanoseconds_ = true;  ///< the kernel, or who guards it, allows waits in nanoseconds
+  bool stale_ = false;       ///< the epoll set reports what cannot be taken out of it
+  std::uint64_t looks_ = 0;
+  std::size_t polled_ = 0;        ///< numbers in force in the epoll set
+  std::deque<Watch> watches_;     ///< by number
+  std::vector<int> alwaysReady_;  ///< numbers
+  std::size_t turn_ = 0;          ///< among `alwaysReady_`
+  std::vector<int> tooMuch_;      ///< numbers
+};
+
+DescriptorSet& descriptorSet();
+
+}  // namespace Zel

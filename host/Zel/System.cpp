@@ -1,0 +1,52 @@
+#include "Zel/System.h"
+
+#include <time.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+
+#include "Zel/ActivityLoop.h"
+#include "Zel/SystemClock.h"
+
+namespace Zel {
+namespace {
+
+std::int64_t nanoseconds(clockid_t clock) {
+  timespec now;
+  clock_gettime(clock, &now);
+  return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+/// What leads from the monotonic clock to the current time.
+std::atomic<std::int64_t>& clockOffset() {
+  static std::atomic<std::int64_t> offset{nanoseconds(CLOCK_REALTIME) -
+                                          nanoseconds(CLOCK_MONOTONIC)};
+  return offset;
+}
+
+[[maybe_unused]] auto const& offsetTakenAtLoad = clockOffset();
+
+}  // namespace
+
+void advanceCurrentTime(std::int64_t nanoseconds) {
+  clockOffset().fetch_add(nanoseconds, std::memory_order_relaxed);
+}
+
+namespace System {
+
+double currentTime() {
+  auto const offset = clockOffset().load(std::memory_order_relaxed);
+  return static_cast<double>(nanoseconds(CLOCK_MONOTONIC) + offset) * 1e-9;
+}
+
+void doRun() {
+  activityLoop().run();
+}
+
+String getenv(String const& name) {
+  return String(std::getenv(name.str().c_str()));
+}
+
+}  // namespace System
+}  // namespace Zel
