@@ -1,0 +1,65 @@
+#include "Brelo/Assert.h"
+
+#include <cstdio>
+#include <exception>
+
+namespace Brelo {
+
+namespace {
+
+std::shared_ptr<Platform::DebugHandler> const assertHandler = Platform::getDebugHandler("Assert");
+
+bool throwOnAssertFail = false;
+bool forceTraceOnAssert = true;
+
+bool traceWanted() {
+  return forceTraceOnAssert || !throwOnAssertFail;
+}
+
+}  // namespace
+
+AssertException::AssertException(std::string const& message) noexcept : Exception(message, true) {}
+
+char const* AssertException::name() const noexcept {
+  return "Brelo::AssertException";
+}
+
+void AssertException::throwException(std::string const& message) {
+  if (throwOnAssertFail) throw AssertException(message);
+  fmt::print(stderr, "Brelo::Assert aborting because: {}\n", message);
+  std::terminate();
+}
+
+void throwOnAssertFailIs(bool on) {
+  throwOnAssertFail = on;
+}
+
+void forceTraceOnAssertIs(bool on) {
+  forceTraceOnAssert = on;
+}
+
+void Impl::vfmassert(Platform::DebugHandler const& handler, char const* cls, char const* file,
+                     char const* func, int line, fmt::string_view format, fmt::format_args args) {
+  std::string const text = vtracestr(true, cls, file, func, line, format, args);
+  if (traceWanted()) Platform::dumpDebugMsg(text, 0, handler, file, func, line);
+  AssertException::throwException(text);
+}
+
+void Impl::vfmassert(char const* cls, char const* file, char const* func, int line,
+                     fmt::string_view format, fmt::format_args args) {
+  vfmassert(*assertHandler, cls, file, func, line, format, args);
+}
+
+void debugAndAssert(Platform::DebugHandler& handler, Platform::DebugStream& stream,
+                    char const* file, char const* func, int line) {
+  Platform::DebugStream text;
+  text << file << ":" << func << ":" << line << ": " << stream.str();
+  if (traceWanted()) handler.dump(text, 0, file, func, line);
+  AssertException::throwException(text.str());
+}
+
+void debugAndAssert(Platform::DebugStream& stream, char const* file, char const* func, int line) {
+  debugAndAssert(*assertHandler, stream, file, func, line);
+}
+
+}  // namespace Brelo

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <fmt/format.h>
+
+#include <string>
+
+#include "Brelo/Debug.h"
+#include "Brelo/Exception.h"
+
+/// What must never happen: a failed assertion traces its text at level 0 and then either ends
+/// the process or throws an `AssertException`. Any thread may assert; nothing here returns.
+///
+/// | throwOnAssertFail | forceTraceOnAssert | traced at level 0 | then                           |
+/// |-------------------|--------------------|-------------------|--------------------------------|
+/// | false (default)   | either             | yes               | text on stderr, std::terminate |
+/// | true              | true (default)     | yes               | throw AssertException          |
+/// | true              | false              | no                | throw AssertException          |
+///
+/// The trace goes out whether or not level 0 is enabled.
+
+namespace Brelo {
+
+/// A failed assertion that a process chose to survive (`throwOnAssertFailIs`). Its message is
+/// the whole text, place included; a failure while it is built ends the process.
+class AssertException : public Exception {
+ public:
+  explicit AssertException(std::string const& message) noexcept;
+  char const* name() const noexcept override;
+
+  /// The last step of every assertion: throws, or ends the process, as set.
+  [[noreturn]] static void throwException(std::string const& message);
+};
+
+/// Meant to be called at start-up; not synchronised with assertions of other threads.
+void throwOnAssertFailIs(bool on);
+void forceTraceOnAssertIs(bool on);
+
+namespace Impl {
+
+[[noreturn]] void vfmassert(Platform::DebugHandler const& handler, char const* cls,
+                            char const* file, char const* func, int line, fmt::string_view format,
+                            fmt::format_args args);
+/// The form that traces through the handler named "Assert".
+[[noreturn]] void vfmassert(char const* cls, char const* file, char const* func, int line,
+                            fmt::string_view format, fmt::format_args args);
+
+}  // namespace Impl
+
+/// Fails with the text "file:line: cls::func() text"; a null `cls` drops "cls::func() ".
+template <class... Args>
+[[noreturn]] void fmassert(Platform::DebugHandler const& handler, char const* cls, char const* file,
+                           char const* func, int line, fmt::string_view format,
+                           Args const&... args) {
+  Impl::vfmassert(handler, cls, file, func, line, format, fmt::make_format_args(args...));
+}
+
+template <class... Args>
+[[noreturn]] void fmassert(char const* cls, char const* file, char const* func, int line,
+                           fmt::string_view format, Args const&... args) {
+  Impl::vfmassert(cls, file, func, line, format, fmt::make_format_args(args...));
+}
+
+/// Fails with the text "file:func:line: " and the stream's own.
+[[noreturn]] void debugAndAssert(Platform::DebugHandler& handler, Platform::DebugStream& stream,
+                                 char const* file, char const* func, int line);
+[[noreturn]] void debugAndAssert(Platform::DebugStream& stream, char const* file, char const* func,
+                                 int line);
+
+}  // namespace Brelo
+
+/// Fails the fmt form from here: class label (or nullptr), format string, arguments.
+#define BRELO_FAIL(cls, ...) ::Brelo::fmassert((cls), __FILE__, __func__, __LINE__, __VA_ARGS__)

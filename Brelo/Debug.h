@@ -1,0 +1,152 @@
+#pragma once
+
+#include <fmt/format.h>
+
+#include <cstdint>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "Brelo/DisplayPointer.h"
+
+/// Tracing: a named handle for each module with a mask of sixteen levels, and trace lines made
+/// with the fmt library.
+///
+/// A call site tests the level's bit before anything else, through BRELO_TRACE; what a disabled
+/// trace would have printed is never evaluated. Any thread may trace. A failure while a line is
+/// formatted or written, a bad format string included, ends the process.
+
+namespace Brelo::Platform {
+
+/// A string stream for text that is built with `<<`; prints 12 significant digits.
+class DebugStream : public std::stringstream {
+ public:
+  DebugStream();
+};
+
+/// A module's trace handle. Level n is on when bit `1 << n` of the mask word is set; the word
+/// belongs to the sink and is shared by all handlers of one name, so that a change of settings
+/// reaches every module at once. Always owned by a shared pointer (`getDebugHandler`).
+class DebugHandler : public std::enable_shared_from_this<DebugHandler> {
+ public:
+  DebugHandler(DebugHandler const&) = delete;
+  DebugHandler& operator=(DebugHandler const&) = delete;
+  virtual ~DebugHandler();
+
+  /// Switches one level, 0 to 15, for every handler of this name.
+  virtual void enabledIs(unsigned short level, bool enabled) = 0;
+  /// Writes the stream's text as one record, whether or not `level` is on.
+  virtual void dump(DebugStream& stream, unsigned short level, char const* file, char const* func,
+                    int line) const = 0;
+
+  bool enabled(unsigned short level) const {
+    return (__atomic_load_n(levelsEnabled_, __ATOMIC_RELAXED) & (1u << level)) != 0;
+  }
+  std::uint16_t const* levelsEnabled() const { return levelsEnabled_; }
+  std::string const& name() const { return name_; }
+
+ protected:
+  /// Starts on its own mask word, with every level off.
+  explicit DebugHandler(std::string const& name);
+
+  std::uint16_t localLevels_ = 0;
+  std::uint16_t const* levelsEnabled_ = &localLevels_;  // never null
+  std::string name_;
+};
+
+/// A new handler under `name`. Handlers of one name share one mask word. Any failure ends the
+/// process.
+std::shared_ptr<DebugHandler> getDebugHandler(std::string const& name) noexcept;
+
+/// Hands a finished text to the sink, which adds time, process and place. `noexcept`: a sink
+/// that fails ends the process.
+void dumpDebugMsg(std::string_view message, unsigned short level, DebugHandler const& handler,
+                  char const* file, char const* func, int line) noexcept;
+
+// The trace settings of the process. They are kept in its environment, hence inherited by child
+// processes, and take effect in every module at once; the grammars are in Zel/Trace.h. What the
+// host cannot read has no effect. The environment has no lock: these belong to start-up or to one
+// controlling thread, while no other thread reads or changes it. Null arguments do nothing.
+
+/// Adds a comma-separated list to the end of TRACE, where it wins over what stands before it.
+void setupBreloDebug(char const* settings) noexcept;
+/// Adds the list with a dash before each item, which switches off what the items switched on.
+void clearBreloDebug(char const* settings) noexcept;
+/// Prints the settings in force on standard output, one to a line, in their order.
+void dumpBreloDebugMap() noexcept;
+/// Makes `format` the TRACEFORMAT; an empty one means the host's default.
+void setTraceFormat(char const* format) noexcept;
+void clearTraceFormat() noexcept;
+
+}  // namespace Brelo::Platform
+
+namespace Brelo {
+
+/// A module's handler as a static object, with the mask word at hand: a disabled trace loads
+/// one pointer and tests one bit behind it.
+class ModuleTrace {
+ public:
+  explicit ModuleTrace(std::string const& name)
+      : handler_(Platform::getDebugHandler(name)), levels_(handler_->levelsEnabled()) {}
+
+  bool enabled(unsigned short level) const {
+    return (__atomic_load_n(levels_, __ATOMIC_RELAXED) & (1u << level)) != 0;
+  }
+  operator Platform::DebugHandler&() const { return *handler_; }
+
+ private:
+  std::shared_ptr<Platform::DebugHandler> handler_;
+  std::uint16_t const* levels_;
+};
+
+/// A mix-in for classes that trace through a handler of their own choice.
+class Debuggable {
+ public:
+  Debuggable() = default;
+  explicit Debuggable(std::shared_ptr<Platform::DebugHandler>& handler) : debugHandler_(handler) {}
+  /// Shares the handler; raises `std::bad_weak_ptr` if no shared pointer owns it.
+  explicit Debuggable(Platform::DebugHandler& handler)
+      : debugHandler_(handler.shared_from_this()) {}
+  explicit Debuggable(std::string const& name) : debugHandler_(Platform::getDebugHandler(name)) {}
+
+ protected:
+  std::shared_ptr<Platform::DebugHandler> debugHandler_;
+};
+
+namespace Impl {
+
+/// The text of a trace or an assertion: "file:line: " if asked for, then "cls::func() " unless
+/// `cls` is null, then the formatted rest.
+std::string vtracestr(bool withLocation, char const* cls, char const* file, char const* func,
+                      int line, fmt::string_view format, fmt::format_args args) noexcept;
+
+void vfmtrace(Platform::DebugHandler const& handler, unsigned short level, char const* cls,
+              char const* file, char const* func, int line, fmt::string_view format,
+              fmt::format_args args) noexcept;
+
+/// The text for an exception: returned, and traced first if `level` is on.
+std::string vfmthrow(Platform::DebugHandler const& handler, unsigned short level, char const* cls,
+                     char const* file, char const* func, int line, fmt::string_view format,
+                     fmt::format_args args) noexcept;
+
+}  // namespace Impl
+
+/// Writes one trace line, `cls::func() text`, or the text alone for a null `cls`. Does not test
+/// the level: that is the call site's duty (BRELO_TRACE).
+template <class... Args>
+void fmtrace(Platform::DebugHandler const& handler, unsigned short level, char const* file,
+             char const* func, int line, char const* cls, fmt::string_view format,
+             Args const&... args) {
+  Impl::vfmtrace(handler, level, cls, file, func, line, format, fmt::make_format_args(args...));
+}
+
+}  // namespace Brelo
+
+/// Traces at `level` if `handler`, a DebugHandler or a ModuleTrace, has that level on; else
+/// evaluates nothing. After `cls` come the format string and its arguments.
+#define BRELO_TRACE(handler, level, cls, ...)                                                 \
+  do {                                                                                        \
+    if (__builtin_expect((handler).enabled(level), 0))                                        \
+      ::Brelo::fmtrace((handler), (level), __FILE__, __func__, __LINE__, (cls), __VA_ARGS__); \
+  } while (0)

@@ -1,0 +1,246 @@
+#include "Brelo/LibeventControls.h"
+
+#include <event2/event_compat.h>
+#include <fcntl.h>
+#include <sys/time.h>
+
+#include <cassert>
+#include <cmath>
+#include <limits>
+
+#include "Brelo/Assert.h"
+#include "Brelo/LibeventFactory.h"
+#include "Brelo/LibeventState.h"
+
+namespace Brelo {
+
+using Impl::libeventTrace;
+
+namespace {
+
+// Half of the range, since libevent adds the clock's time to it.
+constexpr time_t longestSeconds = std::numeric_limits<time_t>::max() / 2;
+
+void assign(event* ev, int fd, short flags, event_callback_fn callback, void* self,
+            Platform::EventPriority priority) {
+  event_assign(ev, ev_base, fd, flags, callback, self);
+  eventPrioritySet(ev, priority);
+}
+
+}  // namespace
+
+void eventPrioritySet(event* ev, Platform::EventPriority priority) {
+  BRELO_TRACE(libeventTrace, 9, "Brelo", "Setting priority of {} to {}", DisplayPointer(ev),
+              priority);
+  int const rc = event_priority_set(ev, priority);
+  if (rc != 0) {
+    BRELO_FAIL("Brelo", "Failed to set priority on {} to {} rc {}", DisplayPointer(ev), priority,
+               rc);
+  }
+}
+
+timeval toTimeval(double seconds) {
+  if (!(seconds > 0)) return {0, 0};
+  if (seconds >= static_cast<double>(longestSeconds)) return {longestSeconds, 999999};
+  auto const whole = static_cast<time_t>(seconds);
+  return {whole, static_cast<suseconds_t>((seconds - static_cast<double>(whole)) * 1000000.0)};
+}
+
+LibeventTimerControl::LibeventTimerControl(Platform::TimeoutHandler* handler,
+                                           Platform::EventPriority priority)
+    : TimerControl(handler), eventPriority_(priority) {
+  leInit();
+  assign(&event_, -1, 0, nullptr, nullptr, eventPriority_);
+  Impl::leControlAdded();
+}
+
+LibeventTimerControl::~LibeventTimerControl() {
+  LibeventTimerControl::delTimeout();
+  Impl::leControlRemoved(event_get_base(&event_));
+}
+
+void LibeventTimerControl::setTimeout(double seconds) {
+  if (std::isnan(seconds)) BRELO_FAIL("LibeventTimerControl", "timeout is not a number");
+  delTimeout();
+  BRELO_TRACE(libeventTrace, 9, "LibeventTimerControl", "Timer {} set timeout {}",
+              DisplayPointer(this), seconds);
+  if (std::isinf(seconds) && seconds > 0) return;
+  timeval const tv = toTimeval(seconds);
+  assign(&event_, -1, 0, handleTimeout, this, eventPriority_);
+  event_add(&event_, &tv);
+}
+
+void LibeventTimerControl::delTimeout() {
+  BRELO_TRACE(libeventTrace, 9, "LibeventTimerControl", "Timer {} del timeout",
+              DisplayPointer(this));
+  event_del(&event_);
+}
+
+double LibeventTimerControl::remainingTimeout() const {
+  timeval expiry;
+  if (event_pending(&event_, EV_TIMEOUT, &expiry) == 0) {
+    return std::numeric_limits<double>::infinity();
+  }
+  timeval now;
+  gettimeofday(&now, nullptr);
+  if (timercmp(&expiry, &now, <)) return 0.0;
+  timeval rest;
+  timersub(&expiry, &now, &rest);
+  return static_cast<double>(rest.tv_sec) + static_cast<double>(rest.tv_usec) / 1e6;
+}
+
+void LibeventTimerControl::handleTimeout(int, short, void* self) {
+  try {
+    static_cast<LibeventTimerControl*>(self)->handler();
+  } catch (...) {
+    Impl::leKeepException();
+  }
+}
+
+void LibeventTimerControl::handler() {
+  BRELO_TRACE(libeventTrace, 9, "LibeventTimerControl", "Timer {} expired", DisplayPointer(this));
+  try {
+    handler_->timeout();
+  } catch (...) {
+    if (!handler_->handleTimeoutException()) throw;
+    BRELO_TRACE(libeventTrace, 9, "LibeventTimerControl",
+                "Timeout notification exception was handled");
+  }
+}
+
+LibeventCallbackControl::LibeventCallbackControl(Platform::CallbackHandler* handler)
+    : CallbackControl(handler), LibeventTimerControl(this, Platform::eventPriorityDefault) {}
+
+LibeventCallbackControl::~LibeventCallbackControl() {
+  LibeventCallbackControl::cancelCallback();
+}
+
+void LibeventCallbackControl::requestCallback() {
+  BRELO_TRACE(libeventTrace, 9, "LibeventCallbackControl", "Callback {} request",
+              DisplayPointer(this));
+  LibeventTimerControl::setTimeout(0.0);
+}
+
+void LibeventCallbackControl::cancelCallback() {
+  BRELO_TRACE(libeventTrace, 9, "LibeventCallbackControl", "Callback {} cancel",
+              DisplayPointer(this));
+  LibeventTimerControl::delTimeout();
+}
+
+bool LibeventCallbackControl::pendingCallback() const {
+  return std::isfinite(remainingTimeout());
+}
+
+void LibeventCallbackControl::timeout() {
+  BRELO_TRACE(libeventTrace, 9, "LibeventCallbackControl", "Callback {} execute",
+              DisplayPointer(this));
+  auto* const handler = CallbackControl::handler_;
+  try {
+    handler->callback();
+  } catch (...) {
+    if (!handler->handleCallbackException()) throw;
+    BRELO_TRACE(libeventTrace, 9, "LibeventCallbackControl",
+                "Callback notification exception was handled");
+  }
+}
+
+LibeventFdControl::LibeventFdControl(Platform::FdEventHandler* handler) : FdControl(handler) {
+  leInit();
+  assign(&readEvent_, -1, 0, nullptr, nullptr, Platform::eventPriorityDefault);
+  assign(&writeEvent_, -1, 0, nullptr, nullptr, Platform::eventPriorityDefault);
+  Impl::leControlAdded();
+}
+
+LibeventFdControl::~LibeventFdControl() {
+  LibeventFdControl::clearEvents();
+  Impl::leControlRemoved(event_get_base(&readEvent_));
+}
+
+void LibeventFdControl::setReads(bool on) {
+  reads_ = on;
+  if (fd_ < 0) return;
+  event_del(&readEvent_);
+  if (on) {
+    watch(&readEvent_, EV_READ | EV_PERSIST, handleFdRead);
+  } else {
+    readEvent_.ev_fd = -1;
+  }
+}
+
+void LibeventFdControl::setWrites(bool on) {
+  writes_ = on;
+  if (fd_ < 0) return;
+  event_del(&writeEvent_);
+  if (on) {
+    watch(&writeEvent_, EV_WRITE, handleFdWrite);
+  } else {
+    writeEvent_.ev_fd = -1;
+  }
+}
+
+void LibeventFdControl::setFd(int fd) {
+  fd_ = fd;
+  int const flags = fcntl(fd, F_GETFL);
+  assert(flags >= 0);
+  int const result = fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+  assert(result == 0);
+  if (reads_) {
+    event_del(&readEvent_);
+    watch(&readEvent_, EV_READ | EV_PERSIST, handleFdRead);
+  }
+  if (writes_) {
+    event_del(&writeEvent_);
+    watch(&writeEvent_, EV_WRITE, handleFdWrite);
+  }
+}
+
+void LibeventFdControl::clearEvents() {
+  event_del(&readEvent_);
+  event_del(&writeEvent_);
+  readEvent_.ev_fd = -1;
+  writeEvent_.ev_fd = -1;
+}
+
+void LibeventFdControl::delFd() {
+  clearEvents();
+  fd_ = -1;
+}
+
+void LibeventFdControl::watch(event* ev, short flags, event_callback_fn callback) {
+  assign(ev, fd_, flags, callback, this, Platform::eventPriorityDefault);
+  if (event_add(ev, nullptr) == 0) return;
+  // epoll refuses what cannot be polled, a regular file for instance, and what has been closed.
+  // Both are always ready, reported by a timer of zero, so that the client meets an error itself.
+  timeval const now{};
+  assign(ev, -1, 0, callback, this, Platform::eventPriorityDefault);
+  event_add(ev, &now);
+}
+
+template <class Notify>
+void LibeventFdControl::notify(Notify notify) {
+  try {
+    try {
+      notify();
+    } catch (...) {
+      if (!handler_->handleFdException(getFd())) throw;
+    }
+  } catch (...) {
+    Impl::leKeepException();
+  }
+}
+
+void LibeventFdControl::handleFdRead(int, short what, void* self) {
+  auto* const control = static_cast<LibeventFdControl*>(self);
+  if ((what & EV_TIMEOUT) != 0) {
+    timeval const now{};
+    event_add(&control->readEvent_, &now);
+  }
+  control->notify([control] { control->handler_->readFdEvent(control->getFd()); });
+}
+
+void LibeventFdControl::handleFdWrite(int, short, void* self) {
+  auto* const control = static_cast<LibeventFdControl*>(self);
+  control->notify([control] { control->handler_->writeFdEvent(control->getFd()); });
+}
+
+}  // namespace Brelo

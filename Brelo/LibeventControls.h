@@ -1,0 +1,85 @@
+#pragma once
+
+#include <event2/event.h>
+#include <event2/event_struct.h>
+
+#include "Brelo/Platform.h"
+
+/// The platform's controls over libevent. Made through `Platform::get...Control` or the
+/// `getLe...Control` functions of LibeventFactory.h; each belongs to the thread that made it and
+/// to that thread's event base, and `struct event` lies inside it, so that a control is one
+/// allocation. No exception crosses libevent: one that a handler lets pass breaks the loop, and
+/// the loop's entry throws it on.
+
+namespace Brelo {
+
+/// Sets the event's priority after `event_assign`, which resets it.
+void eventPrioritySet(event* ev, Platform::EventPriority priority);
+
+/// Whole seconds and microseconds, truncated; zero for a negative value, the largest time that
+/// can still be added to a clock for one beyond it.
+timeval toTimeval(double seconds);
+
+class LibeventTimerControl : public Platform::TimerControl {
+ public:
+  LibeventTimerControl(Platform::TimeoutHandler* handler, Platform::EventPriority priority);
+  ~LibeventTimerControl() override;
+
+  /// The time is cut to whole microseconds.
+  void setTimeout(double seconds) override;
+  void delTimeout() override;
+  double remainingTimeout() const override;
+
+ private:
+  static void handleTimeout(int fd, short what, void* self);
+  void handler();
+
+  Platform::EventPriority eventPriority_;
+  event event_;
+};
+
+/// A callback is its own timer's handler; a request is a timeout of zero.
+class LibeventCallbackControl : public Platform::CallbackControl,
+                                Platform::TimeoutHandler,
+                                LibeventTimerControl {
+ public:
+  explicit LibeventCallbackControl(Platform::CallbackHandler* handler);
+  ~LibeventCallbackControl() override;
+
+  void requestCallback() override;
+  void cancelCallback() override;
+  bool pendingCallback() const override;
+
+ private:
+  void timeout() override;
+};
+
+/// `clearEvents()` keeps the descriptor and both wishes, so that `setFd` brings the watches back.
+class LibeventFdControl : public Platform::FdControl {
+ public:
+  explicit LibeventFdControl(Platform::FdEventHandler* handler);
+  ~LibeventFdControl() override;
+
+  void setReads(bool on) override;
+  void setWrites(bool on) override;
+  /// A descriptor that is not open stops the process on the C library's assertion.
+  void setFd(int fd) override;
+  void delFd() override;
+  int getFd() const override { return fd_; }
+  void clearEvents() override;
+
+ private:
+  static void handleFdRead(int fd, short what, void* self);
+  static void handleFdWrite(int fd, short what, void* self);
+  void watch(event* ev, short flags, event_callback_fn callback);
+  template <class Notify>
+  void notify(Notify notify);
+
+  int fd_ = -1;
+  bool reads_ = true;
+  bool writes_ = false;
+  event readEvent_;
+  event writeEvent_;
+};
+
+}  // namespace Brelo

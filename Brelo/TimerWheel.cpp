@@ -1,0 +1,255 @@
+#include "Brelo/TimerWheel.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <utility>
+
+#include "Brelo/Assert.h"
+#include "Brelo/MemTrack.h"
+#include "Brelo/Thread.h"
+#include "Brelo/TimerWheelTrace.h"
+
+namespace Brelo {
+
+using Impl::timerWheelTrace;
+
+ModuleTrace const Impl::timerWheelTrace("BreloTimerWheel");
+
+namespace {
+
+constexpr timeout_t ticksPerSecond = 100;
+constexpr double never = std::numeric_limits<double>::infinity();
+
+/// The tick of a whole number of ticks, the first or the last one for a number beyond them.
+timeout_t toTick(double ticks) {
+  if (!(ticks > 0)) return 0;
+  if (ticks >= 0x1p64) return std::numeric_limits<timeout_t>::max();
+  return static_cast<timeout_t>(ticks);
+}
+
+// An expiry is rounded down and the present up, so that the wheel releases a timer early, by
+// less than two ticks, and never late.
+timeout_t expiryTick(double expiry) {
+  return toTick(std::floor(ticksPerSecond * expiry));
+}
+timeout_t currentTick(double now) {
+  return toTick(std::ceil(ticksPerSecond * now));
+}
+
+}  // namespace
+
+TimerWheel::TimersAtTimeout::TimersAtTimeout() {
+  tqh_first = nullptr;
+  tqh_last = &tqh_first;
+}
+
+TimerWheel::TimersAtTimeout::~TimersAtTimeout() {
+  if (tqh_first != nullptr) BRELO_FAIL("TimersAtTimeout", "Destroyed while non-empty");
+}
+
+void TimerWheel::TimersAtTimeout::pushBack(struct timeout* link) {
+  if (link->pending != nullptr) {
+    BRELO_FAIL("TimersAtTimeout", "pending set to {}", DisplayPointer(link->pending));
+  }
+  link->pending = this;
+  link->tqe.tqe_next = nullptr;
+  link->tqe.tqe_prev = tqh_last;
+  *tqh_last = link;
+  tqh_last = &link->tqe.tqe_next;
+}
+
+void TimerWheel::TimersAtTimeout::unlink(struct timeout* link) {
+  *link->tqe.tqe_prev = link->tqe.tqe_next;
+  if (link->tqe.tqe_next != nullptr) {
+    link->tqe.tqe_next->tqe.tqe_prev = link->tqe.tqe_prev;
+  } else {
+    tqh_last = link->tqe.tqe_prev;
+  }
+  link->pending = nullptr;
+}
+
+void TimerWheel::TimersAtTimeout::unlinkFromOwn(struct timeout* link) {
+  static_cast<TimersAtTimeout*>(link->pending)->unlink(link);
+}
+
+void TimerWheel::TimersAtTimeout::checkLinked(struct timeout const* link) const {
+  if (link->pending != this) {
+    BRELO_FAIL("TimersAtTimeout", "Event {} linked to {}", DisplayPointer(link),
+               DisplayPointer(link->pending));
+  }
+}
+
+TimerWheel::TimerWheel(Platform::EventPriority priority)
+    : masterTimerExpiry_(never),
+      masterTimer_(Platform::getTimerControl(this, priority)),
+      wheel_(timeouts_open(ticksPerSecond, &openError_)) {
+  if (openError_ != 0) BRELO_FAIL("TimerWheel", "Error code {}", openError_);
+  setCurrentTime(time());
+}
+
+TimerWheel::~TimerWheel() {
+  timeouts_close(wheel_);
+}
+
+void TimerWheel::setCurrentTime(double now) {
+  timeout_t const tick = currentTick(now);
+  BRELO_TRACE(timerWheelTrace, 8, "TimerWheel", "advance time to {} tick {}", now, tick);
+  timeouts_update(wheel_, tick);
+}
+
+void TimerWheel::timerStart(TimerWheelEvent* event, double seconds) {
+  if (std::isnan(seconds)) BRELO_FAIL("TimerWheel", "timeout is not a number");
+  double const expiry = time() + seconds;
+  if (expiry == event->expirationTime_) return;
+  if (event->expirationTime_ != never) timerStop(event);
+  if (expiry == never) return;
+  event->expirationTime_ = expiry;
+  timeout_t const tick = expiryTick(expiry);
+  BRELO_TRACE(timerWheelTrace, 9, "TimerWheel", "timer {} set timeout {} expire at {} tick {}",
+              DisplayPointer(event), seconds, expiry, tick);
+  timeouts_add(wheel_, &event->timeoutLink_, tick);
+  event->stateIs(TimerWheelState::inTimerWheel);
+  if (masterTimerExpiry_ > expiry) setMasterTimer();
+}
+
+void TimerWheel::timerStop(TimerWheelEvent* event) {
+  if (event->expirationTime_ == never) {
+    BRELO_TRACE(timerWheelTrace, 9, "TimerWheel", "timer {} del timeout, not running",
+                DisplayPointer(event));
+    return;
+  }
+  BRELO_TRACE(timerWheelTrace, 9, "TimerWheel", "timer {} del timeout", DisplayPointer(event));
+  switch (event->state()) {
+    case TimerWheelState::inTimerWheel:
+      timeouts_del(wheel_, &event->timeoutLink_);
+      event->stateIs(TimerWheelState::notLinked);
+      break;
+    case TimerWheelState::inTimersExpiryingSoon:
+      timersExpiryingSoonRemove(event);
+      break;
+    case TimerWheelState::notLinked:
+      BRELO_FAIL("TimerWheel", "Not linked but expirationTime={}", event->expirationTime_);
+  }
+  event->expirationTime_ = never;
+}
+
+void TimerWheel::timersExpiryingSoonRemove(TimerWheelEvent* event) {
+  if (event->state() != TimerWheelState::inTimersExpiryingSoon) {
+    BRELO_FAIL("TimerWheel", "Removing from timersExpiryingSoon in state {}",
+               timerWheelStateToString(event->state()));
+  }
+  if (event->timeoutLink_.pending == nullptr) BRELO_FAIL("TimerWheel", "No timersAtTimeout");
+  TimersAtTimeout::unlinkFromOwn(&event->timeoutLink_);
+  event->stateIs(TimerWheelState::notLinked);
+}
+
+double TimerWheel::firstExpiryTime() const {
+  for (auto const& [expiry, timers] : timersExpiryingSoon) {
+    if (timers.first() != nullptr) return expiry;
+  }
+  return never;
+}
+
+void TimerWheel::setMasterTimer() {
+  double const now = time();
+  setCurrentTime(now);
+  if (double const first = firstExpiryTime(); first != never) {
+    if (now >= first) {
+      BRELO_TRACE(timerWheelTrace, 8, "TimerWheel",
+                  "has expired timers, firstExpiryTime={} now={}, set master timer timeout 0",
+                  first, now);
+      masterTimer_->setTimeout(0.0);
+    } else {
+      BRELO_TRACE(timerWheelTrace, 8, "TimerWheel",
+                  "has scheduled timers, firstExpiryTime={} now={}, set master timer timeout {}",
+                  first, now, first - now);
+      masterTimer_->setTimeout(first - now);
+    }
+    masterTimerExpiry_ = first;
+  } else if (timeouts_expired(wheel_)) {
+    BRELO_TRACE(timerWheelTrace, 8, "TimerWheel", "has expired timers, set master timer timeout 0");
+    masterTimer_->setTimeout(0.0);
+    masterTimerExpiry_ = 0.0;
+  } else if (timeouts_pending(wheel_)) {
+    timeout_t const ticks = timeouts_timeout(wheel_);
+    double const seconds = static_cast<double>(ticks) / double{ticksPerSecond};
+    BRELO_TRACE(timerWheelTrace, 8, "TimerWheel",
+                "has scheduled timers, first timer expiry in {} ticks, set master timer timeout {}",
+                ticks, seconds);
+    masterTimer_->setTimeout(seconds);
+    masterTimerExpiry_ = seconds + now;
+  } else {
+    BRELO_TRACE(timerWheelTrace, 8, "TimerWheel", "has no timers, del master timer timeout");
+    masterTimer_->delTimeout();
+    masterTimerExpiry_ = never;
+  }
+}
+
+void TimerWheel::drainWheel() {
+  // Sorted first, since a map takes sorted keys in constant time and lays them out in order.
+  released_.clear();
+  while (struct timeout* const link = timeouts_get(wheel_)) {
+    TimerWheelEvent* const event = TimerWheelEvent::timeoutLink2TimerWheelEvent(link);
+    event->stateIs(TimerWheelState::notLinked);
+    released_.push_back({event->expirationTime_, released_.size(), event});
+  }
+  std::sort(released_.begin(), released_.end());
+  auto next = timersExpiryingSoon.end();
+  for (Released const& released : released_) {
+    next = timersExpiryingSoon.try_emplace(next, released.expiry);
+    released.event->stateIs(TimerWheelState::inTimersExpiryingSoon);
+    next->second.pushBack(&released.event->timeoutLink_);
+    ++next;
+  }
+}
+
+void TimerWheel::timeout() {
+  BRELO_TRACE(timerWheelTrace, 8, "TimerWheel", "master timer expired");
+  double const now = time();
+  setCurrentTime(now);
+  drainWheel();
+  // The first entry is looked up anew after each handler, which may stop other timers and may
+  // run the loop, and with it this function.
+  while (!timersExpiryingSoon.empty()) {
+    auto const at = timersExpiryingSoon.begin();
+    if (at->first > now) {
+      BRELO_TRACE(timerWheelTrace, 9, "TimerWheel",
+                  "Defer processing timers with expiry time {} > now {}", at->first, now);
+      break;
+    }
+    TimersAtTimeout& timers = at->second;
+    struct timeout* const link = timers.first();
+    if (link == nullptr) {
+      timersExpiryingSoon.erase(at);
+      continue;
+    }
+    timers.checkLinked(link);
+    timers.unlink(link);
+    TimerWheelEvent* const event = TimerWheelEvent::timeoutLink2TimerWheelEvent(link);
+    event->stateIs(TimerWheelState::notLinked);
+    timerExpired(event);
+  }
+  setMasterTimer();
+}
+
+void TimerWheel::timerExpired(TimerWheelEvent* event) {
+  BRELO_TRACE(timerWheelTrace, 9, "TimerWheel", "timer {} expired", DisplayPointer(event));
+  event->expirationTime_ = never;
+  event->timeout();
+}
+
+std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler(Platform::EventPriority priority) {
+  return makeTracked<TimerWheel>(priority);
+}
+
+std::shared_ptr<TimerWheel> getTimerWheel() {
+  if (hasThreadLocalSingletons()) {
+    thread_local auto const wheel = makeTracked<TimerWheel>(Platform::eventPriorityDefault);
+    return wheel;
+  }
+  static auto const wheel = makeTracked<TimerWheel>(Platform::eventPriorityDefault);
+  return wheel;
+}
+
+}  // namespace Brelo

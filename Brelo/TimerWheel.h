@@ -1,0 +1,146 @@
+#pragma once
+
+#include <timeout.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Brelo/Platform.h"
+#include "Zel/AllocTrack.h"
+
+namespace Brelo {
+
+class TimerWheel;
+
+/// Where a timer is.
+enum class TimerWheelState : std::uint8_t {
+  notLinked = 0,
+  inTimerWheel = 1,           ///< waits for its tick
+  inTimersExpiryingSoon = 2,  ///< its tick has come, its exact time perhaps not
+};
+
+/// The name of the state, "unknownState" for anything else.
+std::string timerWheelStateToString(TimerWheelState state);
+
+/// Whatever can sit on a wheel: a one-shot timer with an exact expiry.
+///
+/// Its owner stops it before it ends: destroying a running one is an assertion. It belongs to the
+/// wheel's thread and is on one wheel at a time, which each operation is given.
+class TimerWheelEvent {
+ public:
+  TimerWheelEvent();
+  TimerWheelEvent(TimerWheelEvent const&) = delete;
+  TimerWheelEvent& operator=(TimerWheelEvent const&) = delete;
+
+  /// The expiry. The timer counts as stopped already, and may be started again from here.
+  virtual void timeout() = 0;
+  virtual ~TimerWheelEvent();
+
+  /// Starts the timer, or moves it. Positive infinity stops it; not-a-number is an assertion;
+  /// zero or less fires at the next pass of the loop.
+  void setTimeout(std::shared_ptr<TimerWheel> const& wheel, double seconds);
+  void delTimeout(std::shared_ptr<TimerWheel> const& wheel);
+  /// Seconds to the expiry, 0.0 if it has passed, positive infinity for a timer that is stopped.
+  double remainingTimeout() const;
+  /// The absolute expiry on the clock of `Brelo::time()`; positive infinity when stopped.
+  double expirationTime() const { return expirationTime_; }
+
+  TimerWheelState state() const;
+  /// Every move between the two other states goes through `notLinked`: another is an assertion.
+  void stateIs(TimerWheelState state);
+
+ private:
+  friend class TimerWheel;
+
+  static TimerWheelEvent* timeoutLink2TimerWheelEvent(struct timeout* link);
+
+  // Its `flags` hold the state, in bits that the wheel library leaves to its clients.
+  struct timeout timeoutLink_;
+  double expirationTime_;
+};
+
+/// Any number of timers on one timer of the platform.
+///
+/// Timers never fire before their exact time, and fire in the order of their exact times.
+/// Starting and stopping one that is not the first takes constant time and touches neither the
+/// heap nor the event loop. Held through shared pointers; belongs to the thread of its master
+/// timer, which runs on that thread's backend. An exception of a timer's handler leaves the
+/// loop; the timers behind it stay, and wake again when one is started that becomes the first.
+class TimerWheel : Platform::TimeoutHandler {
+ public:
+  explicit TimerWheel(Platform::EventPriority priority);
+  TimerWheel(TimerWheel const&) = delete;
+  TimerWheel& operator=(TimerWheel const&) = delete;
+  /// No timer may be on it.
+  ~TimerWheel() override;
+
+  void timerStart(TimerWheelEvent* event, double seconds);
+  void timerStop(TimerWheelEvent* event);
+
+ private:
+  /// The timers of one exact expiry, in the order in which the wheel released them. Shares the
+  /// links of the wheel library, which are free by then.
+  class TimersAtTimeout : timeout_list {
+   public:
+    TimersAtTimeout();
+    TimersAtTimeout(TimersAtTimeout const&) = delete;
+    TimersAtTimeout& operator=(TimersAtTimeout const&) = delete;
+    ~TimersAtTimeout();
+
+    struct timeout* first() const {
+      return tqh_first;
+    }
+    void pushBack(struct timeout* link);
+    void unlink(struct timeout* link);
+    void checkLinked(struct timeout const* link) const;
+    static void unlinkFromOwn(struct timeout* link);
+  };
+
+  /// A timer on its way from the wheel to the map, in the order of expiry and release.
+  struct Released {
+    double expiry;
+    std::size_t order;
+    TimerWheelEvent* event;
+
+    bool operator<(Released const& other) const {
+      return expiry != other.expiry ? expiry < other.expiry : order < other.order;
+    }
+  };
+
+  void timeout() override;
+  void drainWheel();
+  void setCurrentTime(double now);
+  void setMasterTimer();
+  double firstExpiryTime() const;
+  void timersExpiryingSoonRemove(TimerWheelEvent* event);
+  void timerExpired(TimerWheelEvent* event);
+
+  int openError_ = 0;
+  double masterTimerExpiry_;
+  std::shared_ptr<Platform::TimerControl> masterTimer_;
+  timeouts* wheel_;
+  std::map<double, TimersAtTimeout, std::less<double>,
+           Zel::AllocTrackAllocator<std::pair<double const, TimersAtTimeout>>>
+      timersExpiryingSoon;
+  std::vector<Released> released_;  // empty between passes, but for its memory
+};
+
+/// The shared wheel: the thread's own where singletons are thread-local, else the process's.
+std::shared_ptr<TimerWheel> getTimerWheel();
+
+/// A new wheel, whose master timer has that priority.
+std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler(Platform::EventPriority priority);
+
+namespace Platform {
+
+/// A timer on a wheel. Its owner stops it before letting go of it.
+std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
+                                              std::shared_ptr<TimerWheel> wheel);
+
+}  // namespace Platform
+
+}  // namespace Brelo

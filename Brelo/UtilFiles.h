@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "Brelo/Debug.h"
+
+/// Small operations on files with one policy for failure: it is traced through the handler given,
+/// and the result says so; what throws says so below.
+///
+/// Nothing is kept between calls, and any thread may call. Files that are made here get exactly
+/// the mode 0666: `touch` and `fileWrite` set the process's umask to 0 for their time, so files
+/// that other threads make meanwhile escape the mask as well.
+
+namespace Brelo::Util {
+
+/// Makes an empty file unless there is one, whose contents and times are left alone. False if it
+/// cannot be opened or closed.
+bool touch(Platform::DebugHandler& handler, std::string const& path);
+
+/// Makes the file, or replaces its contents, with a single write. A short write is traced and is
+/// no failure. A failure throws a `RuntimeException` whose text is `data`, unless `noThrow`.
+void fileWrite(Platform::DebugHandler& handler, std::string const& path, std::string const& data,
+               bool noThrow);
+
+/// The contents up to the first NUL byte; empty if they cannot be read, and perhaps a part of
+/// them if that fails half way. `traceFailure` is for a file that should be there.
+std::string fileRead(Platform::DebugHandler& handler, std::string const& path, bool traceFailure);
+
+/// False also if the file cannot be looked at.
+bool fileExists(Platform::DebugHandler& handler, std::string const& path);
+/// True if the file is gone, also if it was never there.
+bool fileRemove(Platform::DebugHandler& handler, std::string const& path);
+
+/// In bytes; 0 also on failure.
+std::uint64_t fileSize(Platform::DebugHandler& handler, std::string const& path);
+std::uint64_t fileSize(Platform::DebugHandler& handler, int fd);
+/// `header + entries * entrySize`. A sum beyond 64 bits throws a `RuntimeException`.
+std::uint64_t fileSizeHelper(unsigned long entries, unsigned long entrySize, unsigned long header);
+
+/// `ftruncate(fd, size)`, with its result and its `errno`; `path` is for the trace.
+int truncate(Platform::DebugHandler& handler, std::string const& path, int fd, long size);
+
+/// A file format's magic number as the text that it starts its files with: the bytes in memory
+/// order, up to the first zero.
+std::string decodeMagic(unsigned long magic);
+
+}  // namespace Brelo::Util

@@ -1,0 +1,7 @@
+#include "Brelo/UtilTrace.h"
+
+namespace Brelo {
+
+ModuleTrace const Impl::utilTrace("BreloUtil");
+
+}  // namespace Brelo

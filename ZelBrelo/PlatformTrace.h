@@ -1,0 +1,10 @@
+#pragma once
+
+#include "Brelo/Debug.h"
+
+/// The module handler "ZelBrelo"; not for clients.
+namespace ZelBrelo {
+
+[[gnu::visibility("hidden")]] extern Brelo::ModuleTrace const platformTrace;
+
+}  // namespace ZelBrelo
