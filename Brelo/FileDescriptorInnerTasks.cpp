@@ -1,0 +1,39 @@
+#include "Brelo/FileDescriptorInnerTasks.h"
+
+#include "Brelo/SteadyNow.h"
+
+namespace Brelo {
+
+using Impl::steadyNow;
+
+FileDescriptorTask::ReadWriteTaskBase::ReadWriteTaskBase(FileDescriptorTask* owner,
+                                                         char const* suffix)
+    : Task(owner->taskScheduler(), owner->taskPriority(), owner->taskName() + suffix),
+      fileDescriptorTask_(owner) {
+  if (owner->taskStatsName() != owner->taskName()) {
+    taskStatsNameIs(owner->taskStatsName() + suffix);
+  }
+}
+
+void FileDescriptorTask::ReadWriteTaskBase::handleTaskBusy() {
+  if (fileDescriptorTask_ == nullptr) return;
+  fileDescriptorTask_->taskBusyIs(fileDescriptorTask_->taskScheduled(), steadyNow());
+}
+
+void FileDescriptorTask::ReadTask::handleResetStats() {
+  if (fileDescriptorTask_ != nullptr) fileDescriptorTask_->handleResetStats();
+}
+
+void FileDescriptorTask::ReadTask::taskExecute() {
+  if (fileDescriptorTask_ == nullptr) return;
+  auto const held = fileDescriptorTask_->shared_from_this();
+  fileDescriptorTask_->_taskExecuteReadable();
+}
+
+void FileDescriptorTask::WriteTask::taskExecute() {
+  if (fileDescriptorTask_ == nullptr) return;
+  auto const held = fileDescriptorTask_->shared_from_this();
+  fileDescriptorTask_->_taskExecuteWritable();
+}
+
+}  // namespace Brelo

@@ -1,0 +1,193 @@
+#include "Brelo/FileDescriptorTask.h"
+
+#include <utility>
+
+#include "Brelo/Assert.h"
+#include "Brelo/FileDescriptorInnerTasks.h"
+#include "Brelo/SchedulerDiagnostics.h"
+#include "Brelo/SteadyNow.h"
+#include "Brelo/TaskScheduler.h"
+
+namespace Brelo {
+
+using Impl::steadyNow;
+
+FileDescriptorTask::FileDescriptorTask(std::shared_ptr<TaskScheduler> scheduler,
+                                       TaskPriority priority, std::string name)
+    : _TaskBase(std::move(scheduler), priority, name), fdControl_(Platform::getFdControl(this)) {
+  initialize();
+}
+
+FileDescriptorTask::FileDescriptorTask(TaskScheduler* scheduler, TaskPriority priority,
+                                       std::string name)
+    : _TaskBase(sharedScheduler(scheduler), priority, name),
+      fdControl_(Platform::getFdControl(this)) {
+  initialize();
+}
+
+void FileDescriptorTask::initialize() {
+  readTask_ = makeTracked<ReadTask>(this, ":read");
+  taskWatchReadableIs(true);
+  taskWatchWritableIs(false);
+}
+
+FileDescriptorTask::~FileDescriptorTask() {
+  readTask_->orphanIs();
+  if (writeTask_ != nullptr) writeTask_->orphanIs();
+  writeTask_.reset();
+  readTask_.reset();
+  fdControl_.reset();
+}
+
+void FileDescriptorTask::checkCreateWriteTask() {
+  if (writeTask_ != nullptr) return;
+  writeTask_ = makeTracked<WriteTask>(this, ":write");
+  if (readTask_->taskTestYieldRatio() != 1) writeTask_->taskQuantumIs(readTask_->taskQuantum());
+  writeTask_->taskSuspendedIs(readTask_->taskSuspended());
+  writeTask_->taskTestYieldRatioIs(readTask_->taskTestYieldRatio());
+}
+
+void FileDescriptorTask::taskStatsNameIs(std::string name) {
+  _TaskBase::taskStatsNameIs(name);
+  readTask_->taskStatsNameIs(name + ":read");
+  if (writeTask_ != nullptr) writeTask_->taskStatsNameIs(name + ":write");
+}
+
+void FileDescriptorTask::taskWatchFdIs(int fd) {
+  if (fd == taskWatchFd()) return;
+  unscheduleBoth();
+  fdControl_->setFd(fd);
+}
+
+void FileDescriptorTask::taskWatchFdDel() {
+  unscheduleBoth();
+  fdControl_->delFd();
+}
+
+void FileDescriptorTask::unscheduleBoth() {
+  readTask_->unscheduleTask();
+  if (writeTask_ != nullptr) writeTask_->unscheduleTask();
+}
+
+void FileDescriptorTask::taskWatchReadableIs(bool on) {
+  if (on == taskWatchReadable_) return;
+  taskWatchReadable_ = on;
+  fdControl_->setReads(on);
+  if (!on) readTask_->unscheduleTask();
+}
+
+void FileDescriptorTask::taskWatchWritableIs(bool on) {
+  if (on == taskWatchWritable_) return;
+  checkCreateWriteTask();
+  taskWatchWritable_ = on;
+  fdControl_->setWrites(on);
+  if (!on) writeTask_->unscheduleTask();
+}
+
+void FileDescriptorTask::scheduleTaskReadable() {
+  readTask_->TaskImpl::scheduleTask();
+}
+
+void FileDescriptorTask::scheduleTaskWritable() {
+  checkCreateWriteTask();
+  writeTask_->TaskImpl::scheduleTask();
+}
+
+bool FileDescriptorTask::taskScheduledReadable() const {
+  return readTask_->taskScheduled();
+}
+
+bool FileDescriptorTask::taskScheduledWritable() const {
+  return writeTask_ != nullptr && writeTask_->taskScheduled();
+}
+
+bool FileDescriptorTask::taskScheduled() const {
+  return taskScheduledReadable() || taskScheduledWritable();
+}
+
+void FileDescriptorTask::readFdEvent(int fd) {
+  BRELO_SCHEDULER_ASSERT(taskWatchReadable_, "readFdEvent() called with taskWatchReadable off");
+  BRELO_SCHEDULER_ASSERT(fd == taskWatchFd(), "Notified about ", fd, " watching ", taskWatchFd());
+  taskHistoryInsert(steadyNow(), TaskSchedulerEventType::fdReadable);
+  scheduleTaskReadable();
+}
+
+void FileDescriptorTask::writeFdEvent(int fd) {
+  BRELO_SCHEDULER_ASSERT(taskWatchWritable_, "writeFdEvent() called with taskWatchWritable off");
+  BRELO_SCHEDULER_ASSERT(fd == taskWatchFd(), "Notified about ", fd, " watching ", taskWatchFd());
+  taskHistoryInsert(steadyNow(), TaskSchedulerEventType::fdWritable);
+  scheduleTaskWritable();
+}
+
+void FileDescriptorTask::_taskExecuteReadable() {
+  if (!taskWatchReadable_) {
+    BRELO_FAIL("FileDescriptorTask", "ReadTask should only run if taskWatchReadable");
+  }
+  if (executingTask_ != nullptr) BRELO_FAIL("FileDescriptorTask", "Executing task already set");
+  executingTask_ = readTask_.get();
+  taskExecuteReadable();
+  executingTask_ = nullptr;
+}
+
+void FileDescriptorTask::_taskExecuteWritable() {
+  taskWatchWritableIs(false);
+  if (executingTask_ != nullptr) BRELO_FAIL("FileDescriptorTask", "Executing task already set");
+  executingTask_ = writeTask_.get();
+  taskExecuteWritable();
+  executingTask_ = nullptr;
+}
+
+TaskImpl& FileDescriptorTask::executingTask() const {
+  BRELO_SCHEDULER_ASSERT(executingTask_ != nullptr, "Task: ", this, " not currently running");
+  return *executingTask_;
+}
+
+bool FileDescriptorTask::taskShouldYield() const {
+  return executingTask().taskShouldYield();
+}
+
+void FileDescriptorTask::taskWorkCountInc(unsigned long count) {
+  executingTask().taskWorkCountInc(count);
+}
+
+void FileDescriptorTask::taskWorkPendingIs(unsigned pending) {
+  executingTask().taskWorkPendingIs(pending);
+}
+
+void FileDescriptorTask::taskQuantumIs(TaskTimeDuration quantum) {
+  readTask_->taskQuantumIs(quantum);
+  if (writeTask_ != nullptr) writeTask_->taskQuantumIs(quantum);
+}
+
+void FileDescriptorTask::taskSuspendedIs(bool suspended) {
+  readTask_->taskSuspendedIs(suspended);
+  if (writeTask_ != nullptr) writeTask_->taskSuspendedIs(suspended);
+}
+
+void FileDescriptorTask::taskForceYieldInTestIs(bool on) {
+  readTask_->taskForceYieldInTestIs(on);
+  if (writeTask_ != nullptr) writeTask_->taskForceYieldInTestIs(on);
+}
+
+void FileDescriptorTask::taskTestYieldRatioIs(unsigned char ratio) {
+  readTask_->taskTestYieldRatioIs(ratio);
+  if (writeTask_ != nullptr) writeTask_->taskTestYieldRatioIs(ratio);
+}
+
+TaskTimeDuration FileDescriptorTask::taskQuantum() const {
+  return readTask_->taskQuantum();
+}
+
+bool FileDescriptorTask::taskSuspended() const {
+  return readTask_->taskSuspended();
+}
+
+bool FileDescriptorTask::taskForceYieldInTest() const {
+  return readTask_->taskForceYieldInTest();
+}
+
+unsigned char FileDescriptorTask::taskTestYieldRatio() const {
+  return readTask_->taskTestYieldRatio();
+}
+
+}  // namespace Brelo

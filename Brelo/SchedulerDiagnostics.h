@@ -1,0 +1,31 @@
+#pragma once
+
+#include "Brelo/Debug.h"
+
+/// What the scheduler's sources share for traces and assertions; not for clients.
+
+namespace Brelo::Impl {
+
+/// The module handler "TaskScheduler".
+[[gnu::visibility("hidden")]] extern ModuleTrace const schedulerTrace;
+
+/// Ends the process through the C library's assertion, with the stream's text as expression.
+[[noreturn]] void schedulerAssertFail(Platform::DebugStream const& text, char const* func,
+                                      unsigned line);
+
+template <class... Parts>
+[[noreturn, gnu::cold, gnu::noinline]] void schedulerFail(char const* func, unsigned line,
+                                                          Parts const&... parts) {
+  Platform::DebugStream text;
+  (text << ... << parts);
+  schedulerAssertFail(text, func, line);
+}
+
+}  // namespace Brelo::Impl
+
+/// Fails with the parts after the condition, written to a stream one after the other.
+#define BRELO_SCHEDULER_ASSERT(condition, ...)                       \
+  do {                                                               \
+    if (__builtin_expect(!(condition), 0))                           \
+      ::Brelo::Impl::schedulerFail(__func__, __LINE__, __VA_ARGS__); \
+  } while (0)

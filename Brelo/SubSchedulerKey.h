@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+#include "Brelo/TaskStat.h"
+
+/// Not for clients.
+namespace Brelo::Impl {
+
+/// The key of a group's scheduler in a document: the parent task's name and address. The record
+/// of any other task is an assertion.
+std::string subSchedulerKey(TaskStat const& parentTask);
+
+}  // namespace Brelo::Impl

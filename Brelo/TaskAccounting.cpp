@@ -1,0 +1,97 @@
+// The counters that a task keeps of its runs and its work.
+
+#include <algorithm>
+
+#include "Brelo/SchedulerDiagnostics.h"
+#include "Brelo/TaskGroup.h"
+#include "Brelo/TaskImpl.h"
+#include "Brelo/TaskScheduler.h"
+#include "Zel/System.h"
+
+namespace Brelo {
+
+using Impl::schedulerTrace;
+
+void TaskImpl::doUpdateSchedulingLatency(TaskTimePoint const& now) {
+  taskLastSchedulingLatency = now - taskScheduleTime_;
+  taskSchedulingLatencyHighWaterMark =
+      std::max(taskSchedulingLatencyHighWaterMark, taskLastSchedulingLatency);
+}
+
+void TaskImpl::accountForRun(TaskTimePoint const& end) {
+  TaskTimeDuration const used =
+      taskShouldYieldMode_ == yieldModeVirtualTime
+          ? time2Duration(Zel::System::currentTime() - taskScheduler_->virtualRunStartTime())
+          : TaskTimeDuration(end - taskRunStartTime_);
+  std::int64_t const ns = used.count();
+  std::int64_t const quantum = taskQuantum_.count();
+  // Divided rather than multiplied, so that no quantum is too large.
+  if (quantum == 0 || ns / 2 < quantum) {
+    BRELO_TRACE(schedulerTrace, 7, "TaskImpl", "Ran {} used {}", *this, used);
+  } else {
+    BRELO_TRACE(
+        schedulerTrace, 5, "TaskImpl", "Ran {} used {} {}% violation", *this, used,
+        static_cast<std::int64_t>(static_cast<double>(ns) / static_cast<double>(quantum) * 100));
+    ++(ns / 5 < quantum ? taskQuantumViolation200 : taskQuantumViolation500);
+  }
+  taskRunTimeHighWaterMark = std::max(taskRunTimeHighWaterMark, used);
+  taskTotalRunTime += used;
+}
+
+void TaskImpl::taskWorkCountInc(unsigned long count) {
+  auto const units = static_cast<float>(count);
+  taskWorkCountTotal += count;
+  if (!taskWorkCountHighWaterMark.isSet()) {
+    taskWorkCountDecayAvg = units;
+  } else {
+    taskWorkCountDecayAvg = (9.0F * taskWorkCountDecayAvg + units) / 10.0F;
+    if (count <= taskWorkCountHighWaterMark.value()) return;
+  }
+  taskWorkCountHighWaterMark = TaskMaybeU32(static_cast<std::uint32_t>(count));
+}
+
+void TaskImpl::taskWorkPendingIs(unsigned pending) {
+  taskWorkPending = pending;
+  if (!taskWorkPendingHighWaterMark.isSet() || pending > taskWorkPendingHighWaterMark.value()) {
+    taskWorkPendingHighWaterMark = TaskMaybeU32(pending);
+  }
+}
+
+TaskStat::TaskStatus TaskImpl::taskStatus() const {
+  TaskStat::TaskStatus status;
+  status.taskCurrentlyRunningIs(taskCurrentlyRunning_);
+  status.taskOnRunQueueIs(onRunQueue());
+  status.taskSuspendedIs(taskSuspended_);
+  status.taskIsTaskGroupIs(isTaskGroup() != nullptr);
+  return status;
+}
+
+TaskStat TaskImpl::getStats() const {
+  return TaskStat(taskNameRef(), TaskKey(this), taskPriority(), taskRunCount, taskTotalRunTime,
+                  taskWorkCountTotal, taskWorkCountDecayAvg, taskWorkCountHighWaterMark,
+                  taskWorkPending, taskWorkPendingHighWaterMark, taskQuantumViolation500,
+                  taskQuantumViolation200, taskRunTimeHighWaterMark, taskLastSchedulingLatency,
+                  taskSchedulingLatencyHighWaterMark, taskStatus());
+}
+
+void TaskImpl::zeroStats() {
+  taskLastSchedulingLatency = {};
+  taskSchedulingLatencyHighWaterMark = {};
+  taskTotalRunTime = {};
+  taskRunTimeHighWaterMark = {};
+  taskWorkCountTotal = 0;
+  taskWorkCountDecayAvg = 0;
+  taskWorkCountHighWaterMark = {};
+  taskWorkPending = 0;
+  taskWorkPendingHighWaterMark = {};
+  taskQuantumViolation500 = 0;
+  taskQuantumViolation200 = 0;
+  taskRunCount = 0;
+}
+
+void TaskImpl::resetStats() {
+  zeroStats();
+  handleResetStats();
+}
+
+}  // namespace Brelo

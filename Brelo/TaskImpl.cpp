@@ -1,0 +1,152 @@
+#include "Brelo/TaskImpl.h"
+
+#include "Brelo/SchedulerDiagnostics.h"
+#include "Brelo/SteadyNow.h"
+#include "Brelo/TaskGroup.h"
+#include "Brelo/TaskScheduler.h"
+#include "Brelo/TaskSchedulerRoot.h"
+#include "Zel/System.h"
+
+namespace Brelo {
+
+using Impl::schedulerTrace;
+using Impl::steadyNow;
+
+TaskImpl::TaskImpl(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+                   std::string const& name)
+    : _TaskBase(std::move(scheduler), priority, name),
+      taskSuspended_(false),
+      taskQuantum_(taskScheduler_->defaultTaskQuantum()) {
+  includeInCompletedTaskIs(true);
+  taskShouldYieldModeReevaluate();
+  handleInitialized();
+}
+
+void TaskImpl::handleInitialized() {
+  taskScheduler_->taskRegister(this);
+}
+
+TaskImpl::~TaskImpl() {
+  taskForceYieldInTestIs(false);
+  if (taskMagicNumber_ == taskMagicNumberConstructed) handleDestroy();
+}
+
+void TaskImpl::handleDestroy() {
+  unscheduleTask();
+  taskScheduler_->taskUnregister(this);
+  // Volatile, since a plain store into an object that is ending would be dropped.
+  static_cast<std::uint32_t volatile&>(taskMagicNumber_) = taskMagicNumberEnded;
+}
+
+void TaskImpl::sanityCheckCurrentRunningThread() const {
+  taskScheduler_->root().sanityCheckCurrentRunningThread();
+}
+
+void TaskImpl::taskStatsNameIs(std::string name) {
+  _TaskBase::taskStatsNameIs(std::move(name));
+}
+
+bool TaskImpl::taskScheduled() const {
+  sanityCheckCurrentRunningThread();
+  return onRunQueue();
+}
+
+void TaskImpl::scheduleTask() {
+  sanityCheckCurrentRunningThread();
+  if (onRunQueue()) return;
+  TaskTimePoint const now = steadyNow();
+  if (taskSuspended_) {
+    taskHistoryInsert(now, TaskSchedulerEventType::scheduleWhileSuspended);
+    return;
+  }
+  BRELO_TRACE(schedulerTrace, 8, "TaskImpl", "Scheduled {}", *this);
+  taskHistoryInsert(now, TaskSchedulerEventType::schedule);
+  taskScheduleTime_ = now;
+  taskScheduler_->enqueue(*this);
+  taskScheduler_->schedulerHasRunnableTasksIs(true, now);
+  taskBusyIs(taskScheduled(), now);
+}
+
+void TaskImpl::unscheduleTask() {
+  sanityCheckCurrentRunningThread();
+  TaskTimePoint const now = steadyNow();
+  unscheduleTaskPrivate(now);
+  taskBusyIs(taskScheduled(), now);
+}
+
+void TaskImpl::unscheduleTaskPrivate(TaskTimePoint const& now) {
+  if (!onRunQueue()) return;
+  BRELO_TRACE(schedulerTrace, 8, "TaskImpl", "Unscheduled {}", *this);
+  taskHistoryInsert(now, TaskSchedulerEventType::unschedule);
+  taskScheduler_->unscheduleTask(now, this);
+}
+
+void TaskImpl::taskSuspendedIs(bool suspended) {
+  if (suspended == taskSuspended_) return;
+  taskSuspended_ = suspended;
+  TaskTimePoint const now = steadyNow();
+  if (suspended) {
+    BRELO_TRACE(schedulerTrace, 1, "TaskImpl", "Suspend {}", *this);
+    taskHistoryInsert(now, TaskSchedulerEventType::suspendOn);
+    unscheduleTask();
+  } else {
+    BRELO_TRACE(schedulerTrace, 1, "TaskImpl", "Unsuspend {}", *this);
+    taskHistoryInsert(now, TaskSchedulerEventType::suspendOff);
+    if (!taskScheduled()) scheduleTask();
+  }
+}
+
+void TaskImpl::taskDoRun(TaskTimePoint const& now, TaskTimePoint* finish) {
+  taskHistoryInsert(now, TaskSchedulerEventType::runStart);
+  BRELO_SCHEDULER_ASSERT(!onRunQueue(), this);
+  BRELO_TRACE(schedulerTrace, 8, "TaskImpl", "Running {}", *this);
+  taskRunStartTime_ = now;
+  if (taskShouldYieldMode_ == yieldModeVirtualTime) {
+    taskScheduler_->virtualRunStartTimeIs(Zel::System::currentTime());
+  }
+  ++taskRunCount;
+  taskCurrentlyRunning_ = true;
+  taskExecute();
+  taskCurrentlyRunning_ = false;
+  BRELO_SCHEDULER_ASSERT(taskMagicNumber_ == taskMagicNumberConstructed, "Task: ", this,
+                         " taskMagicNumber: ", taskMagicNumber_,
+                         " taskMagicNumberConstructed: ", taskMagicNumberConstructed);
+  TaskTimePoint const end = steadyNow();
+  *finish = end;
+  accountForRun(end);
+  taskHistoryInsert(end, TaskSchedulerEventType::runEnd);
+  taskBusyIs(taskScheduled(), end);
+}
+
+void TaskImpl::taskRunFromTest() {
+  TaskTimePoint const now = steadyNow();
+  if (onRunQueue()) {
+    auto const scheduler = taskScheduler_;
+    scheduler->taskSchedulerUnlinkTask(now, this);
+  }
+  TaskTimePoint finish;
+  taskDoRun(now, &finish);
+}
+
+void TaskImpl::taskRunAndRecordFromTest() {
+  auto const scheduler = taskScheduler_;
+  TaskTimePoint const start = scheduler->checkSchedulerLatency();
+  if (onRunQueue()) scheduler->taskSchedulerUnlinkTask(start, this);
+  TaskTimePoint finish;
+  taskDoRun(start, &finish);
+  scheduler->requestSchedulerRunAndRecord(finish);
+}
+
+TaskTimeDuration TaskImpl::taskCurrentRunTime() const {
+  BRELO_SCHEDULER_ASSERT(taskCurrentlyRunning_, "Task: ", this, " not currently running");
+  if (taskShouldYieldMode_ == yieldModeVirtualTime) {
+    return time2Duration(Zel::System::currentTime() - taskScheduler_->virtualRunStartTime());
+  }
+  return steadyNow() - taskRunStartTime_;
+}
+
+TaskGroup* TaskImpl::isTaskGroup() const {
+  return TaskGroup::ofParentTask(*this);
+}
+
+}  // namespace Brelo

@@ -1,0 +1,149 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "Brelo/IntrusiveBookmarkLinkedList.h"
+#include "Brelo/IntrusiveLinkedListBase.h"
+#include "Brelo/TaskBase.h"
+#include "Brelo/TaskStat.h"
+#include "Brelo/TaskTimeDuration.h"
+
+namespace Brelo {
+
+class TaskGroup;
+
+/// A task with one place on a run queue: how it is scheduled, run, measured and ended.
+///
+/// A run goes to the end of `taskExecute()`; nothing preempts it. All of it belongs to the thread
+/// of the task's scheduler. An exception from `taskExecute()` passes through and leaves the
+/// scheduler without a further run until something requests one.
+class TaskImpl : public _TaskBase {
+ public:
+  /// Where `taskShouldYield()` takes the time from.
+  enum TaskShouldYieldMode : std::uint8_t {
+    yieldModeClock = 0,        ///< the steady clock
+    yieldModeVirtualTime = 1,  ///< the host's time, which virtual time moves
+    yieldModeRatio = 2,        ///< nowhere: every n-th question says yield
+  };
+
+  ~TaskImpl() override;
+
+  void taskStatsNameIs(std::string name) override;
+  bool taskScheduled() const override;
+  bool taskShouldYield() const override;
+  void taskWorkCountInc(unsigned long count) override;
+  void taskWorkPendingIs(unsigned pending) override;
+
+  /// Asks for one run, behind the tasks of the level that are queued already. Does nothing on a
+  /// queued task; from its own run it asks for another one. On a suspended task the request is
+  /// dropped: resuming gives the task a run anyway.
+  virtual void scheduleTask();
+  /// Runs the task here and now, outside the scheduler's order.
+  virtual void taskRunFromTest();
+  virtual TaskStat::TaskStatus taskStatus() const;
+  /// The task's work.
+  virtual void taskExecute() = 0;
+
+  /// Takes the task off its run queue, if it is there.
+  void unscheduleTask();
+  /// Suspends, which takes the task off its queue, or resumes, which gives it a run whether or
+  /// not one was asked for.
+  void taskSuspendedIs(bool suspended);
+  bool taskSuspended() const { return taskSuspended_; }
+  /// `taskRunFromTest()` with the scheduler's accounting, and a request for its next run.
+  void taskRunAndRecordFromTest();
+
+  /// Whether the figures are kept after the task has ended; true at first.
+  void includeInCompletedTaskIs(bool include) { includeInCompletedTask = include; }
+  /// Time used so far in the run, during one.
+  TaskTimeDuration taskCurrentRunTime() const;
+
+  /// How long a run may take before `taskShouldYield()` says so: 1 ns to 1 s.
+  void taskQuantumIs(TaskTimeDuration quantum);
+  /// Without the upper bound.
+  void taskQuantumNoCheckIs(TaskTimeDuration quantum);
+  TaskTimeDuration taskQuantum() const { return taskQuantum_; }
+  /// Makes every `ratio`-th question of `taskShouldYield()` say yield, whatever the time; 0 hands
+  /// the task back to the root's ratio.
+  void taskTestYieldRatioIs(unsigned char ratio);
+  unsigned char taskTestYieldRatio() const { return taskTestYieldRatio_; }
+  void taskForceYieldInTestIs(bool on) { taskTestYieldRatioIs(on ? 1 : 0); }
+  bool taskForceYieldInTest() const { return taskTestYieldRatio_ == 1; }
+  TaskShouldYieldMode taskShouldYieldMode() const { return taskShouldYieldMode_; }
+  void taskShouldYieldModeIs(TaskShouldYieldMode mode);
+  /// Takes mode and ratio from the task's own ratio, the root's ratio and virtual time.
+  void taskShouldYieldModeReevaluate();
+  void taskTestYieldRatioEffectiveIs(unsigned char ratio);
+
+  /// A copy of the counters.
+  TaskStat getStats() const;
+  /// Zeroes the counters and calls `handleResetStats()`.
+  void resetStats();
+
+  /// The group whose parent task this is, or null.
+  TaskGroup* isTaskGroup() const;
+  /// Asserts that the calling thread is the scheduler's.
+  void sanityCheckCurrentRunningThread() const;
+
+  // For the scheduler.
+  void taskDoRun(TaskTimePoint const& now, TaskTimePoint* finish);
+  void doUpdateSchedulingLatency(TaskTimePoint const& now);
+  bool onRunQueue() const { return taskRunQueueLink_.isLinked(); }
+  bool registered() const { return taskRegisteredLink_.isLinked(); }
+  bool includedInCompletedTask() const { return includeInCompletedTask; }
+
+ protected:
+  TaskImpl(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+           std::string const& name);
+
+  /// Leaves the scheduler as the destructor would, without ending the object.
+  void handleDestroy();
+  void unscheduleTaskPrivate(TaskTimePoint const& now);
+
+ private:
+  void handleInitialized();
+  void zeroStats();
+  void accountForRun(TaskTimePoint const& end);
+  bool clockSaysYield() const;
+
+  bool taskSuspended_ : 1;
+  bool includeInCompletedTask : 1;
+  TaskShouldYieldMode taskShouldYieldMode_ = yieldModeClock;
+  bool taskCurrentlyRunning_ = false;
+  TaskTimeDuration taskQuantum_;
+  TaskTimePoint taskScheduleTime_;
+  TaskTimePoint taskRunStartTime_;
+  mutable std::uint64_t taskYieldCheckTicks_ = 0;
+
+ public:
+  // The counters; see TaskStat.
+  TaskTimeDuration taskLastSchedulingLatency;
+  TaskTimeDuration taskSchedulingLatencyHighWaterMark;
+  TaskTimeDuration taskTotalRunTime;
+  TaskTimeDuration taskRunTimeHighWaterMark;
+  std::uint64_t taskWorkCountTotal = 0;
+  float taskWorkCountDecayAvg = 0;
+  TaskMaybeU32 taskWorkCountHighWaterMark;
+  std::uint32_t taskWorkPending = 0;
+  TaskMaybeU32 taskWorkPendingHighWaterMark;
+  std::uint32_t taskQuantumViolation500 = 0;
+  std::uint32_t taskQuantumViolation200 = 0;
+  std::uint32_t taskRunCount = 0;
+
+ private:
+  static constexpr std::uint32_t taskMagicNumberConstructed = 0x42BE5AFE;
+  static constexpr std::uint32_t taskMagicNumberEnded = 0xDEADDEAD;
+
+  std::uint32_t taskMagicNumber_ = taskMagicNumberConstructed;
+  ListLinkNode<TaskImpl> taskRunQueueLink_;
+  BookmarkListLinkNode<TaskImpl> taskRegisteredLink_;
+
+ public:
+  using RunQueueList = List<TaskImpl, ListLinkNode<TaskImpl>, &TaskImpl::taskRunQueueLink_, void>;
+  using RegisteredList =
+      BookmarkList<TaskImpl, BookmarkListLinkNode<TaskImpl>, &TaskImpl::taskRegisteredLink_, void>;
+};
+
+}  // namespace Brelo

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "Brelo/DisplayPointer.h"
+
+namespace Brelo {
+
+/// A task's identity: its address as a number, which is printed and never followed.
+class TaskKey {
+ public:
+  TaskKey() = default;
+  explicit TaskKey(void const* task) : key_(reinterpret_cast<std::uintptr_t>(task)) {}
+
+  /// "@" and the address.
+  std::string toStrep() const {
+    return "@" + DisplayPointer(reinterpret_cast<void const*>(key_)).toString();
+  }
+
+  friend bool operator==(TaskKey a, TaskKey b) { return a.key_ == b.key_; }
+  friend bool operator!=(TaskKey a, TaskKey b) { return a.key_ != b.key_; }
+
+ private:
+  std::uint64_t key_ = 0;
+};
+
+}  // namespace Brelo

@@ -1,0 +1,32 @@
+#include "Brelo/TaskPriority.h"
+
+#include "Brelo/SchedulerDiagnostics.h"
+
+namespace Brelo {
+
+char const* TaskPriority::toStrep() const {
+  static constexpr char const* names[] = {"absolute", "high",     "normal",
+                                          "low",      "scavenge", "oneBeyondLast"};
+  BRELO_SCHEDULER_ASSERT(value_ <= 5, "unexpected priority value ", unsigned{value_});
+  return names[value_];
+}
+
+char TaskPriority::oneChar() const {
+  BRELO_SCHEDULER_ASSERT(value_ <= 5, "unexpected priority ", unsigned{value_});
+  return "AHNLS-"[value_];
+}
+
+std::ostream& operator<<(std::ostream& stream, TaskPriority priority) {
+  return stream << fmt::format("{}", priority);
+}
+
+}  // namespace Brelo
+
+auto fmt::formatter<Brelo::TaskPriority>::format(Brelo::TaskPriority priority,
+                                                 format_context& context) const
+    -> format_context::iterator {
+  if (!priority.isLevel()) {
+    return fmt::format_to(context.out(), "invalidPriority={}", unsigned{priority.value()});
+  }
+  return fmt::format_to(context.out(), "{}", priority.toStrep());
+}

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <fmt/format.h>
+
+#include <ostream>
+#include <string>
+
+namespace Brelo {
+
+/// A task's priority: one of five levels, lower numbers first. `absolute` is always taken before
+/// anything else; `high` and `normal` are passed over now and then for the levels below; `low`
+/// is never passed over; `scavenge` runs when nothing above it is in turn.
+class TaskPriority {
+ public:
+  static TaskPriority const absolute;
+  static TaskPriority const high;
+  static TaskPriority const normal;
+  static TaskPriority const low;
+  static TaskPriority const scavenge;
+  static TaskPriority const oneBeyondLast;  ///< the number of levels; no task may have it
+
+  constexpr explicit TaskPriority(unsigned char value) : value_(value) {}
+
+  constexpr unsigned char value() const { return value_; }
+  /// One of the five levels.
+  constexpr bool isLevel() const { return value_ < 5; }
+
+  /// The name. A value above `oneBeyondLast` is an assertion.
+  char const* toStrep() const;
+  /// A letter of "AHNLS-". A value above `oneBeyondLast` is an assertion.
+  char oneChar() const;
+  std::string oneCharString() const { return std::string(1, oneChar()); }
+
+  friend constexpr bool operator==(TaskPriority a, TaskPriority b) { return a.value_ == b.value_; }
+  friend constexpr bool operator!=(TaskPriority a, TaskPriority b) { return a.value_ != b.value_; }
+  friend constexpr bool operator<(TaskPriority a, TaskPriority b) { return a.value_ < b.value_; }
+
+ private:
+  unsigned char value_;
+};
+
+inline constexpr TaskPriority TaskPriority::absolute{0};
+inline constexpr TaskPriority TaskPriority::high{1};
+inline constexpr TaskPriority TaskPriority::normal{2};
+inline constexpr TaskPriority TaskPriority::low{3};
+inline constexpr TaskPriority TaskPriority::scavenge{4};
+inline constexpr TaskPriority TaskPriority::oneBeyondLast{5};
+
+/// The name of a level, or "invalidPriority=" and the number; the fmt form likewise.
+std::ostream& operator<<(std::ostream& stream, TaskPriority priority);
+
+}  // namespace Brelo
+
+template <>
+struct fmt::formatter<Brelo::TaskPriority> {
+  constexpr auto parse(format_parse_context& context) { return context.begin(); }
+  auto format(Brelo::TaskPriority priority, format_context& context) const
+      -> format_context::iterator;
+};

@@ -1,0 +1,42 @@
+#include "Brelo/TaskRunQueues.h"
+
+#include "Brelo/Assert.h"
+#include "Brelo/SchedulerDiagnostics.h"
+
+namespace Brelo {
+
+void TaskRunQueues::TaskRunQueue::enqueue(TaskImpl& task) {
+  persistentRunQueue_.pushBack(task);
+  ++scheduledCount_;
+}
+
+void TaskRunQueues::TaskRunQueue::removeToRun(TaskImpl& task) {
+  ++runCount_;
+  BRELO_SCHEDULER_ASSERT(runnableCount() >= 0, "");
+  TaskImpl::RunQueueList::unlink(task);
+}
+
+void TaskRunQueues::TaskRunQueue::removeUnrun(TaskImpl& task) {
+  TaskImpl::RunQueueList::unlink(task);
+  --scheduledCount_;
+}
+
+void TaskRunQueues::TaskRunQueue::movePersistentToTemporary() {
+  assertTemporaryEmpty(__func__);
+  temporaryRunQueue_.spliceBack(persistentRunQueue_);
+  currentRunQueue_ = &temporaryRunQueue_;
+}
+
+void TaskRunQueues::TaskRunQueue::moveTemporaryToPersistent() {
+  persistentRunQueue_.spliceFront(temporaryRunQueue_);
+  assertTemporaryEmpty(__func__);
+  currentRunQueue_ = &persistentRunQueue_;
+}
+
+void TaskRunQueues::TaskRunQueue::assertTemporaryEmpty(char const* func) const {
+  if (temporaryRunQueue_.empty()) return;
+  fmassert("TaskScheduler", __FILE__, func, __LINE__,
+           "The temporary run queue should always be empty at this point");
+}
+
+}  // namespace Brelo

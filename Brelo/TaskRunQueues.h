@@ -1,0 +1,67 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "Brelo/TaskImpl.h"
+#include "Brelo/TaskPriority.h"
+
+namespace Brelo {
+
+/// A scheduler's run queues, one for each priority. The links lie in the tasks: nothing here
+/// allocates, and all of it takes constant time.
+class TaskRunQueues {
+ public:
+  /// One level: first in, first out, with the counters that fairness and statistics read.
+  ///
+  /// Tasks are queued on the persistent list, and picked from the current one, which is the
+  /// persistent one at rest. Between the two moves the current list is the temporary one, so
+  /// that exactly the tasks of the first move are run, and what is queued meanwhile waits.
+  class TaskRunQueue {
+   public:
+    void enqueue(TaskImpl& task);
+    /// Takes a queued task off, to run it or not.
+    void removeToRun(TaskImpl& task);
+    void removeUnrun(TaskImpl& task);
+    /// The next task of the current list, or null.
+    TaskImpl* first() { return currentRunQueue_->empty() ? nullptr : &currentRunQueue_->front(); }
+
+    /// Tasks on both lists.
+    std::int64_t runnableCount() const {
+      return static_cast<std::int64_t>(scheduledCount_ - runCount_);
+    }
+    std::uint64_t runsSinceClear() const { return runCount_ - runCountBase_; }
+    void clearRuns() { runCountBase_ = runCount_; }
+
+    void movePersistentToTemporary();
+    /// What is left goes ahead of what was queued meanwhile.
+    void moveTemporaryToPersistent();
+
+    /// Picks in a row without a pass to a lower level.
+    std::uint32_t consecutiveRuns() const { return consecutiveRuns_; }
+    void consecutiveRunsIs(std::uint32_t runs) { consecutiveRuns_ = runs; }
+
+   private:
+    void assertTemporaryEmpty(char const* func) const;
+
+    TaskImpl::RunQueueList persistentRunQueue_;
+    TaskImpl::RunQueueList temporaryRunQueue_;
+    TaskImpl::RunQueueList* currentRunQueue_ = &persistentRunQueue_;
+    std::uint32_t consecutiveRuns_ = 0;
+    std::uint64_t scheduledCount_ = 0;
+    std::uint64_t runCount_ = 0;
+    std::uint64_t runCountBase_ = 0;
+  };
+
+  /// The priority must be a level.
+  TaskRunQueue& operator[](TaskPriority priority) { return levels_[priority.value()]; }
+  TaskRunQueue const& operator[](TaskPriority priority) const { return levels_[priority.value()]; }
+
+  auto begin() { return levels_.begin(); }
+  auto end() { return levels_.end(); }
+
+ private:
+  std::array<TaskRunQueue, 5> levels_;
+};
+
+}  // namespace Brelo

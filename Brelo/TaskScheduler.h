@@ -1,0 +1,237 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "Brelo/TaskImpl.h"
+#include "Brelo/TaskRunQueues.h"
+#include "Brelo/TaskSchedulerHistory.h"
+#include "Brelo/TaskSchedulerPrintContext.h"
+#include "Brelo/TaskSchedulerQueueStats.h"
+#include "Brelo/TaskSchedulerSnapshot.h"
+#include "Brelo/TaskStat.h"
+
+namespace Brelo {
+
+class TaskSchedulerRoot;
+
+/// A cooperative scheduler: five run queues, of which each run picks and runs one task.
+///
+/// While anything is runnable exactly one request for a run is outstanding; the run that finds
+/// nothing makes the scheduler idle. Runs are asked for through `requestSchedulerRun()`: the
+/// root (TaskSchedulerRoot) asks the event platform, a group (TaskGroup) the scheduler above.
+///
+/// Owned through shared pointers, by its tasks among others. All of it belongs to the root's
+/// thread; nothing is locked. Wrong use is an assertion, not a result.
+class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
+ public:
+  using TaskRunQueues = Brelo::TaskRunQueues;
+
+  TaskScheduler(TaskScheduler const&) = delete;
+  TaskScheduler& operator=(TaskScheduler const&) = delete;
+
+  /// A background reset of the statistics is going on.
+  virtual bool resetStatsInProgress() const;
+  virtual void requestSchedulerRun() = 0;
+  /// The set of tasks that are made to yield became empty or stopped being so.
+  virtual void handleTaskForceYieldInTest() = 0;
+  virtual void taskRegister(TaskImpl* task);
+  virtual ~TaskScheduler();
+
+  std::string const& schedulerName() const { return schedulerName_.string(); }
+  ConstStringRef const& schedulerNameRef() const { return schedulerName_; }
+  TaskSchedulerRoot& root() const { return *taskSchedulerRoot_; }
+  std::shared_ptr<TaskSchedulerHistory> const& schedulerHistory() const {
+    return schedulerHistory_;
+  }
+  TaskSchedulerHistory& history() const { return *schedulerHistory_; }
+
+  /// The quantum of tasks made from now on; not checked. 20 ms at first.
+  void defaultTaskQuantumIs(TaskTimeDuration quantum) { defaultTaskQuantum_ = quantum; }
+  TaskTimeDuration defaultTaskQuantum() const { return defaultTaskQuantum_; }
+
+  /// Tasks queued, runs made since the statistics were cleared, live tasks, ended tasks.
+  std::uint32_t runnableTaskCount(TaskPriority priority) const;
+  std::uint32_t runnableTaskCount() const;
+  std::uint64_t runTaskCount(TaskPriority priority) const;
+  std::uint32_t tasksPerPriority(TaskPriority priority) const;
+  std::uint32_t completedTasksPerPriority(TaskPriority priority) const;
+  /// Live tasks; walks them all.
+  std::uint64_t registeredTaskCount() const;
+  /// The longest delay between a request for a run and the run.
+  TaskTimeDuration maxSchedulerSlip() const { return maxSchedulerSlip_; }
+
+  /// The first registered task of that name, newest first, or null.
+  std::shared_ptr<_TaskBase> taskForTest(std::string const& name);
+
+  /// Append a record for each registered task, or for each stats name of ended tasks; those that
+  /// never ran only if asked for. Return how many were left out.
+  unsigned getTaskStats(std::vector<TaskStat>* out, bool includeNeverRun) const;
+  unsigned getCompletedTaskStats(std::vector<TaskStat>* out, bool includeNeverRun) const;
+  /// The record of a name, or a default one.
+  TaskStat taskStatForTest(std::string const& name) const;
+  TaskStat completedTaskStatForTest(std::string const& name) const;
+  TaskSchedulerQueueStats queueStats() const;
+  /// Zeroes all figures at once, of groups in the background.
+  void clearStats();
+  /// Zeroes all figures in the background, by a task of priority `normal` (in a group that
+  /// enforces a priority, of that one). A call during a reset
+  /// starts it anew. A scheduler that has done this is not destroyed: the task holds it.
+  void resetStats();
+
+  /// Freezes the statistics of this scheduler and of all below it. An empty name stands for the
+  /// scheduler's own; `displayOrder` is for the reader, `TaskSchedulerSnapshot::displayOrderUnset`
+  /// for none. Of a root, `includeHistory` adds the ring of events.
+  std::shared_ptr<TaskSchedulerSnapshot const> snapshot(std::string name, bool includeNeverRun,
+                                                        bool includeCompleted, bool includeHistory,
+                                                        unsigned displayOrder) const;
+  /// A new JSON document on the caller's stream, which must outlive it, or on a blocking
+  /// descriptor; 1 and 2 mean the standard streams.
+  static std::shared_ptr<TaskSchedulerPrintContext> PrintContextIs(std::ostream& stream);
+  static std::shared_ptr<TaskSchedulerPrintContext> PrintContextIs(int fd, bool closeFd);
+  /// A whole JSON document of this scheduler and of all below it.
+  void statsRenderJson(std::ostream& stream, bool includeNeverRun, bool includeCompleted,
+                       bool includeHistory) const;
+  std::string statsRenderJsonToString(bool includeNeverRun, bool includeCompleted,
+                                      bool includeHistory) const;
+  /// The descriptor stays open.
+  void statsRenderJsonToBlockingFdForTest(int fd, bool includeNeverRun, bool includeCompleted,
+                                          bool includeHistory) const;
+  /// Streams snapshots as one JSON document, however slow the reader is, by two tasks of this
+  /// scheduler. The descriptor is given up: it becomes non-blocking and is closed at the end, after
+  /// which `done` is called on the scheduler's thread. A reader that goes away ends the export
+  /// early and unreported; the process has to ignore SIGPIPE for that. Any other failure of a
+  /// write, ECONNRESET of a TCP socket among them, is an assertion. A reader that never reads keeps
+  /// the export waiting for good.
+  void snapshotRenderJsonAsync(int fd,
+                               std::vector<std::shared_ptr<TaskSchedulerSnapshot const>> snapshots,
+                               std::function<void()> done);
+  void snapshotRenderJsonAsync(int fd,
+                               std::vector<std::shared_ptr<TaskSchedulerSnapshot const>> snapshots);
+  void snapshotRenderJsonAsync(int fd, std::shared_ptr<TaskSchedulerSnapshot const> snapshot);
+  /// Visits the groups whose parent tasks are registered here, newest first.
+  void forEachTaskGroup(
+      std::function<void(TaskImpl const& parentTask, TaskGroup const& group)> const& visit) const;
+
+  // The steps of a run.
+
+  /// One run: picks and runs at most one task.
+  void handleSchedulerRun();
+  /// Takes the next task of level `from` or below off its queue, or returns null.
+  TaskImpl* pickOneTask(TaskTimePoint const& now, TaskPriority from);
+  /// Whether this pick passes `priority` over for a lower level.
+  bool attemptLowerPriorityBump(TaskPriority priority, unsigned consecutiveRuns) const;
+  /// A rising edge requests a run.
+  void schedulerHasRunnableTasksIs(bool value, TaskTimePoint const& time);
+  bool schedulerHasRunnableTasks() const { return schedulerHasRunnableTasks_; }
+  void requestSchedulerRunAndRecord(TaskTimePoint const& time);
+  /// Takes the time as the run's start and notes the slip. Returns it.
+  TaskTimePoint checkSchedulerLatency();
+
+  // For tasks.
+
+  void taskUnregister(TaskImpl* task);
+  void enqueue(TaskImpl& task);
+  /// Takes a queued task off, unrun.
+  void unscheduleTask(TaskTimePoint const& now, TaskImpl* task);
+  /// Takes a queued task off in order to run it.
+  void taskSchedulerUnlinkTask(TaskTimePoint const& now, TaskImpl* task);
+  void taskForceYieldInTestNotify(TaskImpl* task, bool on);
+  void taskShouldYieldModesReevaluate();
+  double virtualRunStartTime() const { return virtualRunStartTime_; }
+  void virtualRunStartTimeIs(double time) { virtualRunStartTime_ = time; }
+
+  // For the statistics.
+
+  void tasksPerPriorityInc(TaskPriority priority);
+  void tasksPerPriorityDec(TaskPriority priority);
+  void completedTasksPerPriorityInc(TaskPriority priority);
+  void completedTasksPerPriorityDec(TaskPriority priority);
+  /// Merges the record into the one kept under `name`.
+  void completedTaskStatsInc(ConstStringRef const& name, TaskStat stat);
+  void updateCompletedTaskStats(TaskImpl* task);
+
+ protected:
+  TaskScheduler(std::string const& name, TaskSchedulerRoot* root,
+                std::shared_ptr<TaskSchedulerHistory> history);
+
+  void taskRunQueuesMovePersistentToTemporary();
+  void taskRunQueuesMoveTemporaryToPersistent();
+  bool hasForcedYieldTasks() const { return !forcedYieldTasks_.empty(); }
+  void schedulerRunRequestTimeIs(TaskTimePoint const& time) { schedulerRunRequestTime_ = time; }
+  /// The priority of the tasks that the library itself makes on this scheduler.
+  void ownTaskPriorityIs(TaskPriority priority) { ownTaskPriority_ = priority; }
+
+ private:
+  class ResetStatsTask;
+  class SnapshotRenderJsonTask;
+  class SnapshotWriteJsonTask;
+  using CountByPriority = std::map<TaskPriority, std::uint32_t>;
+  struct NameHash {
+    std::size_t operator()(ConstStringRef const& name) const {
+      return std::hash<std::string>()(name.string());
+    }
+  };
+  struct NameEqual {
+    bool operator()(ConstStringRef const& a, ConstStringRef const& b) const {
+      return a.string() == b.string();
+    }
+  };
+
+  void taskSchedulerUnlinkTask(TaskTimePoint const& now, TaskRunQueues::TaskRunQueue& queue,
+                               TaskImpl* task);
+  void clearStatsCommon();
+  void handleResetStatsTaskRun();
+
+  std::unordered_set<std::shared_ptr<SnapshotRenderJsonTask>> renderJsonTasks_;
+  std::shared_ptr<TaskSchedulerHistory> schedulerHistory_;  // outlives all names below
+  ConstStringRef schedulerName_;
+  TaskSchedulerRoot* taskSchedulerRoot_;
+  std::unordered_map<ConstStringRef, TaskStat, NameHash, NameEqual> completedTaskStats_;
+  mutable TaskImpl::RegisteredList registeredTasks_;  // newest first
+  TaskRunQueues taskRunQueues_;
+  TaskTimePoint schedulerRunRequestTime_;
+  TaskTimePoint schedulerRunStartTime_;
+  TaskTimeDuration defaultTaskQuantum_{20'000'000};
+  TaskPriority ownTaskPriority_ = TaskPriority::normal;
+  TaskTimeDuration maxSchedulerSlip_;
+  double virtualRunStartTime_ = 0;
+  CountByPriority tasksPerPriority_;
+  CountByPriority completedTasksPerPriority_;
+  bool schedulerHasRunnableTasks_ = false;
+  std::shared_ptr<_TaskBase> currentTask_;
+  std::unordered_set<TaskImpl*> forcedYieldTasks_;
+  TaskImpl::RegisteredList::Bookmark resetStatsBookmark_;
+  std::shared_ptr<ResetStatsTask> resetStatsTask_;
+};
+
+/// The scheduler's name and a colon, as does the fmt form.
+std::ostream& operator<<(std::ostream& stream, TaskScheduler const* scheduler);
+
+namespace Impl {
+
+fmt::format_context::iterator formatScheduler(TaskScheduler const& scheduler,
+                                              fmt::format_context& context);
+
+}  // namespace Impl
+
+}  // namespace Brelo
+
+template <class AnyScheduler>
+struct fmt::formatter<
+    AnyScheduler, std::enable_if_t<std::is_base_of_v<Brelo::TaskScheduler, AnyScheduler>, char>> {
+  constexpr auto parse(format_parse_context& context) { return context.begin(); }
+  auto format(AnyScheduler const& scheduler, format_context& context) const {
+    return Brelo::Impl::formatScheduler(scheduler, context);
+  }
+};
+
+// One include serves whoever works with schedulers.
+#include "Brelo/TaskGroup.h"
+#include "Brelo/TaskSchedulerRoot.h"

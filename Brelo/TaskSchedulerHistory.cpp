@@ -1,0 +1,102 @@
+#include "Brelo/TaskSchedulerHistory.h"
+
+#include <chrono>
+#include <iomanip>
+
+#include "Brelo/SchedulerDiagnostics.h"
+#include "Brelo/TaskBase.h"
+#include "Brelo/TaskScheduler.h"
+
+namespace Brelo {
+
+namespace {
+
+constexpr char const* eventTypeNames[] = {
+    "schedule",
+    "unschedule",
+    "run start",
+    "run end",
+    "timerStart",
+    "timerStop",
+    "suspendOn",
+    "suspendOff",
+    "scheduleSus",
+    "frcYieldOn",
+    "frcYieldOff",
+    "idle",
+    "busy",
+    "create",
+    "delete",
+    "fdReadable",
+    "fdWritable",
+    "schedulerIdle",
+    "schedulerRunnable",
+    "schedulerSuspended",
+    "schedulerUnsuspended",
+    "schedulerRunIgnoredWhileSuspended",
+    "schedulerVirtualTimeOn",
+    "schedulerVirtualTimeOff",
+    "schedulerTestYieldRatioOn",
+    "schedulerTestYieldRatioOff",
+};
+constexpr unsigned eventTypeCount = std::size(eventTypeNames);
+
+bool eventNeedTask(TaskSchedulerEventType type) {
+  BRELO_SCHEDULER_ASSERT(static_cast<unsigned>(type) < eventTypeCount,
+                         "unexpected eventType=", type);
+  return type < TaskSchedulerEventType::schedulerIdle;
+}
+
+std::int64_t nanoseconds(TaskTimePoint time) {
+  return TaskTimeDuration(time.time_since_epoch()).count();
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& stream, TaskSchedulerEventType type) {
+  return stream << static_cast<unsigned>(type);
+}
+
+TaskSchedulerHistory::Event::Event(TaskTimePoint const& time, TaskSchedulerEventType type,
+                                   _TaskBase const& task)
+    : eventType_(type), eventTime_(time), eventId_(task.taskHistoryName()) {
+  BRELO_SCHEDULER_ASSERT(eventNeedTask(type), "EventType: ", type);
+}
+
+TaskSchedulerHistory::Event::Event(TaskTimePoint const& time, TaskSchedulerEventType type,
+                                   TaskScheduler const& scheduler)
+    : eventType_(type), eventTime_(time), eventId_(scheduler.schedulerNameRef()) {
+  BRELO_SCHEDULER_ASSERT(!eventNeedTask(type), "EventType: ", type);
+}
+
+std::string TaskSchedulerHistory::Event::eventTypeDisplay() const {
+  BRELO_SCHEDULER_ASSERT(static_cast<unsigned>(eventType_) < eventTypeCount,
+                         "unexpected eventType ", eventType_);
+  return eventTypeNames[static_cast<unsigned>(eventType_)];
+}
+
+std::string TaskSchedulerHistory::Event::display() const {
+  return fmt::format("{:<12} {}", eventTypeDisplay(), eventId_.string());
+}
+
+TaskSchedulerHistory::TaskSchedulerHistory(unsigned capacity) : events_(capacity) {}
+
+void TaskSchedulerHistory::capacityIs(unsigned capacity) {
+  if (capacity != this->capacity()) events_.set_capacity(capacity);
+}
+
+void TaskSchedulerHistory::renderText(std::ostream& stream) const {
+  std::string const title =
+      fmt::format("Last {} scheduler events, absolute timestamp and", capacity()) +
+      " relative to last event";
+  stream << title << "\n" << std::string(title.size(), '-') << "\n";
+  for (Event const& event : events_) {
+    std::int64_t const time = nanoseconds(event.eventTime());
+    std::int64_t const age = (nanoseconds(events_.front().eventTime()) - time) / 1000;
+    stream << fmt::format("{:>22} ns since boot {:>10} µs {}", time, age, event.display())
+           << std::endl;
+  }
+  stream << "\n";
+}
+
+}  // namespace Brelo

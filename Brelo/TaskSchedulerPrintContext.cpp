@@ -1,0 +1,46 @@
+#include "Brelo/TaskSchedulerPrintContext.h"
+
+#include <iostream>
+
+#include "Brelo/JsonWriter.h"
+#include "Brelo/SchedulerDiagnostics.h"
+
+namespace Brelo {
+
+TaskSchedulerPrintContext::TaskSchedulerPrintContext(std::ostream& stream)
+    : writer_(std::make_unique<Impl::JsonWriter>(stream)) {
+  openJson();
+}
+
+TaskSchedulerPrintContext::TaskSchedulerPrintContext(int fd, bool closeFd)
+    : writer_(std::make_unique<Impl::JsonWriter>(openSink(fd, closeFd))) {
+  openJson();
+}
+
+std::ostream& TaskSchedulerPrintContext::openSink(int fd, bool closeFd) {
+  if (fd == 1) return std::cout;
+  if (fd == 2) return std::cerr;
+  sink_.fdIs(fd, closeFd);
+  return sink_;
+}
+
+TaskSchedulerPrintContext::~TaskSchedulerPrintContext() {
+  if (!jsonClosed_) closeJson();
+}
+
+void TaskSchedulerPrintContext::openJson() {
+  writer_->StartObject();
+  writer_->Key("schedulers");
+  writer_->StartObject();
+  writer_->flush();
+}
+
+void TaskSchedulerPrintContext::closeJson() {
+  BRELO_SCHEDULER_ASSERT(!jsonClosed_, "JSON already closed");
+  writer_->EndObject();
+  writer_->EndObject();
+  writer_->flush();
+  jsonClosed_ = true;
+}
+
+}  // namespace Brelo

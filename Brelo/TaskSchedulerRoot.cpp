@@ -1,0 +1,228 @@
+#include "Brelo/TaskSchedulerRoot.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <sstream>
+#include <thread>
+
+#include "Brelo/Assert.h"
+#include "Brelo/SchedulerDiagnostics.h"
+#include "Brelo/SteadyNow.h"
+#include "Brelo/Thread.h"
+#include "Brelo/TimerWheel.h"
+#include "Zel/Activity.h"
+
+std::uint32_t auxThreadCount = 0;
+
+namespace Brelo {
+
+using Impl::schedulerTrace;
+using Impl::steadyNow;
+
+namespace {
+
+constexpr unsigned initialHistoryEntries = 100;
+
+bool virtualTimeEnabled() {
+  static auto const manager = Zel::activityManager();
+  return manager->virtualTime();
+}
+
+}  // namespace
+
+std::shared_ptr<TaskSchedulerRoot> TaskSchedulerRoot::TaskSchedulerRootIs(std::string name) {
+  return makeTracked<TaskSchedulerRoot>(name);
+}
+
+std::shared_ptr<TaskSchedulerRoot> schedulerRootBreloNonShared(std::string name) {
+  return TaskSchedulerRoot::TaskSchedulerRootIs(std::move(name));
+}
+
+std::shared_ptr<TaskSchedulerRoot> schedulerRootBrelo() {
+  thread_local std::shared_ptr<TaskSchedulerRoot> root;
+  if (root == nullptr) {
+    std::ostringstream name;
+    if (isMainThread()) {
+      name << "main";
+    } else {
+      name << "thread:" << std::this_thread::get_id();
+    }
+    root = schedulerRootBreloNonShared(name.str());
+  }
+  return root;
+}
+
+TaskSchedulerRoot::TaskSchedulerRoot(std::string const& name)
+    : TaskScheduler(name, this, makeTracked<TaskSchedulerHistory>(initialHistoryEntries)),
+      callbackControl_(Platform::getCallbackControl(this)),
+      timerWheel_(getTimerWheelForTaskScheduler(Platform::eventPriorityStrictHigh)),
+      threadId_(pthread_self()),
+      processId_(getpid()),
+      isMainThread_(isMainThread()) {
+  if (pthread_getname_np(pthread_self(), threadName_, sizeof threadName_) != 0) {
+    threadName_[0] = '\0';
+  }
+  registerScheduler(this);
+  followVirtualTime();
+}
+
+TaskSchedulerRoot::~TaskSchedulerRoot() {
+  unregisterScheduler(this);
+}
+
+bool TaskSchedulerRoot::resetStatsInProgress() const {
+  if (TaskScheduler::resetStatsInProgress()) return true;
+  for (TaskScheduler const* scheduler : schedulers_) {
+    if (scheduler != this && scheduler->resetStatsInProgress()) return true;
+  }
+  return false;
+}
+
+void TaskSchedulerRoot::requestSchedulerRun() {
+  if (suspended_) {
+    BRELO_TRACE(schedulerTrace, 8, "TaskSchedulerRoot",
+                "{} ignore requestSchedulerRun, scheduler is suspended", *this);
+    return;
+  }
+  callbackControl_->requestCallback();
+}
+
+void TaskSchedulerRoot::taskRegister(TaskImpl* task) {
+  TaskScheduler::taskRegister(task);
+}
+
+void TaskSchedulerRoot::callback() {
+  handleSchedulerRun();
+}
+
+void TaskSchedulerRoot::handleSchedulerRun() {
+  followVirtualTime();
+  TaskScheduler::handleSchedulerRun();
+}
+
+void TaskSchedulerRoot::followVirtualTime() {
+  virtualTimeIs(isMainThread_ && virtualTimeEnabled());
+}
+
+void TaskSchedulerRoot::suspendedIs(bool suspended) {
+  if (suspended == suspended_) return;
+  suspended_ = suspended;
+  TaskTimePoint const now = steadyNow();
+  if (suspended) {
+    history().insert(now, TaskSchedulerEventType::schedulerSuspended, *this);
+  } else {
+    history().insert(now, TaskSchedulerEventType::schedulerUnsuspended, *this);
+    requestSchedulerRunAndRecord(now);
+  }
+}
+
+void TaskSchedulerRoot::virtualTimeIs(bool virtualTime) {
+  if (virtualTime == virtualTime_) return;
+  virtualTime_ = virtualTime;
+  history().insert(steadyNow(),
+                   virtualTime ? TaskSchedulerEventType::schedulerVirtualTimeOn
+                               : TaskSchedulerEventType::schedulerVirtualTimeOff,
+                   *this);
+  taskShouldYieldModeReevaluate();
+}
+
+void TaskSchedulerRoot::taskTestYieldRatioIs(unsigned char ratio) {
+  if (ratio == taskTestYieldRatioRoot_) return;
+  taskTestYieldRatioRoot_ = ratio;
+  history().insert(steadyNow(),
+                   ratio != 0 ? TaskSchedulerEventType::schedulerTestYieldRatioOn
+                              : TaskSchedulerEventType::schedulerTestYieldRatioOff,
+                   *this);
+  taskShouldYieldModeReevaluate();
+}
+
+void TaskSchedulerRoot::taskShouldYieldModeReevaluate() {
+  for (TaskScheduler* scheduler : schedulers_)
+    scheduler->taskShouldYieldModesReevaluate();
+}
+
+void TaskSchedulerRoot::threadSanityDisabledIs(bool disabled) {
+  if (disabled == threadSanityDisabled_) return;
+  BRELO_TRACE(schedulerTrace, 1, "TaskSchedulerRoot", "{} {}able thread sanity checking", *this,
+              disabled ? "dis" : "en");
+  threadSanityDisabled_ = disabled;
+}
+
+void TaskSchedulerRoot::sanityCheckCurrentRunningThread() const {
+  if (threadSanityDisabled_ || auxThreadCount != 0) return;
+  std::uint64_t const thread = pthread_self();
+  if (__builtin_expect(thread == threadId_, 1)) return;
+  pid_t const process = getpid();
+  // A forked child may go on with its parent's root.
+  if (process != processId_) return;
+  Impl::schedulerFail(__func__, __LINE__, "Executing in wrong thread ", thread, "(",
+                      currentThreadName(), ") pid ", process, " scheduler belongs to thread ",
+                      threadId_, "(", threadName_, ") pid ", processId_);
+}
+
+std::string TaskSchedulerRoot::currentThreadName() {
+  char name[16];
+  return pthread_getname_np(pthread_self(), name, sizeof name) == 0 ? name : "";
+}
+
+int TaskSchedulerRoot::randomPercent() {
+  return rand_r(&randomSeed_) / 21474836;
+}
+
+void TaskSchedulerRoot::registerScheduler(TaskScheduler* scheduler) {
+  bool const inserted = schedulers_.insert(scheduler).second;
+  BRELO_SCHEDULER_ASSERT(inserted, "insert failed for ", scheduler);
+}
+
+void TaskSchedulerRoot::unregisterScheduler(TaskScheduler* scheduler) {
+  std::size_t const removed = schedulers_.erase(scheduler);
+  BRELO_SCHEDULER_ASSERT(removed == 1, "delete failed for ", scheduler);
+}
+
+std::shared_ptr<TaskScheduler> TaskSchedulerRoot::findSchedulerForTest(std::string const& name) {
+  for (TaskScheduler* scheduler : schedulers_) {
+    if (scheduler->schedulerName() == name) return scheduler->shared_from_this();
+  }
+  return nullptr;
+}
+
+std::shared_ptr<TaskScheduler const> TaskSchedulerRoot::findSchedulerForTest(
+    std::string const& name) const {
+  for (TaskScheduler const* scheduler : schedulers_) {
+    if (scheduler->schedulerName() == name) return scheduler->shared_from_this();
+  }
+  return nullptr;
+}
+
+std::uint64_t TaskSchedulerRoot::totalRegisteredTaskCount() const {
+  std::uint64_t count = 0;
+  for (TaskScheduler const* scheduler : schedulers_)
+    count += scheduler->registeredTaskCount();
+  return count;
+}
+
+std::uint32_t TaskSchedulerRoot::taskGroupCount() const {
+  if (schedulers_.empty()) BRELO_FAIL("TaskSchedulerRoot", "");
+  return static_cast<std::uint32_t>(schedulers_.size() - 1);
+}
+
+TaskSchedulerQueueStats TaskSchedulerRoot::queueStatsRoot() const {
+  TaskSchedulerQueueStats sum;
+  for (TaskScheduler const* scheduler : schedulers_)
+    sum += scheduler->queueStats();
+  return sum;
+}
+
+void TaskSchedulerRoot::doUpdateSchedulerLatency() {
+  checkSchedulerLatency();
+  schedulerRunRequestTimeIs(steadyNow());
+}
+
+void TaskSchedulerRoot::clearHistory() {
+  BRELO_TRACE(schedulerTrace, 2, "TaskSchedulerRoot", "{} history cleared", *this);
+  history().clear();
+}
+
+}  // namespace Brelo

@@ -1,0 +1,124 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "Brelo/Platform.h"
+#include "Brelo/TaskScheduler.h"
+
+/// While it is not 0, no root checks which thread it is used on. Kept by the application,
+/// and read without synchronisation.
+extern std::uint32_t auxThreadCount;
+
+namespace Brelo {
+
+class TimerWheel;
+
+/// The top of one thread's scheduling tree: the link to the event platform, the thread check,
+/// the switches that reach every task, and the timer wheel of all its timer tasks.
+///
+/// Owned by its tasks and groups and by whoever holds it; a thread's own root (see
+/// `schedulerRootBrelo`) dies with the thread unless tasks still hold it. Each run is one
+/// platform callback, so the event loop looks at timers and descriptors between any two tasks.
+class TaskSchedulerRoot : public TaskScheduler, Platform::CallbackHandler {
+ public:
+  /// A new root, owned by the caller.
+  static std::shared_ptr<TaskSchedulerRoot> TaskSchedulerRootIs(std::string name);
+
+  explicit TaskSchedulerRoot(std::string const& name);
+  ~TaskSchedulerRoot() override;
+
+  bool resetStatsInProgress() const override;
+  void requestSchedulerRun() override;
+  void handleTaskForceYieldInTest() override {}
+  void taskRegister(TaskImpl* task) override;
+  void callback() override;
+
+  /// Follows the host's virtual time, then runs at most one task.
+  void handleSchedulerRun();
+  /// Stops or resumes all running in the tree. Tasks can still be scheduled meanwhile.
+  void suspendedIs(bool suspended);
+  bool suspended() const { return suspended_; }
+  /// Whether quanta are measured by the host's time instead of the steady clock. The main
+  /// thread's root follows the host's switch at each run.
+  void virtualTimeIs(bool virtualTime);
+  bool virtualTime() const { return virtualTime_; }
+  /// `taskTestYieldRatioIs` for every task of the tree that has no ratio of its own.
+  void taskTestYieldRatioIs(unsigned char ratio);
+  unsigned char taskTestYieldRatio() const { return taskTestYieldRatioRoot_; }
+  void taskShouldYieldModeReevaluate();
+
+  void threadSanityDisabledIs(bool disabled);
+  bool threadSanityDisabled() const { return threadSanityDisabled_; }
+  /// Asserts that the caller is the owner's thread, or a forked child.
+  void sanityCheckCurrentRunningThread() const;
+  /// The calling thread's name, empty if it cannot be had.
+  static std::string currentThreadName();
+
+  /// 0 to 100; the sequence is the same for every root from its start.
+  int randomPercent();
+
+  void registerScheduler(TaskScheduler* scheduler);
+  void unregisterScheduler(TaskScheduler* scheduler);
+  /// The first scheduler of that name in the tree, or null.
+  std::shared_ptr<TaskScheduler> findSchedulerForTest(std::string const& name);
+  std::shared_ptr<TaskScheduler const> findSchedulerForTest(std::string const& name) const;
+  /// Live tasks of the tree; walks them all.
+  std::uint64_t totalRegisteredTaskCount() const;
+  std::uint32_t taskGroupCount() const;
+  /// The sum over all schedulers of the tree.
+  TaskSchedulerQueueStats queueStatsRoot() const;
+  /// Notes the slip, and takes now as the time of the next request.
+  void doUpdateSchedulerLatency();
+
+  /// How many events the history holds at most; 100 at first.
+  unsigned historyEntryCount() const { return history().capacity(); }
+  void historyEntryCountIs(unsigned count) { history().capacityIs(count); }
+  void clearHistory();
+  /// The history's events for people, newest first. A descriptor must be blocking and stays open.
+  void historyRenderTextForDebug(std::ostream& stream) const;
+  void historyRenderTextForDebug(int fd) const;
+  void historyRenderTextForDebugStdErr() const;
+  std::string historyRenderTextForDebugToString() const;
+
+  /// The tasks of the whole tree in one table for people, heaviest first, with a legend. A
+  /// descriptor must be blocking and stays open.
+  void statsRenderTextForDebug(std::ostream& stream, bool includeNeverRun, bool showTaskKey,
+                               bool includeCompleted, bool includeHistory) const;
+  void statsRenderTextForDebug(int fd, bool includeNeverRun, bool showTaskKey,
+                               bool includeCompleted, bool includeHistory) const;
+  std::string statsRenderTextForDebugToString(bool includeNeverRun, bool showTaskKey,
+                                              bool includeCompleted, bool includeHistory) const;
+  /// All tasks with their keys and the completed ones, without history.
+  void statsRenderTextForDebugStdErr() const;
+
+  std::shared_ptr<TimerWheel> const& timerWheel() const { return timerWheel_; }
+
+ private:
+  void followVirtualTime();
+
+  std::set<TaskScheduler*> schedulers_;  // of the tree, this one included
+  std::shared_ptr<Platform::CallbackControl> callbackControl_;
+  std::shared_ptr<TimerWheel> timerWheel_;
+  std::uint64_t threadId_;
+  std::int32_t processId_;
+  char threadName_[16] = {};
+  bool threadSanityDisabled_ = false;
+  bool suspended_ = false;
+  bool virtualTime_ = false;
+  bool isMainThread_;
+  unsigned char taskTestYieldRatioRoot_ = 0;
+  unsigned randomSeed_ = 0;  // fixed, so that the jitter of timers can be repeated
+};
+
+/// The calling thread's root, made at the thread's first call.
+std::shared_ptr<TaskSchedulerRoot> schedulerRootBrelo();
+
+/// A new root at each call, owned by the caller alone.
+std::shared_ptr<TaskSchedulerRoot> schedulerRootBreloNonShared(std::string name);
+
+}  // namespace Brelo

@@ -1,0 +1,133 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "Brelo/ConstStringCache.h"
+#include "Brelo/TaskKey.h"
+#include "Brelo/TaskPriority.h"
+#include "Brelo/TaskTimeDuration.h"
+
+namespace Brelo {
+
+/// A 32-bit figure that may never have been set. A value of 0xFFFFFFFF is stored as 0xFFFFFFFE.
+class TaskMaybeU32 {
+ public:
+  constexpr TaskMaybeU32() = default;
+  constexpr explicit TaskMaybeU32(std::uint32_t value)
+      : value_(value == neverSet ? neverSet - 1 : value) {}
+
+  constexpr bool isSet() const { return value_ != neverSet; }
+  /// 0 if never set.
+  constexpr std::uint32_t value() const { return isSet() ? value_ : 0; }
+
+  friend constexpr bool operator==(TaskMaybeU32 a, TaskMaybeU32 b) { return a.value_ == b.value_; }
+  friend constexpr bool operator!=(TaskMaybeU32 a, TaskMaybeU32 b) { return a.value_ != b.value_; }
+
+ private:
+  static constexpr std::uint32_t neverSet = 0xFFFFFFFF;
+  std::uint32_t value_ = neverSet;
+};
+
+/// A copy of one task's counters, or the merged counters of ended tasks of one stats name.
+///
+/// A plain value, apart from the name, whose reference ties it to the thread of its scheduler
+/// and must be dropped before the scheduler tree goes. A default record is all zero, its two
+/// work marks included, and has a null name.
+class TaskStat {
+ public:
+  /// What a task is and does at the moment, as a byte of bits.
+  class TaskStatus {
+   public:
+    bool taskTimer() const { return bitmaskHasBitSet(timer); }
+    bool taskTimerRunning() const { return bitmaskHasBitSet(timerRunning); }
+    bool taskOnRunQueue() const { return bitmaskHasBitSet(onRunQueue); }
+    bool taskCurrentlyRunning() const { return bitmaskHasBitSet(currentlyRunning); }
+    bool taskSuspended() const { return bitmaskHasBitSet(suspended); }
+    bool taskIsTaskGroup() const { return bitmaskHasBitSet(isTaskGroup); }
+
+    void taskTimerIs(bool on) { bitmaskSetBit(timer, on); }
+    void taskTimerRunningIs(bool on) { bitmaskSetBit(timerRunning, on); }
+    void taskOnRunQueueIs(bool on) { bitmaskSetBit(onRunQueue, on); }
+    void taskCurrentlyRunningIs(bool on) { bitmaskSetBit(currentlyRunning, on); }
+    void taskSuspendedIs(bool on) { bitmaskSetBit(suspended, on); }
+    void taskIsTaskGroupIs(bool on) { bitmaskSetBit(isTaskGroup, on); }
+
+    bool bitmaskHasBitSet(unsigned char mask) const { return (bits_ & mask) != 0; }
+    void bitmaskSetBit(unsigned char mask, bool on) {
+      bits_ = static_cast<unsigned char>(on ? bits_ | mask : bits_ & ~mask);
+    }
+
+   private:
+    static constexpr unsigned char timer = 1;
+    static constexpr unsigned char timerRunning = 2;
+    static constexpr unsigned char onRunQueue = 4;
+    static constexpr unsigned char currentlyRunning = 8;
+    static constexpr unsigned char suspended = 16;
+    static constexpr unsigned char isTaskGroup = 32;
+
+    unsigned char bits_ = 0;
+  };
+
+  TaskStat() = default;
+  TaskStat(ConstStringRef name, TaskKey key, TaskPriority priority, std::uint32_t runCount,
+           TaskTimeDuration totalRunTime, std::uint64_t workCountTotal, float workCountDecayAvg,
+           TaskMaybeU32 workCountHighWaterMark, std::uint32_t workPending,
+           TaskMaybeU32 workPendingHighWaterMark, std::uint32_t quantumViolation500,
+           std::uint32_t quantumViolation200, TaskTimeDuration runTimeHighWaterMark,
+           TaskTimeDuration lastSchedulingLatency, TaskTimeDuration schedulingLatencyHighWaterMark,
+           TaskStatus status);
+
+  /// Merges a later record of the same name: sums and high-water marks, and the latest of what
+  /// is neither. A record of another name is an assertion.
+  TaskStat& operator+=(TaskStat const& other);
+
+  std::string taskName() const { return taskName_.string(); }
+  ConstStringRef const& taskNameRef() const { return taskName_; }
+  void taskNameIs(ConstStringRef const& name) { taskName_ = name; }
+  TaskTimeDuration taskRunTimeHighWaterMark() const { return taskRunTimeHighWaterMark_; }
+  TaskTimeDuration taskLastSchedulingLatency() const { return taskLastSchedulingLatency_; }
+  TaskTimeDuration taskSchedulingLatencyHighWaterMark() const {
+    return taskSchedulingLatencyHighWaterMark_;
+  }
+
+  void taskRunInc(unsigned count) { taskRunCount += count; }
+  void taskTotalRunTimeInc(TaskTimeDuration time) { taskTotalRunTime += time; }
+  void taskWorkCountTotalInc(unsigned long count) { taskWorkCountTotal += count; }
+  void taskQuantumViolation500Inc(unsigned count) { taskQuantumViolation500 += count; }
+  void taskQuantumViolation200Inc(unsigned count) { taskQuantumViolation200 += count; }
+  void taskCompletedCountInc(unsigned count) { taskCompletedCount += count; }
+  void taskRunTimeHighWaterMarkIs(TaskTimeDuration time) { taskRunTimeHighWaterMark_ = time; }
+  void taskLastSchedulingLatencyIs(TaskTimeDuration time) { taskLastSchedulingLatency_ = time; }
+  void taskSchedulingLatencyHighWaterMarkIs(TaskTimeDuration time) {
+    taskSchedulingLatencyHighWaterMark_ = time;
+  }
+  void taskCompletedCountIs(unsigned count) { taskCompletedCount = count; }
+  void taskStatusIs(TaskStatus status) { taskStatus = status; }
+
+  /// Two characters: "*" running, "S" suspended, "T" or "t" a timer armed or not, else a blank;
+  /// then the priority's letter, upper case for a task on a run queue.
+  std::string taskStatusString() const;
+
+  TaskKey taskKey;
+  TaskPriority taskPriority{0};
+  TaskStatus taskStatus;
+  std::uint32_t taskRunCount = 0;
+  TaskTimeDuration taskTotalRunTime;
+  std::uint64_t taskWorkCountTotal = 0;  // the sum of what taskWorkCountInc was given
+  float taskWorkCountDecayAvg = 0;       // nine tenths old, one tenth the newest report
+  TaskMaybeU32 taskWorkCountHighWaterMark{0};
+  std::uint32_t taskWorkPending = 0;  // the latest that taskWorkPendingIs was given
+  TaskMaybeU32 taskWorkPendingHighWaterMark{0};
+  std::uint32_t taskQuantumViolation500 = 0;  // runs of at least five quanta
+  std::uint32_t taskQuantumViolation200 = 0;  // runs of at least two and less than five quanta
+  std::uint32_t taskCompletedCount = 0;       // ended tasks merged into this; 0 for a live task
+
+ private:
+  ConstStringRef taskName_;
+  TaskTimeDuration taskRunTimeHighWaterMark_;
+  TaskTimeDuration taskLastSchedulingLatency_;
+  TaskTimeDuration taskSchedulingLatencyHighWaterMark_;
+};
+
+}  // namespace Brelo

@@ -1,0 +1,43 @@
+#include "Brelo/TaskTimeDuration.h"
+
+#include <cmath>
+
+#include "Brelo/Assert.h"
+
+namespace Brelo {
+
+TaskTimeDuration time2Duration(double seconds) {
+  if (!std::isfinite(seconds) || seconds < 0) {
+    BRELO_FAIL("Brelo", "no duration in seconds:{}", seconds);
+  }
+  double const nanoseconds = seconds * 1e9;
+  if (nanoseconds >= static_cast<double>(TaskTimeDuration::max().count())) {
+    return TaskTimeDuration::max();
+  }
+  return TaskTimeDuration(static_cast<std::int64_t>(nanoseconds));
+}
+
+std::string durationToString(TaskTimeDuration duration) {
+  constexpr std::int64_t usec = 1000;
+  constexpr std::int64_t msec = 1000 * usec;
+  constexpr std::int64_t sec = 1000 * msec;
+  constexpr std::int64_t minute = 60 * sec;
+  std::int64_t const v = duration.count();
+  if (v >= 60 * minute) return fmt::format("{}min", v / minute);
+  if (v >= minute) return fmt::format("{}s", v / sec);
+  if (v >= msec) return fmt::format("{}ms", v / msec);
+  if (v < usec) return fmt::format("{}ns", v);
+  return fmt::format("{}µs", v / usec);
+}
+
+std::ostream& operator<<(std::ostream& stream, TaskTimeDuration const& duration) {
+  return stream << durationToString(duration);
+}
+
+}  // namespace Brelo
+
+auto fmt::formatter<Brelo::TaskTimeDuration>::format(Brelo::TaskTimeDuration const& duration,
+                                                     format_context& context) const
+    -> format_context::iterator {
+  return fmt::format_to(context.out(), "{}", Brelo::durationToString(duration));
+}

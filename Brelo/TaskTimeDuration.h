@@ -1,0 +1,88 @@
+#pragma once
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cstdint>
+#include <limits>
+#include <ostream>
+#include <string>
+#include <type_traits>
+
+namespace Brelo {
+
+/// Points in time of the scheduler: the steady clock, in nanoseconds.
+using TaskTimePoint = std::chrono::steady_clock::time_point;
+
+/// A span of time as a signed 64-bit count of nanoseconds.
+///
+/// Made from a plain number explicitly and from std::chrono spans as they are. `max()` stands
+/// for never. Sums that leave the range wrap.
+class TaskTimeDuration {
+ public:
+  constexpr TaskTimeDuration() = default;
+  constexpr explicit TaskTimeDuration(std::int64_t nanoseconds) : count_(nanoseconds) {}
+  template <class Rep, class Period,
+            class = std::enable_if_t<std::is_convertible_v<std::chrono::duration<Rep, Period>,
+                                                           std::chrono::nanoseconds>>>
+  constexpr TaskTimeDuration(std::chrono::duration<Rep, Period> span)
+      : count_(std::chrono::nanoseconds(span).count()) {}
+
+  static constexpr TaskTimeDuration max() {
+    return TaskTimeDuration(std::numeric_limits<std::int64_t>::max());
+  }
+
+  constexpr std::int64_t count() const { return count_; }
+
+  constexpr TaskTimeDuration& operator+=(TaskTimeDuration other) {
+    count_ = wrapped(unsignedCount() + other.unsignedCount());
+    return *this;
+  }
+  constexpr TaskTimeDuration& operator-=(TaskTimeDuration other) {
+    count_ = wrapped(unsignedCount() - other.unsignedCount());
+    return *this;
+  }
+  friend constexpr TaskTimeDuration operator+(TaskTimeDuration a, TaskTimeDuration b) {
+    return a += b;
+  }
+  friend constexpr TaskTimeDuration operator-(TaskTimeDuration a, TaskTimeDuration b) {
+    return a -= b;
+  }
+  friend constexpr bool operator==(TaskTimeDuration a, TaskTimeDuration b) {
+    return a.count_ == b.count_;
+  }
+  friend constexpr bool operator!=(TaskTimeDuration a, TaskTimeDuration b) { return !(a == b); }
+  friend constexpr bool operator<(TaskTimeDuration a, TaskTimeDuration b) {
+    return a.count_ < b.count_;
+  }
+  friend constexpr bool operator>(TaskTimeDuration a, TaskTimeDuration b) { return b < a; }
+  friend constexpr bool operator<=(TaskTimeDuration a, TaskTimeDuration b) { return !(b < a); }
+  friend constexpr bool operator>=(TaskTimeDuration a, TaskTimeDuration b) { return !(a < b); }
+
+ private:
+  constexpr std::uint64_t unsignedCount() const { return static_cast<std::uint64_t>(count_); }
+  static constexpr std::int64_t wrapped(std::uint64_t value) {
+    return static_cast<std::int64_t>(value);
+  }
+
+  std::int64_t count_ = 0;
+};
+
+/// Seconds to nanoseconds, truncated. A negative or non-finite argument is an assertion; one
+/// beyond the range is the largest duration.
+TaskTimeDuration time2Duration(double seconds);
+
+/// A form for people: a whole number of "ns", "µs", "ms", "s" or "min", cut off, not rounded.
+std::string durationToString(TaskTimeDuration duration);
+
+/// Writes `durationToString`, as does the fmt form.
+std::ostream& operator<<(std::ostream& stream, TaskTimeDuration const& duration);
+
+}  // namespace Brelo
+
+template <>
+struct fmt::formatter<Brelo::TaskTimeDuration> {
+  constexpr auto parse(format_parse_context& context) { return context.begin(); }
+  auto format(Brelo::TaskTimeDuration const& duration, format_context& context) const
+      -> format_context::iterator;
+};
