@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Bench {
+
+/// One run of a measurement: does `count` operations and returns the seconds that they took.
+using Body = std::function<double(std::uint64_t count)>;
+
+/// Where a body runs. Every run has a fresh thread, since a thread's choice of backend is final.
+enum class Backend { host, libevent };
+
+/// One row of the report. A form "x as y" is a further form of the project, to be seen beside the
+/// peers of form "x".
+struct Measurement {
+  std::string unit;
+  std::string form;
+  std::string who;
+  std::vector<double> samples;  // ns for one operation, one for each repetition
+
+  double median() const;
+  bool isOurs() const { return who.rfind("brelo", 0) == 0; }
+  std::string baseForm() const { return form.substr(0, form.find(" as ")); }
+};
+
+/// What the project is to reach: at most `limit` times the median of the peer.
+struct Aim {
+  std::string unit;
+  std::string form;
+  std::string who;
+  double limit;
+  std::string peer;
+};
+
+/// All measurements, in the order of the report. The units fill it (see Units.h); Google
+/// Benchmark runs it, one repetition of each measurement after the other in random order, so that
+/// a machine's good and bad moments fall to all alike.
+class Catalogue {
+ public:
+  Catalogue(unsigned repetitions, bool small) : repetitions_(repetitions), small_(small) {}
+  Catalogue(Catalogue const&) = delete;
+  Catalogue& operator=(Catalogue const&) = delete;
+
+  /// In a small run a hundredth of `count` will do.
+  void measure(std::string unit, std::string form, std::string who, std::uint64_t count, Body body,
+               Backend backend = Backend::host);
+  /// The project on both of its backends.
+  void measureBackends(std::string const& unit, std::string const& form, std::uint64_t count,
+                       Body const& body);
+  void aim(Aim aim) { aims_.push_back(std::move(aim)); }
+
+  std::deque<Measurement> const& measurements() const { return measurements_; }
+  std::vector<Aim> const& aims() const { return aims_; }
+  /// Null for what was not measured in this run.
+  Measurement const* find(std::string const& unit, std::string const& form,
+                          std::string const& who) const;
+
+ private:
+  std::deque<Measurement> measurements_;  // at fixed addresses
+  std::vector<Aim> aims_;
+  unsigned repetitions_;
+  bool small_;
+};
+
+}  // namespace Bench

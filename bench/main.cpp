@@ -1,0 +1,83 @@
+// The project beside libevent, libuv and Boost.Asio, in one run of one program.
+//
+//     brelo_bench [--small] [--results=PATH] [Google Benchmark's options, such as
+//     --benchmark_filter]
+//
+// `--small` shows in a few seconds that everything runs; its figures mean nothing.
+
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "Catalogue.h"
+#include "Report.h"
+#include "Units.h"
+
+namespace {
+
+struct Options {
+  bool small = false;
+  std::string results = "build/bench/results.json";
+  std::vector<char*> harness;  // what is left for Google Benchmark
+};
+
+Options readOptions(int argc, char** argv) {
+  static char interleave[] = "--benchmark_enable_random_interleaving=true";
+  static std::string const resultsOption = "--results=";
+  Options options;
+  options.harness = {argv[0], interleave};
+  for (int i = 1; i < argc; ++i) {
+    std::string const argument = argv[i];
+    if (argument == "--small") {
+      options.small = true;
+    } else if (argument.rfind(resultsOption, 0) == 0) {
+      options.results = argument.substr(resultsOption.size());
+    } else {
+      options.harness.push_back(argv[i]);
+    }
+  }
+  return options;
+}
+
+int runAll(int argc, char** argv) {
+  Options options = readOptions(argc, argv);
+  int harnessCount = static_cast<int>(options.harness.size());
+  benchmark::Initialize(&harnessCount, options.harness.data());
+  if (benchmark::ReportUnrecognizedArguments(harnessCount, options.harness.data())) {
+    return EXIT_FAILURE;
+  }
+
+  unsigned const repetitions = options.small ? 1 : 9;
+  Bench::Catalogue catalogue(repetitions, options.small);
+  Bench::addDispatch(catalogue);
+  Bench::addTimerRestart(catalogue);
+  Bench::addTimerExpiry(catalogue);
+  Bench::addDescriptorWake(catalogue);
+  Bench::addGroupRun(catalogue);
+  Bench::addShouldYield(catalogue);
+  Bench::addReports(catalogue);
+  Bench::addThrow(catalogue);
+  Bench::addHash(catalogue);
+
+  Bench::QuietReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  Bench::printTable(catalogue, std::cout);
+  if (!options.small) Bench::printAims(catalogue, std::cout);
+  Bench::writeResults(catalogue, options.results);
+  return reporter.failed() ? EXIT_FAILURE : EXIT_SUCCESS;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return runAll(argc, argv);
+  } catch (std::exception const& error) {
+    std::cerr << "brelo_bench: " << error.what() << '\n';
+    return EXIT_FAILURE;
+  }
+}
