@@ -27,7 +27,7 @@ int DescriptorSet::bind(FileDescriptor& descriptor) {
   // object that was bound to it before, and the kernel has dropped the watch then.
   int error = 0;
   if (std::uint32_t const events = wanted(number); events != 0) {
-    error = install(number, events);
+    error = install(number, events, true);
   } else {
     withdraw(number);
   }
@@ -169,12 +169,12 @@ std::uint32_t DescriptorSet::wanted(int number) {
   return events;
 }
 
-int DescriptorSet::install(int number, std::uint32_t events) {
+int DescriptorSet::install(int number, std::uint32_t events, bool anew) {
   if (epoll_ == -1) {
     if (int const error = renew(); error != 0) return error;
   }
   Watch& watched = watch(number);
-  int error = watched.events != 0 ? control(EPOLL_CTL_MOD, number, events) : ENOENT;
+  int error = watched.events != 0 && !anew ? control(EPOLL_CTL_MOD, number, events) : ENOENT;
   if (error == ENOENT) {
     ++watched.generation;
     error = control(EPOLL_CTL_ADD, number, events);

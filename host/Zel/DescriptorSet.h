@@ -69,7 +69,8 @@ class DescriptorSet {
 
   Watch& watch(int number) { return watches_[static_cast<std::size_t>(number)]; }
   std::uint32_t wanted(int number);
-  int install(int number, std::uint32_t events);
+  /// `anew`: what the set has for the number may be another file's of an earlier time.
+  int install(int number, std::uint32_t events, bool anew = false);
   void withdraw(int number) noexcept;
   int control(int operation, int number, std::uint32_t events) noexcept;
   void record(int number, std::uint32_t events, bool alwaysReady);
