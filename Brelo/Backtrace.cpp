@@ -30,7 +30,11 @@ void Backtrace::unwind() {
   // The walk that libunwind has for this costs a hundredth of the one by steps. Its first entry is
   // this function itself.
   void* frames[1 + maxFrames];
+#ifdef __SANITIZE_THREAD__
+  int const found = 0;  // its cache of a thread ends after the sanitizer has let go of the thread
+#else
   int const found = unw_backtrace(frames, static_cast<int>(1 + maxFrames));
+#endif
   if (found <= 1) {
     count_ = walkBySteps();
     return;

@@ -1,0 +1,118 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "Brelo/TaskScheduler.h"
+#include "support/Backend.h"
+#include "support/Handlers.h"
+#include "support/WorkTasks.h"
+
+namespace {
+
+using namespace BreloTest;
+
+struct Descriptor : Brelo::FileDescriptorTask {
+  explicit Descriptor(std::shared_ptr<Brelo::TaskScheduler> scheduler)
+      : FileDescriptorTask(std::move(scheduler), Brelo::TaskPriority::normal, "fd") {}
+
+  void taskExecuteReadable() override { readable(); }
+  void taskExecuteWritable() override { writable(); }
+  void handleTaskBusy() override { log += taskBusy() ? "+" : "-"; }
+
+  std::string log;
+  std::function<void()> readable = [this] { log += "r"; }, writable = [this] { log += "w"; };
+};
+
+struct Setting {
+  SocketPair pair;
+  std::shared_ptr<Brelo::TaskSchedulerRoot> root = Brelo::schedulerRootBreloNonShared("root");
+  std::shared_ptr<Descriptor> task = std::make_shared<Descriptor>(root);
+};
+
+struct FileDescriptorTask : Setting, testing::Test {};
+struct FileDescriptorTaskLoop : OnBothBackends {};
+INSTANTIATE_BOTH_BACKENDS(FileDescriptorTaskLoop);
+
+TEST_P(FileDescriptorTaskLoop, EchoesWithReadsThatStayOnAndOneShotWrites) {
+  run([] {
+    Setting s;
+    unsigned got = 0, sent = 0;
+    s.task->readable = [&] {
+      s.task->taskWorkCountInc(3);
+      // It may be seen ready once more before the run that empties it.
+      char byte;
+      if (read(s.pair.near(), &byte, 1) < 0) return;
+      ++got;
+      s.task->taskWatchWritableIs(true);
+    };
+    s.task->writable = [&] {
+      s.task->taskWorkCountInc(2);
+      EXPECT_FALSE(s.task->taskWatchWritable());
+      if (++sent < got) s.task->taskWatchWritableIs(true);
+    };
+    s.task->taskWatchFdIs(s.pair.near());
+    for (int i = 0; i < 5; ++i)
+      s.pair.send();
+    EXPECT_TRUE(runUntil([&] { return sent == 5; }));
+    Brelo::Platform::doEventLoop(0.005);  // still writable, but nobody wants to know
+    EXPECT_EQ(s.task->taskWorkCountWritableTotal(), 10U);
+    EXPECT_EQ(s.task->taskWorkCountReadableTotal(), 3 * s.task->taskRunCountReadable());
+  });
+}
+
+TEST_F(FileDescriptorTask, EventsFoldIntoOneRunAndChangesTakeRunsBack) {
+  task->taskWatchFdIs(pair.near());
+  task->readFdEvent(pair.near());
+  task->readFdEvent(pair.near());
+  task->scheduleTaskWritable();
+  runUntilIdle(*root);
+  EXPECT_EQ(task->log, "+rw-");
+
+  task->scheduleTaskReadable();
+  task->scheduleTaskWritable();
+  task->taskWatchFdIs(pair.near());
+  EXPECT_TRUE(task->taskScheduledReadable() && task->taskScheduledWritable());
+  task->taskWatchFdIs(pair.ends[1]);
+  EXPECT_FALSE(task->taskScheduled());
+  task->scheduleTaskReadable();
+  task->scheduleTaskWritable();
+  task->taskWatchReadableIs(false);
+  task->taskWatchWritableIs(true);
+  EXPECT_TRUE(!task->taskScheduledReadable() && task->taskScheduledWritable());
+  task->taskWatchWritableIs(false);
+  EXPECT_FALSE(task->taskScheduledWritable());
+}
+
+TEST_F(FileDescriptorTask, TheWriteTaskTakesOverWhatTheOwnerWasToldBefore) {
+  task->taskSuspendedIs(true);
+  task->taskTestYieldRatioIs(9);
+  task->taskStatsNameIs("stats");
+  task->scheduleTaskWritable();
+  auto const write = registeredTask(*root, "fd:write");
+  EXPECT_EQ(write->taskTestYieldRatio(), 9);
+  EXPECT_EQ(write->taskStatsName(), "stats:write");
+  task->taskSuspendedIs(false);  // gives both directions a run
+  task->readable = [&] { task.reset(); };
+  runUntilIdle(*root);
+  EXPECT_EQ(write->taskRunCount, 1U) << "empty, as the owner has gone";
+}
+
+TEST_F(FileDescriptorTask, WrongUseEndsTheProcessDeathTest) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  task->taskWatchFdIs(pair.near());
+  EXPECT_DEATH(task->writeFdEvent(pair.near()), "called with taskWatchWritable off");
+  EXPECT_DEATH(task->taskWorkPendingWritableIs(1), "WriteTask not created");
+
+  // After a handler has thrown, neither is entered again.
+  task->readable = [] { throw std::runtime_error("x"); };
+  task->scheduleTaskReadable();
+  task->scheduleTaskWritable();
+  EXPECT_THROW(root->handleSchedulerRun(), std::runtime_error);
+  EXPECT_DEATH(root->handleSchedulerRun(), "Executing task already set");
+}
+
+}  // namespace

@@ -1,0 +1,53 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+#include <system_error>
+
+#include "Zel/FileDescriptor.h"
+#include "ZelBrelo/Platform.h"
+#include "support/Handlers.h"
+
+// What the host's controls have beyond the platform's promises.
+
+namespace {
+
+using namespace BreloTest;
+using Brelo::Platform::doEventLoop;
+
+TEST(HostControl, AnOrphanAndACounterThatHasNotChangedPassOverWhatIsDelivered) {
+  SocketPair pair;
+  pair.send();
+  Zel::Ptr<Zel::FileDescriptor> const hostFd = new Zel::FileDescriptor("shared");
+  hostFd->hasNotificationActiveIs(true);
+  Watch watches[] = {{-1, true, false}, {-1, true, false}};
+  for (auto& watch : watches) {
+    watch.control = std::make_shared<ZelBrelo::FileDescriptor>(hostFd, &watch);
+    watch.control->setReads(true);
+    watch.control->setFd(pair.near());
+  }
+  watches[0].read.action = [&] {
+    watches[0].control.reset();
+    // The host holds the notifiee while it tells it, and can tell it once more.
+    hostFd->descriptorIs(pair.near());
+    doEventLoop(0.0);  // tells both of the second count
+  };
+  watches[1].read.action = [&] { watches[1].control->setReads(false); };
+  doEventLoop();
+  EXPECT_EQ(watches[0].read.runs, 1);
+  EXPECT_EQ(watches[1].read.runs, 1);
+}
+
+TEST(HostControl, AnExceptionOfWhoDestroyedItsWatchGoesOn) {
+  SocketPair pair;
+  Watch watch(pair.near(), false, true);
+  watch.read.handles = true;
+  watch.write.action = [&] {
+    watch.control.reset();
+    throw std::runtime_error("write");
+  };
+  EXPECT_THROW(doEventLoop(), std::runtime_error);
+  EXPECT_THROW(Watch(1 << 20, true, false), std::system_error);
+}
+
+}  // namespace

@@ -1,0 +1,164 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "Brelo/TaskScheduler.h"
+#include "support/Backend.h"
+#include "support/ReportedTree.h"
+
+using namespace Brelo;
+using BreloTest::IdleTask;
+using nlohmann::json;
+
+namespace {
+
+class JsonExport : public BreloTest::OnBothBackends {
+ protected:
+  void SetUp() override { signal(SIGPIPE, SIG_IGN); }
+};
+INSTANTIATE_BOTH_BACKENDS(JsonExport);
+
+struct Pipe {
+  Pipe() { EXPECT_EQ(pipe(ends), 0); }
+  ~Pipe() { close(ends[0]); }
+  int reader() const { return ends[0]; }
+  int writer() const { return ends[1]; }
+  int ends[2];
+};
+
+std::string readAll(int fd) {
+  std::string text;
+  char block[4096];
+  for (ssize_t n = read(fd, block, sizeof block); n > 0; n = read(fd, block, sizeof block)) {
+    text.append(block, static_cast<std::size_t>(n));
+  }
+  return text;
+}
+
+bool isOpen(int fd) {
+  return fcntl(fd, F_GETFD) >= 0;
+}
+
+TEST_P(JsonExport, WritesAllSnapshotsAsOneDocument) {
+  run([] {
+    auto const root = schedulerRootBrelo();
+    auto const task = std::make_shared<IdleTask>(root, TaskPriority::normal, "one");
+    Pipe pipe, empty;
+    int done = 0;
+    bool closedBefore = false;
+    root->snapshotRenderJsonAsync(
+        pipe.writer(),
+        {root->snapshot("a", true, false, false, 0), root->snapshot("b", true, false, false, 1),
+         root->snapshot("c", true, false, false, 2)},
+        [&] {
+          ++done;
+          closedBefore = !isOpen(pipe.writer());
+        });
+    EXPECT_NE(fcntl(pipe.writer(), F_GETFL) & O_NONBLOCK, 0);
+    root->snapshotRenderJsonAsync(empty.writer(), {}, [&] { ++done; });
+    while (done < 2)
+      Platform::doEventLoopInWaitfor(0.01);
+    EXPECT_TRUE(closedBefore);
+    std::string const text = readAll(pipe.reader());
+    auto const document = nlohmann::ordered_json::parse(text);
+    std::string order;
+    for (auto const& [name, scheduler] : document["schedulers"].items())
+      order += name;
+    EXPECT_EQ(order, "abc");
+    EXPECT_EQ(readAll(empty.reader()), R"({"schedulers":{}})");
+
+    TaskStat const render = root->completedTaskStatForTest("TaskSchedulerRenderJson");
+    EXPECT_EQ(render.taskCompletedCount, 2U);
+    EXPECT_EQ(render.taskWorkCountTotal, 3U);
+    TaskStat const write = root->completedTaskStatForTest("TaskSchedulerRenderJson:FdWrite:write");
+    EXPECT_EQ(write.taskWorkCountTotal, text.size() + 17);
+    EXPECT_GE(write.taskRunCount, 5U);
+  });
+}
+
+TEST_P(JsonExport, WaitsForASlowReader) {
+  run([] {
+    auto const root = schedulerRootBrelo();
+    std::vector<std::shared_ptr<IdleTask>> tasks;
+    for (int i = 0; i < 600; ++i) {
+      tasks.push_back(std::make_shared<IdleTask>(root, TaskPriority::low, std::to_string(i)));
+    }
+    Pipe pipe;
+    fcntl(pipe.writer(), F_SETPIPE_SZ, 4096);
+    std::string const expected = root->statsRenderJsonToString(true, false, false);
+    bool done = false;
+    root->snapshotRenderJsonAsync(
+        pipe.writer(),
+        {root->snapshot("", true, false, false, TaskSchedulerSnapshot::displayOrderUnset)},
+        [&] { done = true; });
+    std::string text;
+    fcntl(pipe.reader(), F_SETFL, O_NONBLOCK);
+    while (!done) {
+      Platform::doEventLoopInWaitfor(0.0);
+      char block[1000];
+      ssize_t const n = read(pipe.reader(), block, sizeof block);
+      if (n > 0) text.append(block, static_cast<std::size_t>(n));
+    }
+    text += readAll(pipe.reader());
+    EXPECT_GT(text.size(), 100'000U);
+    EXPECT_EQ(text, expected);
+  });
+}
+
+TEST_P(JsonExport, EndsQuietlyWithoutItsReader) {
+  run([] {
+    auto const root = schedulerRootBrelo();
+    int done = 0;
+    auto const frozen = [&] { return root->snapshot("", true, false, false, 0); };
+    int gone[2];
+    ASSERT_EQ(pipe(gone), 0);
+    close(gone[0]);
+    root->snapshotRenderJsonAsync(gone[1], {frozen(), frozen()}, [&] { ++done; });
+
+    // A descriptor that somebody closes between two writes.
+    int lost[2];
+    ASSERT_EQ(pipe(lost), 0);
+    root->snapshotRenderJsonAsync(lost[1], {frozen(), frozen()}, [&] { ++done; });
+    close(lost[0]);
+    close(lost[1]);
+
+    // A file, which cannot be polled.
+    char name[] = "/tmp/brelo-export-XXXXXX";
+    int const file = mkstemp(name);
+    root->snapshotRenderJsonAsync(file, {frozen()}, [&] { ++done; });
+    while (done < 3)
+      Platform::doEventLoopInWaitfor(0.01);
+    EXPECT_FALSE(isOpen(gone[1]));
+    int const reader = open(name, O_RDONLY);
+    EXPECT_NO_THROW(json::parse(readAll(reader)));
+    close(reader);
+    unlink(name);
+  });
+}
+
+TEST_P(JsonExport, TakesThePriorityOfAGroupThatEnforcesOne) {
+  run([] {
+    auto const root = schedulerRootBrelo();
+    // Kept in reach: a scheduler whose statistics were reset in the background is never destroyed.
+    static auto* const kept = new std::vector<std::shared_ptr<TaskGroup>>;
+    auto const group = TaskGroup::TaskGroupIs("strict", TaskPriority::high, true, root);
+    kept->push_back(group);
+    Pipe pipe;
+    bool done = false;
+    group->snapshotRenderJsonAsync(pipe.writer(), {group->snapshot("", true, false, true, 0)},
+                                   [&] { done = true; });
+    group->resetStats();
+    while (!done)
+      Platform::doEventLoopInWaitfor(0.01);
+    EXPECT_FALSE(json::parse(readAll(pipe.reader()))["schedulers"]["strict"].contains("history"));
+  });
+}
+
+}  // namespace

@@ -1,0 +1,107 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "Brelo/LibeventFactory.h"
+#include "Brelo/Thread.h"
+#include "Brelo/TimerWheel.h"
+#include "support/Backend.h"
+#include "support/ChildProcess.h"
+#include "support/Handlers.h"
+#include "support/TraceCapture.h"
+
+// What the libevent backend has beyond the platform's promises.
+
+namespace {
+
+using namespace BreloTest;
+using namespace Brelo::Platform;
+
+TEST(Libevent, AThreadLeavesItsBaseBehindForWhatOutlivesItOnly) {
+  int const lowest = SocketPair().near();  // of the numbers that are free
+  std::unique_ptr<Timer> survivor;
+  event_base* base = nullptr;
+  for (bool const survives : {false, true}) {
+    onBackend(Backend::libevent, [&] {
+      auto timer = std::make_unique<Timer>();
+      timer->control->setTimeout(0.0);
+      Brelo::getTimerWheel();
+      doEventLoop();
+      base = Brelo::ev_base;
+      if (survives) survivor = std::move(timer);
+    });
+    EXPECT_EQ(SocketPair().near() > lowest, survives);
+  }
+  survivor.reset();
+  event_base_free(base);
+  EXPECT_EQ(SocketPair().near(), lowest);
+}
+
+TEST(Libevent, StrictHighIsServedBeforeAllElse) {
+  onBackend(Backend::libevent, [] {
+    std::string order;
+    auto const wheel = Brelo::getTimerWheelForTaskScheduler(eventPriorityStrictHigh);
+    Timer timers[3];
+    timers[1].control = getTimerControl(&timers[1], eventPriorityStrictHigh);
+    timers[2].control = getTimerControl(&timers[2], wheel);
+    SocketPair pair;
+    Watch watch(pair.near(), false, true);
+    watch.write.action = [&] { order += 'n'; };
+    for (auto& timer : timers) {
+      timer.action = [&] { order += &timer == timers ? 'n' : 'H'; };
+      timer.control->setTimeout(0.0);
+    }
+    usleep(2000);
+    doEventLoop();
+    EXPECT_EQ(order, "HHnn");
+  });
+}
+
+TEST(Libevent, AForkedChildTakesNothingFromItsParent) {
+  onBackend(Backend::libevent, [] {
+    for (std::string const step : {"deletes", "adds", "runs"}) {
+      SocketPair pair;
+      Watch watch(pair.near(), true, false);
+      Timer timer;
+      timer.control->setTimeout(0.01);
+      EXPECT_TRUE(passesInChild([&] {
+        Brelo::leForkReinit();
+        SocketPair own;
+        own.send();
+        Watch more(step == "runs" ? -1 : own.near(), true, true);
+        if (step == "deletes") watch.control.reset();
+        if (step == "runs") watch.control->setFd(own.near());
+        EXPECT_TRUE(runUntil([&] { return watch.read.runs + more.read.runs > 0 && timer.runs; }));
+      })) << step;
+      pair.send();
+      EXPECT_TRUE(runUntil([&] { return watch.read.runs > 0 && timer.runs == 1; })) << step;
+    }
+  });
+}
+
+TEST(Libevent, TheLoopIsNotEnteredFromAHandlerAndMessagesAreTracedAsTheyAre) {
+  onBackend(Backend::libevent, [] {
+    TraceCapture traces("BreloLibevent");
+    Timer timer([] { doEventLoop(1000.0); });
+    timer.control->setTimeout(0.0);
+    doEventLoop();
+    EXPECT_THAT(traces.take(), testing::ContainsRegex("/0 .*cannot be entered on base:0x"));
+    Brelo::le_debug_cb(2, "100%d {}");
+    EXPECT_THAT(traces.take(), testing::ContainsRegex("/1 .*100%d \\{\\}\n"));
+  });
+}
+
+TEST(LibeventDeathTest, MisuseEndsTheProcess) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  auto const dies = [](auto body, char const* text, Backend backend = Backend::libevent) {
+    EXPECT_DEATH(onBackend(backend, body), text);
+  };
+  dies([] { Watch(1 << 20, true, false); }, "flags >= 0");
+  dies([] { (Timer()), Brelo::leRegisterBase(Brelo::leCreateBase()); }, "a base:0x.* exists: 0x");
+  dies([] { (Timer()), Brelo::useThreadLocalSingletons(); }, "Attempt to change", Backend::host);
+}
+
+}  // namespace

@@ -1,0 +1,173 @@
+#include "Brelo/Platform.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <random>
+#include <stdexcept>
+
+#include "support/Backend.h"
+#include "support/Handlers.h"
+
+// What the platform promises on every backend.
+
+namespace {
+
+using namespace BreloTest;
+using Brelo::Platform::doEventLoop;
+
+class Platform : public OnBothBackends {};
+INSTANTIATE_BOTH_BACKENDS(Platform);
+
+/// A handler of each kind, and what they all do.
+struct Trio {
+  /// The bits of `which` are the timer, the callback and the watch.
+  void start(int which = 7) {
+    pair.send();
+    timer.control->setTimeout(which & 1 ? 0.0 : 1000.0);
+    if (which & 2) callback.control->requestCallback();
+    if (which & 4) watch.control->setFd(pair.near());
+  }
+
+  SocketPair pair;
+  Timer timer;
+  Callback callback;
+  Watch watch{-1, true, true};
+  Doing* const doings[4] = {&timer, &callback, &watch.read, &watch.write};
+};
+
+TEST_P(Platform, ATimerTakesAnyNumberOfSecondsAndIsIdleBeforeItsHandlerRuns) {
+  run([] {
+    Timer timer;
+    timer.action = [&] { EXPECT_EQ(timer.control->remainingTimeout(), never); };
+    int runs = 0;
+    for (double const past : {0.0, 1e-9, -1e300, -never}) {
+      timer.control->setTimeout(past);
+      usleep(2000);
+      EXPECT_EQ(timer.control->remainingTimeout() + timer.runs, runs) << past;
+      doEventLoop();
+      EXPECT_EQ(timer.runs, ++runs) << past;
+    }
+    for (double const future : {1e6, 1e19, 1e300}) {
+      timer.control->setTimeout(future);
+      double const start = Brelo::time();
+      doEventLoop(0.002);
+      EXPECT_GE(Brelo::time() - start, 0.0019);
+      EXPECT_GT(timer.control->remainingTimeout(), 9e5) << future;
+    }
+    timer.control->setTimeout(never);
+    doEventLoop();  // nothing to wait for
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_DEATH(timer.control->setTimeout(never - never), "timeout is not a number");
+  });
+}
+
+TEST_P(Platform, ManyTimersAndBusyHandlersAreNeverEarly) {
+  run([] {
+    std::mt19937 random(4711);
+    Timer timers[30];
+    for (auto& timer : timers) {
+      timer.action = [&, due = -never]() mutable {
+        // libevent cuts both the time of arming and the delay to whole microseconds; a double at
+        // the present time resolves a quarter of one.
+        EXPECT_GE(Brelo::time() - due, GetParam() == Backend::host ? 0.0 : -2.5e-6);
+        for (double const end = Brelo::time() + random() % 20 * 1e-6; Brelo::time() < end;)
+          continue;
+        // One of them is longer than a coarse tick.
+        double const seconds = random() % (&timer == timers ? 6000 : 80) * 1e-6;
+        due = Brelo::time() + seconds;
+        if (random() % 40 != 0) timer.control->setTimeout(seconds);
+      };
+      timer.control->setTimeout(0.0);
+    }
+    doEventLoop();
+  });
+}
+
+TEST_P(Platform, WhoAsksAgainFromItsHandlerStarvesNobody) {
+  run([] {
+    Trio trio;
+    trio.callback.action = [&] { trio.callback.control->requestCallback(); };
+    trio.timer.action = [&] { trio.timer.control->setTimeout(0.0); };
+    trio.start();
+    Timer later;
+    later.control->setTimeout(0.001);
+    EXPECT_TRUE(runUntil([&] { return later.runs == 1; }));
+    for (int i : {0, 1, 2})
+      EXPECT_TRUE(runUntil([&] { return trio.doings[i]->runs > 3; }));
+    EXPECT_EQ(trio.watch.write.runs, 1);
+  });
+}
+
+TEST_P(Platform, AWatchFollowsItsDescriptorAndKeepsItsWishes) {
+  run([] {
+    SocketPair pair;
+    SocketPair silent;
+    pair.send();
+    Watch watch(-1, true, true);
+    watch.write.action = [&] { watch.control->setWrites(watch.write.runs < 4); };
+    watch.control->setFd(pair.near());
+    watch.control->setFd(silent.near());
+    EXPECT_TRUE(runUntil([&] { return watch.write.runs == 4; }));
+    EXPECT_EQ(watch.read.runs, 0);
+
+    watch.control->delFd();
+    doEventLoop();
+    watch.control->setFd(silent.near());
+    silent.send();
+    EXPECT_TRUE(runUntil([&] { return watch.read.runs > 2; }));
+    watch.control->setReads(false);
+    shutdown(silent.near(), SHUT_RDWR);
+    doEventLoop();  // with neither direction wanted the hang-up is nobody's affair
+  });
+}
+
+TEST_P(Platform, AnExceptionIsHandledOrLeavesTheLoopWhichCanBeEnteredAgain) {
+  run([] {
+    for (bool const handles : {false, true}) {
+      Trio trio;
+      for (auto* const each : trio.doings) {
+        each->handles = handles;
+        each->action = [&trio, each] {
+          if (each == &trio.watch.read) trio.watch.control->setReads(false);
+          throw std::runtime_error("handler");
+        };
+      }
+      trio.start();
+      trio.callback.control->requestCallback();  // adds nothing
+      for (int i = 0; i < 4 && !handles; ++i)
+        EXPECT_THROW(doEventLoop(1000.0), std::runtime_error);  // the bound must go with it
+      doEventLoop();
+      for (auto* const each : trio.doings)
+        EXPECT_EQ(each->runs, 1);
+    }
+  });
+}
+
+TEST_P(Platform, AHandlerMayStopOrDestroyWhoeverIsReadyBesideIt) {
+  run([] {
+    for (int mode = 2; mode <= 15; ++mode) {
+      bool const destroys = mode % 2 == 1;
+      int runs = 0;
+      Trio trios[2];
+      auto const stopAll = [&] {
+        ++runs;
+        for (auto& [pair, timer, callback, watch, doings] : trios) {
+          destroys ? timer.control.reset() : timer.control->delTimeout();
+          destroys ? callback.control.reset() : callback.control->cancelCallback();
+          destroys ? watch.control.reset() : watch.control->delFd();
+        }
+      };
+      for (auto& trio : trios) {
+        trio.start(mode / 2);
+        for (auto* const each : trio.doings)
+          each->action = stopAll;
+      }
+      usleep(2000);
+      doEventLoop();
+      EXPECT_EQ(runs, 1) << mode;
+    }
+  });
+}
+
+}  // namespace

@@ -1,0 +1,197 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+
+#include "Brelo/TaskScheduler.h"
+#include "support/ReportedTree.h"
+
+using namespace Brelo;
+using BreloTest::IdleTask;
+using BreloTest::ReportedTree;
+using nlohmann::json;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr unsigned noOrder = TaskSchedulerSnapshot::displayOrderUnset;
+
+TEST(JsonReport, IsTheDocumentToTheByte) {
+  ReportedTree tree;
+  std::string const expected = tree.withKeys(
+      R"({"schedulers":{"top":{"schedulerName":"top","isRootScheduler":true,"priorityStats":{)"
+      R"("absolute":{"runnableTasks":0,"idleTasks":1,"completedTasks":0,"totalRunCount":0},)"
+      R"("high":{"runnableTasks":0,"idleTasks":0,"completedTasks":1,"totalRunCount":0},)"
+      R"("normal":{"runnableTasks":0,"idleTasks":1,"completedTasks":0,"totalRunCount":0},)"
+      R"("low":{"runnableTasks":0,"idleTasks":1,"completedTasks":0,"totalRunCount":0},)"
+      R"("scavenge":{"runnableTasks":0,"idleTasks":0,"completedTasks":0,"totalRunCount":0}},)"
+      R"("maxSchedulerSlip":0.0,"tasks":{"tasks":[)"
+      R"({"name":"tick","address":"@timer","priority":"low","onRunQueue":false,)"
+      R"("currentlyRunning":false,"suspended":false,"hasTimer":true,"timerRunning":false,)"
+      R"("runCount":2,"totalRunTime":2.0,"lastSchedulingLatency":0.0,)"
+      R"("schedulingLatencyHighWaterMark":0.0,"qv200":0,"qv500":0,"maxMs":0},)"
+      "{\"name\":\"work\\\"er\\u0001\xff\","
+      R"("address":"@worker","priority":"normal","onRunQueue":false,)"
+      R"("currentlyRunning":false,"suspended":false,"hasTimer":false,"timerRunning":false,)"
+      R"("runCount":12,"totalRunTime":1.5,"lastSchedulingLatency":2.5e-7,)"
+      R"("schedulingLatencyHighWaterMark":0.002,"qv200":3,"qv500":1,"maxMs":1,)"
+      R"("workCount":{"total":5,"decayingAvg":0.10000000149011612,"highwater":-1294967296},)"
+      R"("workPending":{"pending":0,"highwater":0}}],"skipped":1},)"
+      R"("completedTasks":{"tasks":[{"name":"gone tasks","priority":"high","onRunQueue":false,)"
+      R"("currentlyRunning":false,"suspended":false,"hasTimer":false,"timerRunning":false,)"
+      R"("runCount":1,"totalRunTime":7e-9,"lastSchedulingLatency":0.0,)"
+      R"("schedulingLatencyHighWaterMark":0.0,"qv200":0,"qv500":0,"maxMs":0,)"
+      R"("completedCount":1}],"skipped":0},"subSchedulers":{},"history":{"historyEntryCount":4,)"
+      R"("history":[{"nsSinceBoot":9500,"eventType":"run start",)"
+      "\"eventId\":\"N work\\\"er\\u0001\xff\"},"
+      R"({"nsSinceBoot":1000,"eventType":"schedulerRunnable","eventId":"top"}]}}}})");
+  EXPECT_EQ(tree.root->statsRenderJsonToString(false, true, true), expected);
+
+  int pipe[2];
+  ASSERT_EQ(::pipe(pipe), 0);
+  tree.root->statsRenderJsonToBlockingFdForTest(pipe[1], false, true, true);
+  std::string text(expected.size() + 1, '\0');
+  text.resize(static_cast<std::size_t>(read(pipe[0], text.data(), text.size())));
+  EXPECT_EQ(text, expected);
+  EXPECT_EQ(fcntl(pipe[1], F_GETFL) & O_NONBLOCK, 0);
+  close(pipe[0]);
+  close(pipe[1]);
+}
+
+TEST(JsonReport, NestsGroupsAndParsesBack) {
+  auto const root = schedulerRootBreloNonShared("top");
+  auto const outer = TaskGroup::TaskGroupIs("outer", TaskPriority::low, false, root);
+  auto const inner = TaskGroup::TaskGroupIs("inner", TaskPriority::high, false, outer);
+  auto const task = std::make_shared<IdleTask>(inner, TaskPriority::normal, "deep");
+  task->scheduleTask();
+
+  json const document = json::parse(root->statsRenderJsonToString(true, true, true));
+  json const& top = document.at("schedulers").at("top");
+  EXPECT_FALSE(top.contains("completedTasks"));
+  EXPECT_TRUE(top.contains("history"));
+  json const& parent = top["tasks"]["tasks"][0];
+  EXPECT_EQ(parent["name"], "TaskGroup;outer");
+  json const& outerObject = top["subSchedulers"].at(parent["subScheduler"].get<std::string>());
+  EXPECT_EQ(outerObject["isRootScheduler"], false);
+  EXPECT_FALSE(outerObject.contains("history"));
+  json const& innerObject = outerObject["subSchedulers"].front();
+  EXPECT_EQ(innerObject["schedulerName"], "inner");
+  EXPECT_EQ(innerObject["tasks"]["tasks"][0]["onRunQueue"], true);
+  EXPECT_EQ(innerObject["priorityStats"]["normal"]["runnableTasks"], 1);
+  EXPECT_EQ(innerObject["subSchedulers"], json::object());
+
+  // A group whose parent task is left out is shown all the same.
+  json const fewer = json::parse(root->statsRenderJsonToString(false, false, false));
+  EXPECT_EQ(fewer["schedulers"]["top"]["tasks"], json::parse(R"({"tasks":[],"skipped":1})"));
+  EXPECT_EQ(fewer["schedulers"]["top"]["subSchedulers"].size(), 1U);
+  task->unscheduleTask();
+}
+
+TEST(Snapshot, OutlivesItsTasksAndKnowsItsThread) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  auto const root = schedulerRootBreloNonShared("top");
+  auto task = std::make_shared<IdleTask>(root, TaskPriority::normal, "short-lived");
+  auto frozen = root->snapshot("renamed", true, false, true, 7);
+  task.reset();
+  std::ostringstream text;
+  auto context = TaskScheduler::PrintContextIs(text);
+  EXPECT_EQ(text.str(), R"({"schedulers":{)");
+  frozen->renderJson(*context);
+  EXPECT_THAT(text.str(), HasSubstr(R"("renamed":{"schedulerName":"renamed","displayOrder":7,)"));
+  EXPECT_THAT(text.str(), HasSubstr("short-lived"));
+  context.reset();
+  EXPECT_NO_THROW(json::parse(text.str()));
+
+  EXPECT_DEATH(std::thread([&] { frozen.reset(); }).join(),
+               "Allocated by thread [0-9]+ freed by [0-9]+");
+  EXPECT_DEATH(
+      {
+        auto other = schedulerRootBreloNonShared("other");
+        auto const kept = std::make_shared<IdleTask>(other, TaskPriority::normal, "kept");
+        auto const held = other->snapshot("", true, false, false, noOrder);
+        const_cast<std::shared_ptr<IdleTask>&>(kept).reset();
+        other.reset();
+      },
+      "Destroying ConstStringCache with open references");
+  EXPECT_DEATH(
+      {
+        std::ostringstream stream;
+        auto closed = TaskScheduler::PrintContextIs(stream);
+        closed->closeJson();
+        closed->closeJson();
+      },
+      "JSON already closed");
+}
+
+TEST(FdToStream, RefusesWhatItCannotWaitFor) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  int pipe[2];
+  ASSERT_EQ(pipe2(pipe, O_NONBLOCK), 0);
+  EXPECT_DEATH(FdToStream(pipe[1], false),
+               "FileDescriptor [0-9]+ flags 0x801 is non-blocking, not supported");
+  EXPECT_DEATH(FdToStream(-1, false), "FileDescriptor -1 flags 0xffffffff is non-blocking");
+  close(pipe[0]);
+  close(pipe[1]);
+}
+
+TEST(TextReport, IsTheTableToTheBlank) {
+  ReportedTree tree;
+  tree.worker->taskStatsNameIs("x");
+  std::string const text = tree.root->statsRenderTextForDebugToString(false, true, true, true);
+  std::string const head =
+      R"(Priority RunnableCount     IdleCount DoneCount   TotalRunCount
+--------------------------------------------------------------
+absolute             0             1         0               0
+high                 0             0         1               0
+normal               0             1         0               0
+low                  0             1         0               0
+scavenge             0             0         0               0
+Maximum scheduler slip 0.000000 seconds
+
+SP                = Task status and priority % two characters:
+   first            T/t for active/idle timers, * for running task or blank
+   second           priority and runnable status, upper case for runnable
+RunCount          = Number of times task has run
+TotalSec          = Total run time in seconds
+LastDelay         = Scheduling delay last time task ran, in seconds
+MaxDelay          = Maximum scheduling delay encountered, in seconds
+200% 500%         = Number of times task used this percentage of quantum
+MaxMs             = Maximum single run time in milliseconds
+Completed         = Number of times a task with this name has completed
+TotalWorkCount    = Counter of total work units processed
+DecayAvgWorkCount =    exponential decaying average of work units processed
+MaxWorkCount      =    high watermark of work units processed in one run
+LastWorkPending   = Work units pending processing
+MaxWorkPending    =    high watermark of work units pending processing
+
+)";
+  std::string const tables = tree.withKeys(
+      "TaskName                     SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs "
+      "Total/DecayA/Max-WorkCount Last/Max-WorkPending\n" +
+      std::string(28 + 107, '-') +
+      "\n"
+      "tick@timer      tl          2         2.000  0.000   0.000    0    0     0"
+      "          -        -      -         -          -\n"
+      "work\"er\x01\xff@worker  n         12         1.500  0.000   0.002    3    1     1"
+      " 4294967301      0.1 3000000000         0          0\n"
+      "Skipped 1 task with no runs\n\n"
+      "TaskName (completed) SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs Completed "
+      "Total/DecayA/Max-WorkCount Last/Max-WorkPending\n" +
+      std::string(20 + 112, '-') +
+      "\n"
+      "gone tasks            h          1         0.000  0.000   0.000    0    0     0    1"
+      "          -        -      -         -          -\n"
+      "Last 4 scheduler events, absolute timestamp and relative to last event\n" +
+      std::string(70, '-') +
+      "\n"
+      "                  9500 ns since boot          0 µs run start    N work\"er\x01\xff\n"
+      "                  1000 ns since boot          8 µs schedulerRunnable top\n\n");
+  EXPECT_EQ(text, head + tables);
+}
+
+}  // namespace

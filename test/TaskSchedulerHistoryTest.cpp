@@ -1,0 +1,58 @@
+#include "Brelo/TaskSchedulerHistory.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <sstream>
+#include <string>
+
+#include "support/WorkTasks.h"
+
+namespace {
+
+using Type = Brelo::TaskSchedulerEventType;
+
+TEST(History, KeepsTheNewestEventsAndTheirNames) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto const root = Brelo::schedulerRootBreloNonShared("root");
+  auto task = BreloTest::workTask(root, "job");
+  Brelo::TaskSchedulerHistory history(3);
+  auto const insert = [&](std::int64_t time, Type type, auto const& subject) {
+    history.insert(Brelo::TaskTimePoint(std::chrono::nanoseconds(time)), type, subject);
+  };
+  auto const times = [&] {
+    std::string text;
+    for (auto const& event : history.events())
+      text += std::to_string(event.eventTime().time_since_epoch().count());
+    return text;
+  };
+  EXPECT_DEATH(insert(0, Type::schedulerIdle, *task), "Assertion `EventType: 17' failed");
+  for (int const time : {1, 2, 3, 4, 5})
+    insert(time, Type::schedule, *task);
+  history.capacityIs(2);
+  history.capacityIs(3);
+  EXPECT_EQ(times(), "54");
+
+  task->includeInCompletedTaskIs(false);
+  insert(1'000'000, Type::runStart, *task);
+  insert(123'456'789'012'345, Type::schedulerUnsuspended, *root);
+  insert(123'456'789'014'344, Type::unschedule, *task);
+  task.reset();
+  root->clearHistory();
+  std::ostringstream text;
+  history.renderText(text);
+  EXPECT_EQ(text.str(),
+            "Last 3 scheduler events, absolute timestamp and relative to last event\n"
+            "----------------------------------------------------------------------\n"
+            "       123456789014344 ns since boot          0 µs unschedule   N job\n"
+            "       123456789012345 ns since boot          1 µs schedulerUnsuspended root\n"
+            "               1000000 ns since boot 123456788014 µs run start    N job\n"
+            "\n");
+  auto const names = root->history().stringCache().size();
+  history.capacityIs(0);
+  EXPECT_EQ(root->history().stringCache().size(), names - 1);
+  insert(9, Type::schedulerIdle, *root);
+  EXPECT_EQ(times(), "");
+}
+
+}  // namespace

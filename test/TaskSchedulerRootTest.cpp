@@ -1,0 +1,97 @@
+#include "Brelo/TaskSchedulerRoot.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+
+#include "Brelo/Platform.h"
+#include "Zel/Activity.h"
+#include "support/Backend.h"
+#include "support/ChildProcess.h"
+#include "support/CountingRoot.h"
+#include "support/WorkTasks.h"
+
+namespace {
+
+using namespace BreloTest;
+using Brelo::schedulerRootBrelo;
+using Brelo::schedulerRootBreloNonShared;
+
+TEST(Root, EachThreadHasOneOfItsOwn) {
+  auto const root = schedulerRootBrelo();
+  EXPECT_EQ(schedulerRootBrelo(), root);
+  std::weak_ptr<Brelo::TaskSchedulerRoot> ofThread;
+  std::thread([&] {
+    ofThread = schedulerRootBrelo();
+    EXPECT_NE(ofThread.lock(), root);
+  }).join();
+  EXPECT_TRUE(ofThread.expired()) << "a root dies with its thread";
+}
+
+TEST(RootDeathTest, IsUsedOnItsOwnThreadOnlyWithThreeExcuses) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto const root = schedulerRootBreloNonShared("r");
+  auto const task = workTask(root, "a");
+  auto const onThread = [](auto body) { std::thread(body).join(); };
+  auto const schedule = [&] { task->scheduleTask(); };
+  auto const complaint = "Executing in wrong thread .* scheduler belongs to thread .*' failed";
+  EXPECT_DEATH(onThread(schedule), complaint);
+  EXPECT_DEATH(onThread([&] { workTask(root, "b"); }), complaint);
+  root->threadSanityDisabledIs(true);
+  onThread(schedule);
+  root->threadSanityDisabledIs(false);
+  EXPECT_DEATH(onThread(schedule), complaint);
+  auxThreadCount = 1;
+  onThread(schedule);
+  auxThreadCount = 0;
+  // Forked from there, the child's one thread is not the owner's.
+  onThread([&] { EXPECT_TRUE(passesInChild(schedule)); });
+}
+
+class RootOnLoop : public OnBothBackends {};
+INSTANTIATE_BOTH_BACKENDS(RootOnLoop);
+
+TEST_P(RootOnLoop, SuspensionKeepsTasksForTheResume) {
+  run([] {
+    auto const root = std::make_shared<CountingRoot>("r");
+    auto const task = workTask(root, "a");
+    for (unsigned round = 0; round < 2; ++round) {
+      task->scheduleTask();
+      takeEvents(*root);
+      root->suspendedIs(true);
+      root->suspendedIs(true);
+      Brelo::Platform::doEventLoop();
+      EXPECT_EQ(task->taskRunCount, round);
+      EXPECT_EQ(takeEvents(*root, "r"), "schedulerSuspended,schedulerRunIgnoredWhileSuspended,");
+      root->suspendedIs(false);
+      Brelo::Platform::doEventLoop();
+      EXPECT_EQ(task->taskRunCount, round + 1);
+    }
+    takeEvents(*root);
+    root->callbacks = 0;
+    root->suspendedIs(true);
+    root->suspendedIs(false);
+    Brelo::Platform::doEventLoop();
+    EXPECT_EQ(root->callbacks, 1u) << "a resume with nothing queued makes one empty run";
+    EXPECT_EQ(takeEvents(*root, "r"), "schedulerSuspended,schedulerUnsuspended,");
+  });
+}
+
+TEST(Root, OnlyTheMainThreadsRootFollowsVirtualTime) {
+  auto const root = schedulerRootBreloNonShared("r");
+  Zel::activityManager()->virtualTimeIs(true);
+  EXPECT_FALSE(root->virtualTime()) << "taken over at the next run";
+  root->handleSchedulerRun();
+  EXPECT_TRUE(root->virtualTime());
+  std::thread([] {
+    auto const other = schedulerRootBreloNonShared("other");
+    other->handleSchedulerRun();
+    EXPECT_FALSE(other->virtualTime());
+  }).join();
+  Zel::activityManager()->virtualTimeIs(false);
+  root->handleSchedulerRun();
+  EXPECT_EQ(takeEvents(*root, "r"), "schedulerVirtualTimeOn,schedulerVirtualTimeOff,");
+}
+
+}  // namespace

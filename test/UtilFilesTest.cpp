@@ -1,0 +1,115 @@
+#include "Brelo/UtilFiles.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include "Brelo/UtilPaths.h"
+#include "support/ChildProcess.h"
+#include "support/HelperTest.h"
+
+using namespace Brelo::Util;
+
+namespace {
+
+class UtilFiles : public BreloTest::HelperTest {
+ protected:
+  UtilFiles() { umask(077); }
+  ~UtilFiles() override { EXPECT_EQ(umask(022), 077u); }
+  auto write(std::string const& path, std::string const& data, bool noThrow = false) {
+    return [=] { return fileWrite(*handler, path, data, noThrow), "done"; };
+  }
+  auto read(std::string const& path, bool traceFailure = true) {
+    return [=] { return fileRead(*handler, path, traceFailure); };
+  }
+};
+
+TEST_F(UtilFiles, AreMadeForAllUsersAndTheUmaskIsPutBack) {
+  write("written", "12345")();
+  std::filesystem::last_write_time("written", {});
+  EXPECT_TRUE(touch(*handler, "written") && touch(*handler, "touched"));
+  EXPECT_EQ(std::filesystem::last_write_time("written").time_since_epoch().count(), 0);
+  EXPECT_EQ(fileSize(*handler, "written"), 5U);
+  EXPECT_EQ(mkpath("a/b//c/", 02753), 0);
+  for (auto const& [name, mode] :
+       {std::pair{"touched", 0666U}, {"written", 0666U}, {"a", 0753U}, {"a/b/c", 02753U}})
+    EXPECT_EQ(unsigned(std::filesystem::status(name).permissions()), mode) << name;
+}
+
+TEST_F(UtilFiles, AreWrittenOnceAndReadUpToTheFirstNul) {
+  std::string const block(4096, 'x');
+  for (auto const& text :
+       {block + block + "y", block, std::string("five!\0rest", 10), std::string()}) {
+    write("f", text)();
+    EXPECT_EQ(read("f")(), text.c_str());
+  }
+  EXPECT_TRUE(BreloTest::passesInChild([&] {
+    rlimit const fourBytes = {4, 4};
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &fourBytes), 0);
+    EXPECT_EQ(outcome(write("f", "0123456789")),
+              "0 wrote:4 bytes to file:f but wanted to write:10|done");
+  }));
+}
+
+TEST_F(UtilFiles, AreMeasured) {
+  int const fd = open("f", O_RDWR | O_CREAT, 0600);
+  EXPECT_EQ(Brelo::Util::truncate(*handler, "", fd, 1L << 33), 0);
+  EXPECT_EQ(fileSize(*handler, fd) + fileSize(*handler, "f"), 2UL << 33);
+  EXPECT_EQ(fileSizeHelper(~0UL / 2, 2, 1), ~0UL);
+  EXPECT_THROW(fileSizeHelper(1UL << 63, 2, 0), Brelo::RuntimeException);
+  EXPECT_THROW(fileSizeHelper(1, ~0UL, 1), Brelo::RuntimeException);
+  EXPECT_EQ(decodeMagic(0x00434241UL) + decodeMagic(~0UL), "ABC" + std::string(8, '\xff'));
+}
+
+TEST_F(UtilFiles, FailAsTheTableSays) {
+  write("f", "d")();
+  EXPECT_TRUE(mkpath("a/b/c", 0700) == 0 && touch(*handler, "a/b/file"));
+  auto const touchIt = [&] { return touch(*handler, "f"); };
+  auto const put = write("f", "d");
+  auto const exists = [&] { return fileExists(*handler, "f"); };
+  auto const remove = [&] { return fileRemove(*handler, "f"); };
+  auto const measuring = [&] { return fileSize(*handler, "f"); };
+  auto const measuringOpen = [&] { return fileSize(*handler, 0); };
+  auto const cut = [&] { return Brelo::Util::truncate(*handler, "p", 0, -7); };
+  auto const make = [](char const* path) { return [=] { return mkpath(path, 0700); }; };
+  auto const trim = [](std::string p, char const* e) { return [=] { return trimpath(p, e); }; };
+  auto const ask = [&] { return getCwd(*handler); };
+  BreloTest::tryFaults({
+      row({{"open", {EMFILE}}}, touchIt, "0 unable to open f reason: Too many open files|false"),
+      row({{"close", {EIO}}}, touchIt, "0 unable to close fd:N reason:Input/output error|false"),
+      row({{"open", {EROFS}}}, put, "0 unable to open f reason:Read-only file system|Runtime: d"),
+      row({{"write", {EIO}}, {"close", {EDQUOT}}}, put,
+          "0 unable to write to f reason:Input/output error|"
+          "0 unable to close fd:N reason:Disk quota exceeded|Runtime: d"),
+      row({{"close", {EINTR}}}, write("f", "d", true),
+          "0 unable to close fd:N reason:Interrupted system call|done"),
+      row({{"fopen64", {EMFILE}}}, read("f"), "5 unable to open file f|"),
+      row({{"fopen64", {EMFILE}}}, read("f", false), ""),
+      row({{"read", {EIO}}}, read("f", false), "1 failed to read from f|"),
+      row({{"stat", {EACCES}}}, exists, "5 checking if f exists, stat result: -1|false"),
+      row({{"stat", {EACCES}}}, measuring, "5 unable to stat file f: Permission denied|0"),
+      row({{"fstat", {EBADF}}}, measuringOpen, "5 unable to fstat fd 0: Bad file descriptor|0"),
+      row({{"ftruncate", {EFBIG}}}, cut, "0 size:-7 error: p: File too large|-1 File too large"),
+      row({{"unlink", {EBUSY}}}, remove, "0 unlink() error f: Device or resource busy|false"),
+      row({}, remove, "5 removed file f|true"),
+      row({{"unlink", {ENOENT}}}, remove, "true"),
+      row({{"mkdir", {EEXIST}}}, make("p/new"), "0"),
+      row({{"mkdir", {EROFS}}}, make("p/new"), "-1 Read-only file system"),
+      row({{"mkdir", {ENOENT, EACCES}}}, make("p/new"), "-1 Permission denied"),
+      row({{"mkdir", {ENOENT, 0, ENOSPC}}}, make("p/new"), "-1 No space left on device"),
+      row({{"mkdir", {ENOENT, EEXIST, EEXIST}}, {"chmod", {EPERM}}}, make("p/new"), "0"),
+      row({}, make("a/b/file/x/y"), "-1 Not a directory"),
+      row({}, make(""), "-1 No such file or directory"),
+      row({{"rmdir", {EBUSY}}}, trim("/nowhere/x", "x"),
+          "5 rmdir() error /nowhere/x reason: Device or resource busy|-1 Device or resource busy"),
+      row({{"rmdir", {ENOENT, 0}}}, trim("/n/x", "n/x"), testing::EndsWith(" /n/x|0")),
+      row({}, trim(directory + "/a/b/c", "/c"), testing::StartsWith("5 removed sub-tree /c from")),
+      row({}, trim(directory + "/a/b/c", "a/b/c"), testing::EndsWith("|-1 Directory not empty")),
+      row({}, trim("a/b", ""), "Assert: absolute path is not absolute"),
+      row({}, trim("/a", "/a"), "Assert: trailing path longer than absolute path"),
+      row({}, trim("/a/b", "a"), testing::StartsWith("Assert: trailing path is not a terminal")),
+      row({{"getcwd", {ENOENT}}}, ask, "Runtime: getcwd() failed:No such file or directory"),
+  });
+}
+
+}  // namespace
