@@ -93,7 +93,7 @@ TEST_F(FileDescriptorTask, TheWriteTaskTakesOverWhatTheOwnerWasToldBefore) {
   task->taskStatsNameIs("stats");
   task->scheduleTaskWritable();
   auto const write = registeredTask(*root, "fd:write");
-  EXPECT_EQ(write->taskTestYieldRatio(), 9);
+  EXPECT_TRUE(write->taskSuspended() && write->taskTestYieldRatio() == 9);
   EXPECT_EQ(write->taskStatsName(), "stats:write");
   task->taskSuspendedIs(false);  // gives both directions a run
   task->readable = [&] { task.reset(); };
