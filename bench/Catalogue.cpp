@@ -46,7 +46,8 @@ void Catalogue::measure(std::string unit, std::string form, std::string who, std
           measurement.samples.push_back(seconds * 1e9 / static_cast<double>(operations));
         }
       })
-      ->Iterations(static_cast<benchmark::IterationCount>(small_ ? count / 100 : count))
+      ->Iterations(static_cast<benchmark::IterationCount>(
+          small_ ? std::max<std::uint64_t>(count / 100, 1) : count))
       ->Repetitions(static_cast<int>(repetitions_))
       ->UseManualTime();
 }
