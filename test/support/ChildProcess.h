@@ -40,9 +40,14 @@ bool passesInChild(Body body) {
   return waitpid(pid, &status, 0) == pid && status == 0;
 }
 
-/// Whether this process may make new namespaces of these types.
+/// Whether this process may make new namespaces of these types, and mounts of its own in them. A
+/// changed root, which is no mount, does not allow those.
 inline bool mayUnshare(int flags) {
-  return passesInChild([flags] { _exit(unshare(flags) == 0 ? 0 : 1); });
+  return passesInChild([flags] {
+    bool const may = unshare(flags | CLONE_NEWNS) == 0 &&
+                     mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    _exit(may ? 0 : 1);
+  });
 }
 
 /// Gives the calling process mounts of its own, with `source` in place of what is at `target`.
