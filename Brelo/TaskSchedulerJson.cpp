@@ -1,7 +1,5 @@
 // The JSON form of a snapshot.
 
-#include <algorithm>
-
 #include "Brelo/Assert.h"
 #include "Brelo/JsonWriter.h"
 #include "Brelo/SubSchedulerKey.h"
@@ -162,13 +160,7 @@ void TaskSchedulerSnapshot::renderJsonTasks(TaskSchedulerPrintContext& context,
                                             std::vector<TaskStat> const& tasks,
                                             std::string const& key, unsigned skipped,
                                             bool completed) {
-  std::vector<TaskStat const*> sorted;
-  sorted.reserve(tasks.size());
-  for (TaskStat const& task : tasks)
-    sorted.push_back(&task);
-  std::sort(sorted.begin(), sorted.end(), [](TaskStat const* a, TaskStat const* b) {
-    return a->taskTotalRunTime > b->taskTotalRunTime;
-  });
+  std::vector<TaskStat const*> const sorted = heaviestFirst(tasks);
   JsonWriter& writer = context.writer();
   writer.Key(key);
   writer.StartObject();

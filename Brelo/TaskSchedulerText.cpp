@@ -105,13 +105,7 @@ void renderRow(std::ostream& stream, TaskStat const& task, std::size_t width, bo
 void statsRenderTextTasks(std::ostream& stream, std::vector<TaskStat> const& tasks,
                           std::string const& title, unsigned skipped, bool completed,
                           bool showTaskKey) {
-  std::vector<TaskStat const*> sorted;
-  sorted.reserve(tasks.size());
-  for (TaskStat const& task : tasks)
-    sorted.push_back(&task);
-  std::sort(sorted.begin(), sorted.end(), [](TaskStat const* a, TaskStat const* b) {
-    return a->taskTotalRunTime > b->taskTotalRunTime;
-  });
+  std::vector<TaskStat const*> const sorted = heaviestFirst(tasks);
   std::size_t const width = nameWidth(sorted, title, showTaskKey);
   format header(completed ? "%s%s %2s %10s %13s %14s %4s %4s %5s %4s %26s %20s"
                           : "%s%s %2s %10s %13s %14s %4s %4s %5s %26s %20s");

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "Brelo/ConstStringCache.h"
 #include "Brelo/TaskKey.h"
@@ -129,5 +130,8 @@ class TaskStat {
   TaskTimeDuration taskLastSchedulingLatency_;
   TaskTimeDuration taskSchedulingLatencyHighWaterMark_;
 };
+
+/// Pointers to the records, by descending total run time; equal ones in no particular order.
+std::vector<TaskStat const*> heaviestFirst(std::vector<TaskStat> const& stats);
 
 }  // namespace Brelo
