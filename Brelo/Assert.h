@@ -6,6 +6,7 @@
 
 #include "Brelo/Debug.h"
 #include "Brelo/Exception.h"
+#include "Brelo/Export.h"
 
 /// What must never happen: a failed assertion traces its text at level 0 and then either ends
 /// the process or throws an `AssertException`. Any thread may assert; nothing here returns.
@@ -22,8 +23,9 @@ namespace Brelo {
 
 /// A failed assertion that a process chose to survive (`throwOnAssertFailIs`). Its message is
 /// the whole text, place included; a failure while it is built ends the process.
-class AssertException : public Exception {
+class BRELO_EXPORT AssertException : public Exception {
  public:
+  /// Takes the stack, traces nothing.
   explicit AssertException(std::string const& message) noexcept;
   char const* name() const noexcept override;
 
@@ -31,18 +33,21 @@ class AssertException : public Exception {
   [[noreturn]] static void throwException(std::string const& message);
 };
 
-/// Meant to be called at start-up; not synchronised with assertions of other threads.
-void throwOnAssertFailIs(bool on);
-void forceTraceOnAssertIs(bool on);
+/// Off at first: a failed assertion ends the process. Meant to be called at start-up; not
+/// synchronised with assertions of other threads.
+BRELO_EXPORT void throwOnAssertFailIs(bool on);
+/// On at first. Has an effect only while assertions throw; to be called as the other one is.
+BRELO_EXPORT void forceTraceOnAssertIs(bool on);
 
 namespace Impl {
 
-[[noreturn]] void vfmassert(Platform::DebugHandler const& handler, char const* cls,
-                            char const* file, char const* func, int line, fmt::string_view format,
-                            fmt::format_args args);
+/// `fmassert` behind its template.
+[[noreturn]] BRELO_EXPORT void vfmassert(Platform::DebugHandler const& handler, char const* cls,
+                                         char const* file, char const* func, int line,
+                                         fmt::string_view format, fmt::format_args args);
 /// The form that traces through the handler named "Assert".
-[[noreturn]] void vfmassert(char const* cls, char const* file, char const* func, int line,
-                            fmt::string_view format, fmt::format_args args);
+[[noreturn]] BRELO_EXPORT void vfmassert(char const* cls, char const* file, char const* func,
+                                         int line, fmt::string_view format, fmt::format_args args);
 
 }  // namespace Impl
 
@@ -54,6 +59,7 @@ template <class... Args>
   Impl::vfmassert(handler, cls, file, func, line, format, fmt::make_format_args(args...));
 }
 
+/// The same, traced through the handler named "Assert".
 template <class... Args>
 [[noreturn]] void fmassert(char const* cls, char const* file, char const* func, int line,
                            fmt::string_view format, Args const&... args) {
@@ -61,10 +67,12 @@ template <class... Args>
 }
 
 /// Fails with the text "file:func:line: " and the stream's own.
-[[noreturn]] void debugAndAssert(Platform::DebugHandler& handler, Platform::DebugStream& stream,
-                                 char const* file, char const* func, int line);
-[[noreturn]] void debugAndAssert(Platform::DebugStream& stream, char const* file, char const* func,
-                                 int line);
+[[noreturn]] BRELO_EXPORT void debugAndAssert(Platform::DebugHandler& handler,
+                                              Platform::DebugStream& stream, char const* file,
+                                              char const* func, int line);
+/// The same, traced through the handler named "Assert".
+[[noreturn]] BRELO_EXPORT void debugAndAssert(Platform::DebugStream& stream, char const* file,
+                                              char const* func, int line);
 
 }  // namespace Brelo
 

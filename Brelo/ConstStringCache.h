@@ -6,6 +6,8 @@
 #include <unordered_set>
 #include <utility>
 
+#include "Brelo/Export.h"
+
 namespace Brelo {
 
 class ConstStringCache;
@@ -15,11 +17,14 @@ class ConstStringCache;
 /// Copying and dropping a handle change a plain counter and touch no string. The counter is
 /// neither atomic nor locked: a handle belongs to the thread of its cache, and the cache must
 /// outlive it.
-class ConstStringRef {
+class BRELO_EXPORT ConstStringRef {
  public:
   class Elem;
 
+  /// Null.
   ConstStringRef() = default;
+  /// A copy counts once more; a move takes over and leaves null behind.
+  /// @{
   ConstStringRef(ConstStringRef const& other) noexcept;
   ConstStringRef(ConstStringRef&& other) noexcept : elem_(std::exchange(other.elem_, nullptr)) {}
   ConstStringRef& operator=(ConstStringRef const& other) { return *this = ConstStringRef(other); }
@@ -28,18 +33,22 @@ class ConstStringRef {
     std::swap(elem_, taken.elem_);
     return *this;
   }
+  /// @}
+  /// With the last handle the string leaves its cache.
   ~ConstStringRef();
 
-  std::string const& string() const;
-  bool isNull() const { return elem_ == nullptr; }
+  std::string const& string() const;                ///< empty for null; valid while a handle is
+  bool isNull() const { return elem_ == nullptr; }  ///< not so for an interned empty string
 
-  /// The same string of the same cache.
+  /// Whether both are the same string of the same cache, or both are null.
+  /// @{
   friend bool operator==(ConstStringRef const& a, ConstStringRef const& b) {
     return a.elem_ == b.elem_;
   }
   friend bool operator!=(ConstStringRef const& a, ConstStringRef const& b) {
     return a.elem_ != b.elem_;
   }
+  /// @}
 
  private:
   friend class ConstStringCache;
@@ -51,14 +60,16 @@ class ConstStringRef {
 /// One interned string with its count, at a fixed address for as long as a handle refers to it.
 class ConstStringRef::Elem {
  public:
+  /// For the cache. No reference yet.
   Elem(ConstStringCache* cache, std::string string);
 
-  std::string const& string() const { return string_; }
-  std::size_t hash() const { return hash_; }
-  std::uint64_t refCount() const { return refCount_; }
+  std::string const& string() const { return string_; }  ///< never changes
+  std::size_t hash() const { return hash_; }             ///< of the string's characters
+  std::uint64_t refCount() const { return refCount_; }   ///< handles that refer to it
 
-  void refCountInc() const { ++refCount_; }
-  /// Drops one reference; with the last one the string leaves its cache.
+  void refCountInc() const { ++refCount_; }  ///< adds a reference
+  /// Drops one reference; with the last one the string leaves its cache. Without one it is an
+  /// assertion.
   void refCountDec() const {
     if (refCount_ > 1) {
       --refCount_;
@@ -79,15 +90,16 @@ class ConstStringRef::Elem {
 /// The strings of one scheduler tree, each once, for as long as something refers to it.
 ///
 /// Belongs to the tree's thread. Destroying it with handles left is an assertion.
-class ConstStringCache {
+class BRELO_EXPORT ConstStringCache {
  public:
   ConstStringCache() = default;
   ConstStringCache(ConstStringCache const&) = delete;
   ConstStringCache& operator=(ConstStringCache const&) = delete;
   ~ConstStringCache();
 
+  /// A handle on the one string of this content, which is made if it is not there.
   ConstStringRef intern(std::string string);
-  std::size_t size() const { return elems_.size(); }
+  std::size_t size() const { return elems_.size(); }  ///< different strings
 
  private:
   friend class ConstStringRef::Elem;

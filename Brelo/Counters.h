@@ -1,11 +1,12 @@
 #pragma once
 
+#include "Brelo/Export.h"
 #include "Brelo/Plugin.h"
 
 namespace Brelo {
 
 /// What the plug-in "TallyCountersPlugin" implements.
-class CountersPlugin : public Platform::Plugin {
+class BRELO_EXPORT CountersPlugin : public Platform::Plugin {
  public:
   /// Names the group of counters that those asked for from now on belong to.
   virtual void groupIs(char const* name) = 0;
@@ -21,7 +22,7 @@ class CountersPlugin : public Platform::Plugin {
 ///
 /// Making one asks for the plug-in, with the consequence for the global lock that Brelo/Plugin.h
 /// tells. Copies are the same counters.
-class Counters {
+class BRELO_EXPORT Counters {
  public:
   /// A null `name` leaves the plug-in's group as it is.
   explicit Counters(char const* name);

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "Brelo/DisplayPointer.h"
+#include "Brelo/Export.h"
 
 /// Tracing: a named handle for each module with a mask of sixteen levels, and trace lines made
 /// with the fmt library.
@@ -20,7 +21,7 @@
 namespace Brelo::Platform {
 
 /// A string stream for text that is built with `<<`; prints 12 significant digits.
-class DebugStream : public std::stringstream {
+class BRELO_EXPORT DebugStream : public std::stringstream {
  public:
   DebugStream();
 };
@@ -28,7 +29,7 @@ class DebugStream : public std::stringstream {
 /// A module's trace handle. Level n is on when bit `1 << n` of the mask word is set; the word
 /// belongs to the sink and is shared by all handlers of one name, so that a change of settings
 /// reaches every module at once. Always owned by a shared pointer (`getDebugHandler`).
-class DebugHandler : public std::enable_shared_from_this<DebugHandler> {
+class BRELO_EXPORT DebugHandler : public std::enable_shared_from_this<DebugHandler> {
  public:
   DebugHandler(DebugHandler const&) = delete;
   DebugHandler& operator=(DebugHandler const&) = delete;
@@ -40,29 +41,32 @@ class DebugHandler : public std::enable_shared_from_this<DebugHandler> {
   virtual void dump(DebugStream& stream, unsigned short level, char const* file, char const* func,
                     int line) const = 0;
 
+  /// One relaxed load. Levels 16 to 31 are off; higher ones are not to be asked for.
   bool enabled(unsigned short level) const {
     return (__atomic_load_n(levelsEnabled_, __ATOMIC_RELAXED) & (1u << level)) != 0;
   }
+  /// The mask word, never null: for relaxed loads, and to be kept no longer than the handler.
   std::uint16_t const* levelsEnabled() const { return levelsEnabled_; }
-  std::string const& name() const { return name_; }
+  std::string const& name() const { return name_; }  ///< as it was asked for
 
  protected:
   /// Starts on its own mask word, with every level off.
   explicit DebugHandler(std::string const& name);
 
-  std::uint16_t localLevels_ = 0;
-  std::uint16_t const* levelsEnabled_ = &localLevels_;  // never null
-  std::string name_;
+  std::uint16_t localLevels_ = 0;                       ///< the word of a handler without a sink
+  std::uint16_t const* levelsEnabled_ = &localLevels_;  ///< never null
+  std::string name_;                                    ///< of the handler
 };
 
 /// A new handler under `name`. Handlers of one name share one mask word. Any failure ends the
 /// process.
-std::shared_ptr<DebugHandler> getDebugHandler(std::string const& name) noexcept;
+BRELO_EXPORT std::shared_ptr<DebugHandler> getDebugHandler(std::string const& name) noexcept;
 
 /// Hands a finished text to the sink, which adds time, process and place. `noexcept`: a sink
 /// that fails ends the process.
-void dumpDebugMsg(std::string_view message, unsigned short level, DebugHandler const& handler,
-                  char const* file, char const* func, int line) noexcept;
+BRELO_EXPORT void dumpDebugMsg(std::string_view message, unsigned short level,
+                               DebugHandler const& handler, char const* file, char const* func,
+                               int line) noexcept;
 
 // The trace settings of the process. They are kept in its environment, hence inherited by child
 // processes, and take effect in every module at once; the grammars are in Zel/Trace.h. What the
@@ -70,14 +74,15 @@ void dumpDebugMsg(std::string_view message, unsigned short level, DebugHandler c
 // controlling thread, while no other thread reads or changes it. Null arguments do nothing.
 
 /// Adds a comma-separated list to the end of TRACE, where it wins over what stands before it.
-void setupBreloDebug(char const* settings) noexcept;
+BRELO_EXPORT void setupBreloDebug(char const* settings) noexcept;
 /// Adds the list with a dash before each item, which switches off what the items switched on.
-void clearBreloDebug(char const* settings) noexcept;
+BRELO_EXPORT void clearBreloDebug(char const* settings) noexcept;
 /// Prints the settings in force on standard output, one to a line, in their order.
-void dumpBreloDebugMap() noexcept;
+BRELO_EXPORT void dumpBreloDebugMap() noexcept;
 /// Makes `format` the TRACEFORMAT; an empty one means the host's default.
-void setTraceFormat(char const* format) noexcept;
-void clearTraceFormat() noexcept;
+BRELO_EXPORT void setTraceFormat(char const* format) noexcept;
+/// Back to the host's default.
+BRELO_EXPORT void clearTraceFormat() noexcept;
 
 }  // namespace Brelo::Platform
 
@@ -87,12 +92,15 @@ namespace Brelo {
 /// one pointer and tests one bit behind it.
 class ModuleTrace {
  public:
+  /// Any failure ends the process.
   explicit ModuleTrace(std::string const& name)
       : handler_(Platform::getDebugHandler(name)), levels_(handler_->levelsEnabled()) {}
 
+  /// As `DebugHandler::enabled`.
   bool enabled(unsigned short level) const {
     return (__atomic_load_n(levels_, __ATOMIC_RELAXED) & (1u << level)) != 0;
   }
+  /// The handler, which lives as long as this.
   operator Platform::DebugHandler&() const { return *handler_; }
 
  private:
@@ -103,32 +111,37 @@ class ModuleTrace {
 /// A mix-in for classes that trace through a handler of their own choice.
 class Debuggable {
  public:
+  /// Without a handler: `debugHandler_` is null.
   Debuggable() = default;
+  /// Shares the handler.
   explicit Debuggable(std::shared_ptr<Platform::DebugHandler>& handler) : debugHandler_(handler) {}
   /// Shares the handler; raises `std::bad_weak_ptr` if no shared pointer owns it.
   explicit Debuggable(Platform::DebugHandler& handler)
       : debugHandler_(handler.shared_from_this()) {}
+  /// With a handler of that name.
   explicit Debuggable(std::string const& name) : debugHandler_(Platform::getDebugHandler(name)) {}
 
  protected:
-  std::shared_ptr<Platform::DebugHandler> debugHandler_;
+  std::shared_ptr<Platform::DebugHandler> debugHandler_;  ///< what the class traces through
 };
 
 namespace Impl {
 
 /// The text of a trace or an assertion: "file:line: " if asked for, then "cls::func() " unless
 /// `cls` is null, then the formatted rest.
-std::string vtracestr(bool withLocation, char const* cls, char const* file, char const* func,
-                      int line, fmt::string_view format, fmt::format_args args) noexcept;
+BRELO_EXPORT std::string vtracestr(bool withLocation, char const* cls, char const* file,
+                                   char const* func, int line, fmt::string_view format,
+                                   fmt::format_args args) noexcept;
 
-void vfmtrace(Platform::DebugHandler const& handler, unsigned short level, char const* cls,
-              char const* file, char const* func, int line, fmt::string_view format,
-              fmt::format_args args) noexcept;
+/// `fmtrace` behind its template.
+BRELO_EXPORT void vfmtrace(Platform::DebugHandler const& handler, unsigned short level,
+                           char const* cls, char const* file, char const* func, int line,
+                           fmt::string_view format, fmt::format_args args) noexcept;
 
 /// The text for an exception: returned, and traced first if `level` is on.
-std::string vfmthrow(Platform::DebugHandler const& handler, unsigned short level, char const* cls,
-                     char const* file, char const* func, int line, fmt::string_view format,
-                     fmt::format_args args) noexcept;
+BRELO_EXPORT std::string vfmthrow(Platform::DebugHandler const& handler, unsigned short level,
+                                  char const* cls, char const* file, char const* func, int line,
+                                  fmt::string_view format, fmt::format_args args) noexcept;
 
 }  // namespace Impl
 

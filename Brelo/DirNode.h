@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Brelo/Debug.h"
+#include "Brelo/Export.h"
 
 namespace Brelo {
 
@@ -17,14 +18,15 @@ namespace Brelo {
 /// level 1 otherwise. What fails in reading is a `RuntimeException`. Belongs to one thread.
 /// Copies, and what is left of a node moved from, share one stream and one place in it until they
 /// are opened anew; the last of them closes it.
-class DirNode : public Debuggable {
+class BRELO_EXPORT DirNode : public Debuggable {
  public:
   /// Not open, without path or parent.
   explicit DirNode(Platform::DebugHandler& handler);
   /// Opens `path`. The parent is kept alive, no more; it may be null.
   DirNode(Platform::DebugHandler& handler, std::string const& path,
           std::shared_ptr<DirNode> parent);
-  DirNode(DirNode const&) = default;
+  DirNode(DirNode const&) = default;  ///< shares the stream
+  /// Takes path and parent; `other` keeps its share of the stream.
   DirNode(DirNode&& other) noexcept;
   ~DirNode();
 
@@ -42,9 +44,9 @@ class DirNode : public Debuggable {
   /// one of them for an empty ending. Throws if the node is not open. Leaves the place at the end.
   std::vector<std::string> findFiles(std::string const& extension) const;
 
-  bool isOpen() const { return dir_ != nullptr; }
-  std::string const& path() const { return path_; }
-  std::shared_ptr<DirNode> const& parent() const { return parent_; }
+  bool isOpen() const { return dir_ != nullptr; }                     ///< there is a stream to read
+  std::string const& path() const { return path_; }                   ///< as it was given
+  std::shared_ptr<DirNode> const& parent() const { return parent_; }  ///< may be null
 
  private:
   bool closeDir();

@@ -5,31 +5,41 @@
 #include <ostream>
 #include <string>
 
+#include "Brelo/Export.h"
+
 namespace Brelo {
 
 /// A pointer value to be printed, in the same width everywhere, so that addresses in trace
 /// lines and reports line up: "NULL", or "0x" and sixteen lower-case hexadecimal digits.
 ///
 /// It holds the address only; what stands there is never read.
-class DisplayPointer {
+class BRELO_EXPORT DisplayPointer {
  public:
+  /// Null is allowed.
   explicit DisplayPointer(void const* pointer) : pointer_(pointer) {}
 
-  void const* pointer() const { return pointer_; }
-  std::string toString() const;
+  void const* pointer() const { return pointer_; }  ///< the value
+  std::string toString() const;                     ///< as told above
 
  private:
   void const* pointer_;
 };
 
 /// The stream's format flags and fill are left as they were.
-std::ostream& operator<<(std::ostream& stream, DisplayPointer const& pointer);
+BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, DisplayPointer const& pointer);
 
 }  // namespace Brelo
 
+namespace fmt {
+
+/// Prints `toString()`.
 template <>
-struct fmt::formatter<Brelo::DisplayPointer> {
+struct BRELO_EXPORT formatter<Brelo::DisplayPointer> {
+  /// Takes no specification.
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
+  /// Returns where the text ends.
   auto format(Brelo::DisplayPointer const& pointer, format_context& context) const
       -> format_context::iterator;
 };
+
+}  // namespace fmt

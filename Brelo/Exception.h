@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Brelo/Backtrace.h"
+#include "Brelo/Export.h"
 
 namespace Brelo {
 
@@ -12,12 +13,12 @@ namespace Brelo {
 /// The stack is walked in the constructor, symbols are looked up only when `what()` is called.
 /// Each construction is offered to the BacktraceTracker.
 /// An instance belongs to one thread at a time. A failure while text is built ends the process.
-class Exception : public std::exception {
+class BRELO_EXPORT Exception : public std::exception {
  public:
   /// Without `captureBacktrace` the backtrace stays empty.
   Exception(std::string const& message, bool captureBacktrace);
-  Exception(Exception const&) = default;
-  Exception& operator=(Exception const&) = default;
+  Exception(Exception const&) = default;             ///< keeps the stack of the original
+  Exception& operator=(Exception const&) = default;  ///< keeps the stack of the original
   ~Exception() override;
 
   /// `msg()`, a new line and the backtrace's text; made at the first call and kept.
@@ -33,76 +34,91 @@ class Exception : public std::exception {
   mutable std::string what_;
 };
 
-// The family. `throwException` builds and throws an instance, out of line. `AssertException`
-// stands in Assert.h.
+// The family; `AssertException` stands in Assert.h.
 
 /// Memory or another resource is exhausted.
-class MemoryResourceException : public Exception {
+class BRELO_EXPORT MemoryResourceException : public Exception {
  public:
+  /// Takes the stack.
   explicit MemoryResourceException(std::string const& message) : Exception(message, true) {}
   char const* name() const noexcept override;
+  /// Builds and throws an instance, out of line.
   [[noreturn]] static void throwException(std::string const& message);
 };
 
 /// Refused for want of permission.
-class NoPermissionException : public Exception {
+class BRELO_EXPORT NoPermissionException : public Exception {
  public:
+  /// Takes the stack.
   explicit NoPermissionException(std::string const& message) : Exception(message, true) {}
   char const* name() const noexcept override;
+  /// Builds and throws an instance, out of line.
   [[noreturn]] static void throwException(std::string const& message);
 };
 
 /// The operation is not provided.
-class UnimplementedException : public Exception {
+class BRELO_EXPORT UnimplementedException : public Exception {
  public:
+  /// Takes the stack.
   explicit UnimplementedException(std::string const& message) : Exception(message, true) {}
   char const* name() const noexcept override;
+  /// Builds and throws an instance, out of line.
   [[noreturn]] static void throwException(std::string const& message);
 };
 
 /// Set up in a wrong state or with wrong input.
-class InvalidInitializeException : public Exception {
+class BRELO_EXPORT InvalidInitializeException : public Exception {
  public:
+  /// Takes the stack.
   explicit InvalidInitializeException(std::string const& message) : Exception(message, true) {}
   char const* name() const noexcept override;
+  /// Builds and throws an instance, out of line.
   [[noreturn]] static void throwException(std::string const& message);
 };
 
 /// A general failure at run time, such as a failed system call.
-class RuntimeException : public Exception {
+class BRELO_EXPORT RuntimeException : public Exception {
  public:
+  /// Takes the stack.
   explicit RuntimeException(std::string const& message) : Exception(message, true) {}
   char const* name() const noexcept override;
+  /// Builds and throws an instance, out of line.
   [[noreturn]] static void throwException(std::string const& message);
 };
 
 /// An index or a value is out of bounds.
-class OutOfRangeException : public Exception {
+class BRELO_EXPORT OutOfRangeException : public Exception {
  public:
+  /// Takes the stack.
   explicit OutOfRangeException(std::string const& message) : Exception(message, true) {}
   char const* name() const noexcept override;
+  /// Builds and throws an instance, out of line.
   [[noreturn]] static void throwException(std::string const& message);
 };
 
 /// A broken invariant in data.
-class CorruptionDetectedException : public Exception {
+class BRELO_EXPORT CorruptionDetectedException : public Exception {
  public:
+  /// Takes the stack.
   explicit CorruptionDetectedException(std::string const& message) : Exception(message, true) {}
   char const* name() const noexcept override;
+  /// Builds and throws an instance, out of line.
   [[noreturn]] static void throwException(std::string const& message);
 };
 
 /// A size that was found to be wrong.
-class InvalidSizeException : public CorruptionDetectedException {
+class BRELO_EXPORT InvalidSizeException : public CorruptionDetectedException {
  public:
+  /// Takes the stack.
   explicit InvalidSizeException(std::string const& message)
       : CorruptionDetectedException(message) {}
   char const* name() const noexcept override;
+  /// Builds and throws an instance, out of line.
   [[noreturn]] static void throwException(std::string const& message);
 };
 
 /// The text of an error number, valid in the calling thread until its next call. `errno` is left
 /// as it was.
-char const* strerror(int errnum) noexcept;
+BRELO_EXPORT char const* strerror(int errnum) noexcept;
 
 }  // namespace Brelo

@@ -2,7 +2,8 @@
 
 #include "Brelo/Task.h"
 
-/// The two tasks behind a FileDescriptorTask; not for clients. In a run they may outlive their
+/// @file
+/// Internal: the two tasks behind a FileDescriptorTask. In a run they may outlive their
 /// owner, which orphans them: the run is then empty.
 
 namespace Brelo {

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "Brelo/Export.h"
 #include "Brelo/Platform.h"
 #include "Brelo/TaskBase.h"
 #include "Brelo/TaskImpl.h"
@@ -21,46 +22,69 @@ namespace Brelo {
 ///
 /// Owned through a shared pointer, which its runs need; belongs to the scheduler's thread. The
 /// descriptor stays the client's. When a handler throws, the task cannot be run any more.
-class FileDescriptorTask : public _TaskBase, Platform::FdEventHandler {
+class BRELO_EXPORT FileDescriptorTask : public _TaskBase, Platform::FdEventHandler {
  public:
+  /// Without a descriptor. The platform watch is of the calling thread's backend.
   FileDescriptorTask(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
                      std::string name);
-  /// Raises `std::bad_weak_ptr` if no shared pointer owns the scheduler.
+  /// The same. Raises `std::bad_weak_ptr` if no shared pointer owns the scheduler.
   FileDescriptorTask(TaskScheduler* scheduler, TaskPriority priority, std::string name);
   ~FileDescriptorTask() override;
 
+  /// The directions add their ":read" and ":write" to it.
   void taskStatsNameIs(std::string name) override;
   /// Either direction is.
   bool taskScheduled() const override;
-  /// These three are for use from inside a handler, and speak of the direction that is running.
+  /// These three speak of the direction that is running. Outside of a handler they are an
+  /// assertion.
+  /// @{
   bool taskShouldYield() const override;
   void taskWorkCountInc(unsigned long count) override;
   void taskWorkPendingIs(unsigned pending) override;
+  /// @}
 
+  /// The work of a direction. A run may come without an event, and several events before a run
+  /// are one run. Input that is left brings another event; output that is left has to ask for
+  /// one by `taskWatchWritableIs(true)`.
+  /// @{
   virtual void taskExecuteReadable() = 0;
   virtual void taskExecuteWritable() = 0;
-  /// The platform's notifications. Several before a run fold into one run.
+  /// @}
+  /// The platform's notifications. `fd` must be the watched one, and the direction wanted.
+  /// @{
   void readFdEvent(int fd) override;
   void writeFdEvent(int fd) override;
+  /// @}
 
   /// Watches `fd`, which becomes non-blocking. A descriptor other than the present one takes
-  /// queued runs of either direction off.
+  /// queued runs of either direction off. A descriptor that is not open is a failure of the
+  /// platform's kind.
   void taskWatchFdIs(int fd);
-  int taskWatchFd() const { return fdControl_->getFd(); }
-  /// Forgets the descriptor and takes queued runs off.
+  int taskWatchFd() const { return fdControl_->getFd(); }  ///< -1 without one
+  /// Forgets the descriptor and takes queued runs off. To be called before it is closed.
   void taskWatchFdDel();
+  /// Interest in a direction; also without a descriptor, for the next one. To end it takes a
+  /// queued run of that direction off.
+  /// @{
   void taskWatchReadableIs(bool on);
   void taskWatchWritableIs(bool on);
   bool taskWatchReadable() const { return taskWatchReadable_; }
   bool taskWatchWritable() const { return taskWatchWritable_; }
+  /// @}
 
-  /// Ask for a run without an event. The readable one needs read interest.
+  /// Ask for a run without an event. One that is readable without read interest is an assertion.
+  /// @{
   void scheduleTaskReadable();
   void scheduleTaskWritable();
+  /// @}
+  /// A run of that direction is coming.
+  /// @{
   bool taskScheduledReadable() const;
   bool taskScheduledWritable() const;
+  /// @}
 
   /// For both directions; see TaskImpl.
+  /// @{
   void taskQuantumIs(TaskTimeDuration quantum);
   void taskSuspendedIs(bool suspended);
   void taskForceYieldInTestIs(bool on);
@@ -69,9 +93,11 @@ class FileDescriptorTask : public _TaskBase, Platform::FdEventHandler {
   bool taskSuspended() const;
   bool taskForceYieldInTest() const;
   unsigned char taskTestYieldRatio() const;
+  /// @}
 
-  /// The counters of one direction. Writing those of the write side before there is a write task
-  /// is an assertion; reading them gives 0.
+  /// The counters of one direction, `taskRunCount()` the sum of both. Writing those of the write
+  /// side before there is a write task is an assertion; reading them gives 0.
+  /// @{
   void taskWorkCountReadableInc(unsigned long count);
   void taskWorkCountWritableInc(unsigned long count);
   void taskWorkPendingReadableIs(unsigned pending);
@@ -89,6 +115,7 @@ class FileDescriptorTask : public _TaskBase, Platform::FdEventHandler {
   std::uint32_t taskRunCountReadable() const;
   std::uint32_t taskRunCountWritable() const;
   std::uint32_t taskRunCount() const;
+  /// @}
 
  private:
   class ReadWriteTaskBase;

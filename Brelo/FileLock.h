@@ -3,6 +3,7 @@
 #include <string>
 
 #include "Brelo/Debug.h"
+#include "Brelo/Export.h"
 
 namespace Brelo {
 
@@ -13,7 +14,7 @@ namespace Brelo {
 /// it must release it. A forked child shares the description: releasing or destroying a held
 /// object there is an assertion, so that it cannot end its parent's lock. One thread at a time;
 /// nothing here blocks.
-class FileLock : public Debuggable {
+class BRELO_EXPORT FileLock : public Debuggable {
  public:
   /// For the file `name` in `dir`; takes no lock. A "/" in `name` is an assertion.
   FileLock(Platform::DebugHandler& handler, std::string const& dir, std::string const& name);
@@ -33,7 +34,7 @@ class FileLock : public Debuggable {
   /// and `lock(true)` still counts as re-entry. `release` is what ends a lock.
   void closeFd();
 
-  std::string const& file() const { return file_; }
+  std::string const& file() const { return file_; }  ///< its path
 
  private:
   std::string dir_;
@@ -42,9 +43,10 @@ class FileLock : public Debuggable {
   int ownerPid_ = -1;
 };
 
-/// The `fcntl` commands for setting and for querying a lock of an open file description, which
-/// system headers define for those alone who ask for extensions.
-int cmd_F_OFD_SETLK();
-int cmd_F_OFD_GETLK();
+/// The `fcntl` command that sets a lock of an open file description, which system headers define
+/// for those alone who ask for extensions.
+BRELO_EXPORT int cmd_F_OFD_SETLK();
+/// The one that queries it.
+BRELO_EXPORT int cmd_F_OFD_GETLK();
 
 }  // namespace Brelo

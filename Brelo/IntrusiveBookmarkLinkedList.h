@@ -4,30 +4,35 @@
 #include <cstdint>
 #include <iterator>
 
+#include "Brelo/Export.h"
 #include "Brelo/IntrusiveLinkedListBase.h"
 
+/// @file
 /// An intrusive list in which a walk can leave a bookmark and come back later: the bookmark lies
 /// among the elements and stays valid while they come and go. Every other walk skips it.
 
 namespace Brelo {
 
+/// The place of an element in a `BookmarkList`, as a member of the element.
 template <class Element>
 struct BookmarkListLinkNode {
-  static constexpr std::uint32_t element = 0;
-  static constexpr std::uint32_t bookmark = 1;
+  static constexpr std::uint32_t element = 0;   ///< the kind of an element's node
+  static constexpr std::uint32_t bookmark = 1;  ///< the kind of a bookmark's node
 
-  bool isLinked() const { return link.is_linked(); }
+  bool isLinked() const { return link.is_linked(); }  ///< is in a list
 
-  ListHook link;
-  std::uint32_t linkKind_ = element;
+  ListHook link;                      ///< for the list alone
+  std::uint32_t linkKind_ = element;  ///< does not change once linked
 };
 
 namespace Impl {
 
-[[noreturn]] void bookmarkLinkedAssertFail(unsigned line, char const* func);
+/// What `BookmarkList` does with a bookmark that is linked already: ends the process.
+[[noreturn]] BRELO_EXPORT void bookmarkLinkedAssertFail(unsigned line, char const* func);
 
 }  // namespace Impl
 
+/// A `ListImpl` that can be walked, and holds bookmarks.
 template <class ElementType, class LinkNodeType, LinkNodeType ElementType::*ptrToLinkNode,
           class ElementPtrType>
 class BookmarkList : public ListImpl<ElementType, LinkNodeType, ptrToLinkNode, ElementPtrType> {
@@ -38,16 +43,21 @@ class BookmarkList : public ListImpl<ElementType, LinkNodeType, ptrToLinkNode, E
   /// Stands on an element or at the end, never on a bookmark. Valid as long as its node is.
   class Iterator {
    public:
+    /// What the standard library asks of an iterator.
+    /// @{
     using iterator_category = std::forward_iterator_tag;
     using value_type = ElementType;
     using difference_type = std::ptrdiff_t;
     using pointer = ElementType*;
     using reference = ElementType&;
+    /// @}
 
     /// On `node`, or on the next element behind it if it is a bookmark. The node is linked.
     Iterator(BookmarkList& list, LinkNodeType& node)
         : Iterator(list, list.nodes_.iterator_to(node)) {}
 
+    /// The element, and the step to the next one; not at the end.
+    /// @{
     ElementType& operator*() const { return Base::element(*at_); }
     ElementType* operator->() const { return &**this; }
     Iterator& operator++() {
@@ -55,8 +65,12 @@ class BookmarkList : public ListImpl<ElementType, LinkNodeType, ptrToLinkNode, E
       skipBookmarks();
       return *this;
     }
+    /// @}
+    /// Whether two iterators of one list stand at the same place.
+    /// @{
     friend bool operator==(Iterator const& a, Iterator const& b) { return a.at_ == b.at_; }
     friend bool operator!=(Iterator const& a, Iterator const& b) { return a.at_ != b.at_; }
+    /// @}
 
    private:
     friend class BookmarkList;
@@ -69,21 +83,22 @@ class BookmarkList : public ListImpl<ElementType, LinkNodeType, ptrToLinkNode, E
     BookmarkList* list_;
     NodeIterator at_;
   };
-  using ConstIterator = Iterator;
+  using ConstIterator = Iterator;  ///< a walk changes nothing
 
   /// A place in a list, kept while elements come and go. Unlinks itself when destroyed.
   class Bookmark {
    public:
+    /// Unlinked.
     Bookmark() { node_.linkKind_ = LinkNodeType::bookmark; }
 
-    bool isLinked() const { return node_.isLinked(); }
-    void unlink() { node_.link.unlink(); }
+    bool isLinked() const { return node_.isLinked(); }  ///< is in a list
+    void unlink() { node_.link.unlink(); }              ///< harmless if it is not
     /// Links it before the iterator's place; it must be unlinked.
     void insertBefore(ConstIterator const& place) {
       if (node_.isLinked()) Impl::bookmarkLinkedAssertFail(__LINE__, __func__);
       place.list_->nodes_.insert(place.at_, node_);
     }
-    LinkNodeType& node() { return node_; }
+    LinkNodeType& node() { return node_; }  ///< for an iterator, when linked
 
    private:
     LinkNodeType node_;
@@ -93,8 +108,11 @@ class BookmarkList : public ListImpl<ElementType, LinkNodeType, ptrToLinkNode, E
     return node.linkKind_ == LinkNodeType::bookmark;
   }
 
+  /// The elements from the front; bookmarks are skipped.
+  /// @{
   Iterator begin() { return Iterator(*this, this->nodes_.begin()); }
   Iterator end() { return Iterator(*this, this->nodes_.end()); }
+  /// @}
 };
 
 }  // namespace Brelo

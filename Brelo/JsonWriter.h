@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-/// The writer of the JSON reports; not for clients.
+/// @file
+/// Internal: the writer of the JSON reports.
 
 namespace Brelo::Impl {
 

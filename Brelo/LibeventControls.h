@@ -3,8 +3,10 @@
 #include <event2/event.h>
 #include <event2/event_struct.h>
 
+#include "Brelo/Export.h"
 #include "Brelo/Platform.h"
 
+/// @file
 /// The platform's controls over libevent. Made through `Platform::get...Control` or the
 /// `getLe...Control` functions of LibeventFactory.h; each belongs to the thread that made it and
 /// to that thread's event base, and `struct event` lies inside it, so that a control is one
@@ -13,15 +15,17 @@
 
 namespace Brelo {
 
-/// Sets the event's priority after `event_assign`, which resets it.
-void eventPrioritySet(event* ev, Platform::EventPriority priority);
+/// Sets the event's priority after `event_assign`, which resets it. The event must not be active.
+BRELO_EXPORT void eventPrioritySet(event* ev, Platform::EventPriority priority);
 
 /// Whole seconds and microseconds, truncated; zero for a negative value, the largest time that
 /// can still be added to a clock for one beyond it.
-timeval toTimeval(double seconds);
+BRELO_EXPORT timeval toTimeval(double seconds);
 
-class LibeventTimerControl : public Platform::TimerControl {
+/// A timer event of its own.
+class BRELO_EXPORT LibeventTimerControl : public Platform::TimerControl {
  public:
+  /// Gives the calling thread a base, if it has none.
   LibeventTimerControl(Platform::TimeoutHandler* handler, Platform::EventPriority priority);
   ~LibeventTimerControl() override;
 
@@ -39,10 +43,11 @@ class LibeventTimerControl : public Platform::TimerControl {
 };
 
 /// A callback is its own timer's handler; a request is a timeout of zero.
-class LibeventCallbackControl : public Platform::CallbackControl,
-                                Platform::TimeoutHandler,
-                                LibeventTimerControl {
+class BRELO_EXPORT LibeventCallbackControl : public Platform::CallbackControl,
+                                             Platform::TimeoutHandler,
+                                             LibeventTimerControl {
  public:
+  /// Runs at `eventPriorityDefault`.
   explicit LibeventCallbackControl(Platform::CallbackHandler* handler);
   ~LibeventCallbackControl() override;
 
@@ -55,8 +60,9 @@ class LibeventCallbackControl : public Platform::CallbackControl,
 };
 
 /// `clearEvents()` keeps the descriptor and both wishes, so that `setFd` brings the watches back.
-class LibeventFdControl : public Platform::FdControl {
+class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
  public:
+  /// Gives the calling thread a base, if it has none.
   explicit LibeventFdControl(Platform::FdEventHandler* handler);
   ~LibeventFdControl() override;
 

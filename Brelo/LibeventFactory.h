@@ -4,10 +4,12 @@
 
 #include <memory>
 
+#include "Brelo/Export.h"
 #include "Brelo/LibeventControls.h"
 #include "Brelo/LibeventFastForward.h"
 #include "Brelo/Platform.h"
 
+/// @file
 /// The libevent backend of a thread: its event base, its loop and the makers of its controls.
 ///
 /// Each thread has a base of its own, made at the first control or loop entry and freed when the
@@ -18,41 +20,53 @@
 namespace Brelo {
 
 /// The calling thread's base, or null.
-extern thread_local event_base* ev_base;
+BRELO_EXPORT extern thread_local event_base* ev_base;
 /// The calling thread was the main thread when its base was registered.
-extern thread_local bool mainThread;
+BRELO_EXPORT extern thread_local bool mainThread;
 
 /// Gives the calling thread a base, if it has none.
-void leInit();
+BRELO_EXPORT void leInit();
 /// A new base with the two priorities of `Platform::EventPriority` and exact timers; the first
 /// call in the process also sets up libevent's locking, log and fatal callbacks. The caller owns
 /// it until `leRegisterBase`.
-event_base* leCreateBase();
+BRELO_EXPORT event_base* leCreateBase();
 /// Makes `base` the calling thread's own. An assertion if the thread has another one.
-void leRegisterBase(event_base* base);
+BRELO_EXPORT void leRegisterBase(event_base* base);
 /// Frees the calling thread's base, if there is one. Controls that are still alive are left
 /// dangling: the caller sees to it that there are none.
-void leFree();
-bool leInitialized();
+BRELO_EXPORT void leFree();
+/// The calling thread has a base.
+BRELO_EXPORT bool leInitialized();
 /// To be called in the child of a fork before it touches a control, so that the watches of the
 /// parent stay as they are.
-void leForkReinit();
-void setMainThread();
+BRELO_EXPORT void leForkReinit();
+/// Sets `mainThread` anew for the calling thread.
+BRELO_EXPORT void setMainThread();
 
-std::shared_ptr<Platform::TimerControl> getLeTimerControl(Platform::TimeoutHandler* handler);
-std::shared_ptr<Platform::TimerControl> getLeTimerControl(Platform::TimeoutHandler* handler,
-                                                          Platform::EventPriority priority);
-std::shared_ptr<Platform::CallbackControl> getLeCallbackControl(Platform::CallbackHandler* handler);
-std::shared_ptr<Platform::FdControl> getLeFdControl(Platform::FdEventHandler* handler);
+/// A new control on the calling thread's base, whatever its choice of backend;
+/// `eventPriorityDefault` where no priority is given.
+/// @{
+BRELO_EXPORT std::shared_ptr<Platform::TimerControl> getLeTimerControl(
+    Platform::TimeoutHandler* handler);
+BRELO_EXPORT std::shared_ptr<Platform::TimerControl> getLeTimerControl(
+    Platform::TimeoutHandler* handler, Platform::EventPriority priority);
+BRELO_EXPORT std::shared_ptr<Platform::CallbackControl> getLeCallbackControl(
+    Platform::CallbackHandler* handler);
+BRELO_EXPORT std::shared_ptr<Platform::FdControl> getLeFdControl(Platform::FdEventHandler* handler);
+/// @}
 
 /// The loop of the calling thread; see `Platform::doEventLoop` and its companions. An entry from
 /// inside a handler is refused by libevent: it is traced at level 0 and returns.
-void doLeEventLoop();
-void doLeEventLoop(double timeout);
-void doLeEventLoopInWaitfor(double maxTimeout);
+/// @{
+BRELO_EXPORT void doLeEventLoop();
+BRELO_EXPORT void doLeEventLoop(double timeout);
+BRELO_EXPORT void doLeEventLoopInWaitfor(double maxTimeout);
+/// @}
 
-/// libevent's log and fatal callbacks.
-void le_debug_cb(int severity, char const* message);
-void le_fatal_cb(int err);
+/// libevent's log callback: traces the message. A severity that libevent does not have is an
+/// assertion.
+BRELO_EXPORT void le_debug_cb(int severity, char const* message);
+/// libevent's fatal callback: an assertion.
+BRELO_EXPORT void le_fatal_cb(int err);
 
 }  // namespace Brelo

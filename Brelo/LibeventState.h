@@ -4,7 +4,8 @@
 
 #include "Brelo/Debug.h"
 
-/// What the sources of the libevent backend share among themselves; not for clients.
+/// @file
+/// Internal: what the sources of the libevent backend share among themselves.
 
 namespace Brelo::Impl {
 

@@ -15,6 +15,11 @@ bool hasTimeout(event const* ev) {
   return (ev->ev_evcallback.evcb_flags & EVLIST_TIMEOUT) != 0;
 }
 
+/// Has expired in a pass that was left before its handler ran.
+bool hasExpired(event const* ev) {
+  return (ev->ev_evcallback.evcb_flags & EVLIST_ACTIVE) != 0 && (ev->ev_res & EV_TIMEOUT) != 0;
+}
+
 timeval expiryOf(event const* ev) {
   return {ev->ev_timeout.tv_sec, ev->ev_timeout.tv_usec & usecMask};
 }
@@ -26,7 +31,7 @@ struct First {
 
 int takeEarlier(event_base const*, event const* ev, void* argument) {
   auto* const first = static_cast<First*>(argument);
-  if (!hasTimeout(ev)) return 0;
+  if (!hasTimeout(ev) && !hasExpired(ev)) return 0;
   timeval const expiry = expiryOf(ev);
   if (!first->found || timercmp(&expiry, &first->expiry, <)) *first = {true, expiry};
   return 0;

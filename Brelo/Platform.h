@@ -6,6 +6,9 @@
 #include <memory>
 #include <string>
 
+#include "Brelo/Export.h"
+
+/// @file Brelo/Platform.h
 /// The event platform: a one-shot timer, a deferred callback and a descriptor watch, each a pair
 /// of a handler, which the client implements, and a control, which the client holds.
 ///
@@ -16,42 +19,53 @@
 
 namespace Brelo::Platform {
 
+/// The order in which libevent serves what is ready at the same time.
 enum EventPriority : std::uint8_t {
   eventPriorityStrictHigh = 0,  ///< served before anything of the other priority
-  eventPriorityDefault = 1,
+  eventPriorityDefault = 1,     ///< served when nothing of the other priority is ready
 };
 
 /// The name of the value. A value that is neither of the two must not occur.
-std::string toString(EventPriority priority);
+BRELO_EXPORT std::string toString(EventPriority priority);
 
-/// Each handler's `handle...Exception` is called inside the catch block when the operation has
-/// thrown, and may rethrow to look at it. True means dealt with, the loop carries on; false lets
-/// the exception rise to the caller of the loop entry, which can be entered again.
-class TimeoutHandler {
+/// Who a timer tells. Must outlive the timer's control.
+class BRELO_EXPORT TimeoutHandler {
  public:
   virtual ~TimeoutHandler() = default;
+  /// The time is up; the timer is idle and may be armed again from here.
   virtual void timeout() = 0;
+  /// Called inside the catch block when `timeout()` has thrown, and may rethrow to look at it.
+  /// True means dealt with, the loop carries on; false lets the exception rise to the caller of
+  /// the loop entry, which can be entered again.
   virtual bool handleTimeoutException() { return false; }
 };
 
-class CallbackHandler {
+/// Who a callback control calls. Must outlive the control.
+class BRELO_EXPORT CallbackHandler {
  public:
   virtual ~CallbackHandler() = default;
+  /// The requested call; another one may be requested from here.
   virtual void callback() = 0;
+  /// For what `callback()` throws; see `TimeoutHandler::handleTimeoutException`.
   virtual bool handleCallbackException() { return false; }
 };
 
-class FdEventHandler {
+/// Who a descriptor watch tells. Must outlive the watch's control.
+class BRELO_EXPORT FdEventHandler {
  public:
   virtual ~FdEventHandler() = default;
+  /// `fd` can be read, or an error or the end is there to be read. Comes again as long as it holds.
   virtual void readFdEvent(int fd) = 0;
+  /// `fd` can be written to, or a write would fail at once. The watch is off again by now.
   virtual void writeFdEvent(int fd) = 0;
+  /// For what the two above throw; see `TimeoutHandler::handleTimeoutException`.
   virtual bool handleFdException(int fd);
 };
 
 /// A one-shot timer; idle until armed, and idle again before its handler runs.
-class TimerControl {
+class BRELO_EXPORT TimerControl {
  public:
+  /// Idle at first. Clients come by one through `getTimerControl`.
   explicit TimerControl(TimeoutHandler* handler) : handler_(handler) {}
   TimerControl(TimerControl const&) = delete;
   TimerControl& operator=(TimerControl const&) = delete;
@@ -68,12 +82,13 @@ class TimerControl {
   virtual double remainingTimeout() const = 0;
 
  protected:
-  TimeoutHandler* handler_;
+  TimeoutHandler* handler_;  ///< not owned
 };
 
 /// A deferred call: one `callback()` for a request, as soon as the loop can run it.
-class CallbackControl {
+class BRELO_EXPORT CallbackControl {
  public:
+  /// Idle at first. Clients come by one through `getCallbackControl`.
   explicit CallbackControl(CallbackHandler* handler) : handler_(handler) {}
   CallbackControl(CallbackControl const&) = delete;
   CallbackControl& operator=(CallbackControl const&) = delete;
@@ -81,27 +96,32 @@ class CallbackControl {
 
   /// A second request before the run changes nothing. From the handler itself: the next pass.
   virtual void requestCallback() = 0;
+  /// Takes the request back; harmless without one.
   virtual void cancelCallback() = 0;
   /// From the request until the run or the cancel.
   virtual bool pendingCallback() const = 0;
 
  protected:
-  CallbackHandler* handler_;
+  CallbackHandler* handler_;  ///< not owned
 };
 
 /// A watch on one descriptor. A read watch stays on until turned off; a write watch is one-shot:
 /// after one `writeFdEvent` it is off until `setWrites(true)`. A file that cannot be polled is
 /// always ready. The descriptor stays the client's, and is to be taken off before it is closed.
-class FdControl {
+class BRELO_EXPORT FdControl {
  public:
+  /// Idle at first. Clients come by one through `getFdControl`.
   explicit FdControl(FdEventHandler* handler) : handler_(handler) {}
   FdControl(FdControl const&) = delete;
   FdControl& operator=(FdControl const&) = delete;
   virtual ~FdControl() = default;
 
-  /// Turn a direction on or off; without a descriptor the wish waits for `setFd`.
+  /// Turns a direction on or off; without a descriptor the wish waits for `setFd`. Writes
+  /// are off at first. Reads are on with libevent and off with the host.
+  /// @{
   virtual void setReads(bool on) = 0;
   virtual void setWrites(bool on) = 0;
+  /// @}
   /// Watches `fd` in the directions wished for and puts it in non-blocking mode. A descriptor
   /// that is not open is a failure of the backend's own kind.
   virtual void setFd(int fd) = 0;
@@ -113,35 +133,48 @@ class FdControl {
   virtual void clearEvents() = 0;
 
  protected:
-  FdEventHandler* handler_;
+  FdEventHandler* handler_;  ///< not owned
 };
 
-/// Makers of controls on the calling thread's backend. The host backend has no priorities and
-/// passes over the argument; libevent uses `eventPriorityDefault` where none is given.
-std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler);
-std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler, EventPriority priority);
-std::shared_ptr<CallbackControl> getCallbackControl(CallbackHandler* handler);
-std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler);
+/// A new control on the calling thread's backend. The host backend has no priorities and passes
+/// over the argument; libevent uses `eventPriorityDefault` where none is given.
+/// @{
+BRELO_EXPORT std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler);
+BRELO_EXPORT std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
+                                                           EventPriority priority);
+BRELO_EXPORT std::shared_ptr<CallbackControl> getCallbackControl(CallbackHandler* handler);
+BRELO_EXPORT std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler);
+/// @}
 
 /// Runs the calling thread's loop. Without a bound it returns when nothing is left to wait for;
 /// with one, after that many seconds. An exception that a handler lets pass comes out of here
 /// with the loop in order.
-void doEventLoop();
-void doEventLoop(double seconds);
-/// One step for a caller that polls for a condition: at most `maxTimeout` seconds, and under
-/// virtual time not beyond the first timer.
-void doEventLoopInWaitfor(double maxTimeout);
+/// @{
+BRELO_EXPORT void doEventLoop();
+BRELO_EXPORT void doEventLoop(double seconds);
+/// @}
+
+/// One step for a caller that polls for a condition: at most `maxTimeout` seconds. Under
+/// fast-forward a step on libevent ends at the first timer; on the host it runs its whole bound.
+BRELO_EXPORT void doEventLoopInWaitfor(double maxTimeout);
 
 /// Virtual time of the host runtime: with it on, its loop does not sleep until the next timer but
 /// moves the clock there. Not for a thread with singletons of its own, where it is an assertion:
-/// see `setLeFastForward`. A change calls every notifier registered here, which stay for good.
-void setFastForward(bool on);
-bool fastForward();
-void registerFastForwardChangeNotifier(void (*notifier)());
+/// see `setLeFastForward`.
+/// @{
+BRELO_EXPORT void setFastForward(bool on);
+BRELO_EXPORT bool fastForward();
+/// @}
+
+/// `notifier` is called at each change of `setFastForward`, on the thread that makes it, for
+/// good. A second registration of the same one changes nothing.
+BRELO_EXPORT void registerFastForwardChangeNotifier(void (*notifier)());
 
 /// A switch that the library keeps for its clients and does not read; starts true.
-void refCountingEnabledIs(bool on);
-bool refCountingEnabled();
+/// @{
+BRELO_EXPORT void refCountingEnabledIs(bool on);
+BRELO_EXPORT bool refCountingEnabled();
+/// @}
 
 }  // namespace Brelo::Platform
 
@@ -149,13 +182,20 @@ namespace Brelo {
 
 /// Seconds since the Unix epoch from the host's clock, which never steps; on every thread and
 /// on either backend.
-double time();
+BRELO_EXPORT double time();
 
 }  // namespace Brelo
 
+namespace fmt {
+
+/// Prints `toString(priority)`.
 template <>
-struct fmt::formatter<Brelo::Platform::EventPriority> {
+struct BRELO_EXPORT formatter<Brelo::Platform::EventPriority> {
+  /// Takes no specification.
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
+  /// Returns where the text ends.
   auto format(Brelo::Platform::EventPriority priority, format_context& context) const
       -> format_context::iterator;
 };
+
+}  // namespace fmt

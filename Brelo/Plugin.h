@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Brelo/Export.h"
+
 namespace Brelo::Platform {
 
 /// An optional feature in a shared object that is looked for by name at run time.
@@ -11,8 +13,9 @@ namespace Brelo::Platform {
 ///
 /// After the first load the thread that made it holds the global lock (Brelo/Loco.h) for good.
 /// So load plug-ins at start-up, on the thread that will run the host's loop.
-class Plugin {
+class BRELO_EXPORT Plugin {
  public:
+  /// The NAME that it is looked for by; lives as long as the plug-in.
   virtual char const* name() = 0;
 
  protected:
@@ -23,10 +26,10 @@ class Plugin {
 /// The plug-in of that name, loaded now unless something has registered it already. Null, and a
 /// trace at level 0, if its object cannot be loaded; a later call tries again. An object that
 /// loads without registering the name is an assertion.
-Plugin* loadPlugin(char const* name);
+BRELO_EXPORT Plugin* loadPlugin(char const* name);
 
 /// Any thread, static initialisers included; the caller keeps the plug-in for ever. A name that is
 /// taken is an assertion.
-void registerPlugin(Plugin* plugin);
+BRELO_EXPORT void registerPlugin(Plugin* plugin);
 
 }  // namespace Brelo::Platform

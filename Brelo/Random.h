@@ -4,6 +4,8 @@
 #include <random>
 #include <string>
 
+#include "Brelo/Export.h"
+
 namespace Brelo {
 
 /// Two pseudo-random sequences under one seed, for tests and for spreading load: nothing here is
@@ -12,7 +14,7 @@ namespace Brelo {
 /// The numbers come from a 64-bit Mersenne Twister, the strings from the C library's `rand()`,
 /// which others may draw from too. One state for the process, without a lock: its callers are one
 /// thread or exclude each other.
-class Random {
+class BRELO_EXPORT Random {
  public:
   /// Restarts both sequences and writes the seed to standard error. The first call chooses the
   /// seed, the environment's ZKTEST_RANDSEED (decimal, modulo 2^32) or else one from the clock;
@@ -21,6 +23,7 @@ class Random {
   /// 0 before the first `setSeed()`.
   static std::uint32_t getSeed() { return seed_; }
 
+  /// The next number, of all 64 bits.
   static std::uint64_t rand64() { return twister_(); }
   /// `length` characters: digits, letters, and about one zero character in 63.
   static std::string randomString(unsigned int length);

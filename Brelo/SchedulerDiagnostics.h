@@ -2,7 +2,8 @@
 
 #include "Brelo/Debug.h"
 
-/// What the scheduler's sources share for traces and assertions; not for clients.
+/// @file
+/// Internal: what the scheduler's sources share for traces and assertions.
 
 namespace Brelo::Impl {
 

@@ -10,7 +10,8 @@
 #include "Brelo/Task.h"
 #include "Brelo/TaskScheduler.h"
 
-/// The two tasks of an export of snapshots over a slow descriptor; not for clients, who call
+/// @file
+/// Internal: the two tasks of an export of snapshots over a slow descriptor; clients call
 /// `TaskScheduler::snapshotRenderJsonAsync`. They take turns: the first renders one snapshot, the
 /// second writes that text out as the descriptor takes it, so one chunk of text exists at a time
 /// and no run is long.

@@ -4,7 +4,9 @@
 
 #include "Brelo/TaskTimeDuration.h"
 
-/// The scheduler's clock; not for clients.
+/// @file
+/// Internal: the scheduler's clock.
+
 namespace Brelo::Impl {
 
 /// `std::chrono::steady_clock::now()`, without the detour through the C++ library.

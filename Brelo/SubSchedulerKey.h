@@ -4,7 +4,9 @@
 
 #include "Brelo/TaskStat.h"
 
-/// Not for clients.
+/// @file
+/// Internal: how the reports name a group.
+
 namespace Brelo::Impl {
 
 /// The key of a group's scheduler in a document: the parent task's name and address. The record

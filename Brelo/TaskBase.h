@@ -9,6 +9,7 @@
 #include <type_traits>
 
 #include "Brelo/ConstStringCache.h"
+#include "Brelo/Export.h"
 #include "Brelo/TaskPriority.h"
 #include "Brelo/TaskSchedulerHistory.h"
 #include "Brelo/TaskTimeDuration.h"
@@ -21,7 +22,7 @@ class TaskScheduler;
 ///
 /// A task is owned through shared pointers and keeps its scheduler alive. It belongs to its
 /// scheduler's thread, construction and destruction included. Wrong use is an assertion.
-class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
+class BRELO_EXPORT _TaskBase : public std::enable_shared_from_this<_TaskBase> {
  public:
   _TaskBase(_TaskBase const&) = delete;
   _TaskBase& operator=(_TaskBase const&) = delete;
@@ -46,22 +47,27 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   virtual void handleResetStats() {}
   virtual ~_TaskBase();
 
+  /// The names, as strings and as references.
+  /// @{
   std::string const& taskName() const { return taskName_.string(); }
   std::string const& taskStatsName() const { return taskStatsName_.string(); }
   ConstStringRef const& taskNameRef() const { return taskName_; }
   ConstStringRef const& taskStatsNameRef() const { return taskStatsName_; }
+  /// @}
   /// What the task's history events carry: the priority's letter, a blank and the name.
   ConstStringRef const& taskHistoryName() const { return taskHistoryName_; }
-  TaskPriority taskPriority() const { return taskPriority_; }
-  bool taskBusy() const { return taskBusy_; }
+  TaskPriority taskPriority() const { return taskPriority_; }  ///< never changes
+  bool taskBusy() const { return taskBusy_; }                  ///< see `handleTaskBusy`
+  /// Never null, never changes.
   std::shared_ptr<TaskScheduler> const& taskScheduler() const { return taskScheduler_; }
 
+  /// For the library: records a change at that time and calls `handleTaskBusy()`.
   void taskBusyIs(bool busy, TaskTimePoint const& time);
   /// Records an event of this task in its scheduler's history.
   void taskHistoryInsert(TaskTimePoint const& time, TaskSchedulerEventType const& type) const;
 
  protected:
-  /// A null scheduler is an assertion.
+  /// Makes a task that its scheduler does not know of. A null scheduler is an assertion.
   _TaskBase(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
             std::string const& name);
 
@@ -69,6 +75,8 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   /// the scheduler.
   static std::shared_ptr<TaskScheduler> sharedScheduler(TaskScheduler* scheduler);
 
+  /// What the functions of these names give; for derived classes to read.
+  /// @{
   std::shared_ptr<TaskScheduler> taskScheduler_;
   ConstStringRef taskName_;
   ConstStringRef taskStatsName_;
@@ -78,24 +86,33 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   std::uint8_t taskTestYieldRatioEffective_ = 0;
   mutable std::uint8_t taskTestYieldCount_ = 0;
   bool taskBusy_ = false;
+  /// @}
 };
 
-/// "scheduler:priority:name@address", as does the fmt form.
-std::ostream& operator<<(std::ostream& stream, _TaskBase const* task);
+/// Writes "scheduler:priority:name@address", as does the fmt form. Not for null.
+BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, _TaskBase const* task);
 
 namespace Impl {
 
-fmt::format_context::iterator formatTask(_TaskBase const& task, fmt::format_context& context);
+/// What `fmt::formatter` calls for a task.
+BRELO_EXPORT fmt::format_context::iterator formatTask(_TaskBase const& task,
+                                                      fmt::format_context& context);
 
 }  // namespace Impl
 
 }  // namespace Brelo
 
+namespace fmt {
+
+/// Prints a task of any class as the stream form does.
 template <class AnyTask>
-struct fmt::formatter<AnyTask,
-                      std::enable_if_t<std::is_base_of_v<Brelo::_TaskBase, AnyTask>, char>> {
+struct formatter<AnyTask, std::enable_if_t<std::is_base_of_v<Brelo::_TaskBase, AnyTask>, char>> {
+  /// Takes no specification.
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
+  /// Returns where the text ends.
   auto format(AnyTask const& task, format_context& context) const {
     return Brelo::Impl::formatTask(task, context);
   }
 };
+
+}  // namespace fmt

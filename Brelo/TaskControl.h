@@ -3,9 +3,11 @@
 #include <memory>
 #include <string>
 
+#include "Brelo/Export.h"
 #include "Brelo/Platform.h"
 #include "Brelo/Task.h"
 
+/// @file
 /// Controls that run their handler as a task: at a priority, with a name and statistics, in turn
 /// with all other tasks of a scheduler. A client of the plain controls moves onto a scheduler by
 /// asking for one of these; its handler stays as it is.
@@ -16,8 +18,10 @@
 
 namespace Brelo::Platform {
 
-class TaskTimerControl : public TimerTask, public TimerControl {
+/// A timer whose expiry queues a task.
+class BRELO_EXPORT TaskTimerControl : public TimerTask, public TimerControl {
  public:
+  /// The handler must outlive the control. Clients come by one through `getTimerControl`.
   TaskTimerControl(TimeoutHandler* handler, std::shared_ptr<TaskScheduler> scheduler,
                    TaskPriority priority, std::string name);
 
@@ -27,8 +31,10 @@ class TaskTimerControl : public TimerTask, public TimerControl {
   double remainingTimeout() const override;
 };
 
-class TaskCallbackControl : public Task, public CallbackControl {
+/// A callback request that queues a task.
+class BRELO_EXPORT TaskCallbackControl : public Task, public CallbackControl {
  public:
+  /// The handler must outlive the control. Clients come by one through `getCallbackControl`.
   TaskCallbackControl(CallbackHandler* handler, std::shared_ptr<TaskScheduler> scheduler,
                       TaskPriority priority, std::string name);
 
@@ -38,9 +44,11 @@ class TaskCallbackControl : public Task, public CallbackControl {
   bool pendingCallback() const override;
 };
 
-/// `clearEvents()` forgets the descriptor, as `delFd()` does.
-class TaskFdControl : public FileDescriptorTask, public FdControl {
+/// A descriptor watch whose events queue tasks. `clearEvents()` forgets the descriptor, as
+/// `delFd()` does.
+class BRELO_EXPORT TaskFdControl : public FileDescriptorTask, public FdControl {
  public:
+  /// The handler must outlive the control. Clients come by one through `getFdControl`.
   TaskFdControl(Platform::FdEventHandler* handler, std::shared_ptr<TaskScheduler> scheduler,
                 TaskPriority priority, std::string name);
 
@@ -58,17 +66,20 @@ class TaskFdControl : public FileDescriptorTask, public FdControl {
   void guarded(Notify notify);
 };
 
-std::shared_ptr<TaskTimerControl> getTimerControl(TimeoutHandler* handler,
-                                                  std::shared_ptr<TaskScheduler> scheduler,
-                                                  TaskPriority priority, std::string name);
-std::shared_ptr<TaskCallbackControl> getCallbackControl(CallbackHandler* handler,
-                                                        std::shared_ptr<TaskScheduler> scheduler,
-                                                        TaskPriority priority, std::string name);
-std::shared_ptr<TaskFdControl> getFdControl(FdEventHandler* handler,
-                                            std::shared_ptr<TaskScheduler> scheduler,
-                                            TaskPriority priority, std::string name);
+/// A new control. The handler must outlive it; the scheduler and its thread run it.
+/// @{
+BRELO_EXPORT std::shared_ptr<TaskTimerControl> getTimerControl(
+    TimeoutHandler* handler, std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+    std::string name);
+BRELO_EXPORT std::shared_ptr<TaskCallbackControl> getCallbackControl(
+    CallbackHandler* handler, std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+    std::string name);
+BRELO_EXPORT std::shared_ptr<TaskFdControl> getFdControl(FdEventHandler* handler,
+                                                         std::shared_ptr<TaskScheduler> scheduler,
+                                                         TaskPriority priority, std::string name);
+/// @}
 
 /// Always false.
-bool releaseMode();
+BRELO_EXPORT bool releaseMode();
 
 }  // namespace Brelo::Platform

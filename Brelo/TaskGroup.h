@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "Brelo/Export.h"
 #include "Brelo/TaskScheduler.h"
 
 namespace Brelo {
@@ -13,7 +14,7 @@ namespace Brelo {
 ///
 /// Held by its tasks and by its owner; it holds the scheduler above. Groups nest. The event loop
 /// is not served during a slice.
-class TaskGroup : public TaskScheduler {
+class BRELO_EXPORT TaskGroup : public TaskScheduler {
  public:
   /// A new group on `parent`, owned by the caller. With `taskGroupPriorityEnforced` every task
   /// of the group must have the group's priority: another one is an assertion.
@@ -21,6 +22,7 @@ class TaskGroup : public TaskScheduler {
                                                 bool taskGroupPriorityEnforced,
                                                 std::shared_ptr<TaskScheduler> parent);
 
+  /// What `TaskGroupIs` makes; it must be owned by a shared pointer.
   TaskGroup(std::string name, TaskPriority priority, bool taskGroupPriorityEnforced,
             std::shared_ptr<TaskScheduler> parent);
   ~TaskGroup() override;
@@ -29,20 +31,27 @@ class TaskGroup : public TaskScheduler {
   void handleTaskForceYieldInTest() override;
   void taskRegister(TaskImpl* task) override;
 
-  /// The length of a slice. The group's tasks have quanta of their own.
+  /// The length of a slice: the parent task's quantum; see `TaskImpl::taskQuantumIs`. The group's
+  /// tasks have quanta of their own.
+  /// @{
   TaskTimeDuration taskGroupQuantum() const;
   void taskGroupQuantumIs(TaskTimeDuration quantum);
   void taskGroupQuantumNoCheckIs(TaskTimeDuration quantum);
+  /// @}
   /// Whether a task that schedules itself may run again in the same slice; true at first. Takes
   /// effect at the next slice.
+  /// @{
   void tasksPermittedMultipleRunsIs(bool permitted) { tasksPermittedMultipleRuns_ = permitted; }
   bool tasksPermittedMultipleRuns() const { return tasksPermittedMultipleRuns_; }
+  /// @}
   /// Ends each slice after one run.
+  /// @{
   void taskGroupForceYieldInTestIs(bool on);
   bool taskGroupForceYieldInTest() const { return taskGroupForceYieldInTest_; }
+  /// @}
 
-  std::uint32_t parentTaskRunCount() const;
-  bool parentTaskScheduled() const;
+  std::uint32_t parentTaskRunCount() const;  ///< slices since the statistics were cleared
+  bool parentTaskScheduled() const;          ///< a slice is coming
   /// Runs a slice here and now.
   void taskGroupRunFromTest();
 

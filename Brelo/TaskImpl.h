@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "Brelo/Export.h"
 #include "Brelo/IntrusiveBookmarkLinkedList.h"
 #include "Brelo/IntrusiveLinkedListBase.h"
 #include "Brelo/TaskBase.h"
@@ -19,7 +20,7 @@ class TaskGroup;
 /// A run goes to the end of `taskExecute()`; nothing preempts it. All of it belongs to the thread
 /// of the task's scheduler. An exception from `taskExecute()` passes through and leaves the
 /// scheduler without a further run until something requests one.
-class TaskImpl : public _TaskBase {
+class BRELO_EXPORT TaskImpl : public _TaskBase {
  public:
   /// Where `taskShouldYield()` takes the time from.
   enum TaskShouldYieldMode : std::uint8_t {
@@ -28,9 +29,11 @@ class TaskImpl : public _TaskBase {
     yieldModeRatio = 2,        ///< nowhere: every n-th question says yield
   };
 
+  /// Leaves the run queue and the scheduler, which keeps the figures.
   ~TaskImpl() override;
 
   void taskStatsNameIs(std::string name) override;
+  /// The task is on its run queue.
   bool taskScheduled() const override;
   bool taskShouldYield() const override;
   void taskWorkCountInc(unsigned long count) override;
@@ -42,40 +45,51 @@ class TaskImpl : public _TaskBase {
   virtual void scheduleTask();
   /// Runs the task here and now, outside the scheduler's order.
   virtual void taskRunFromTest();
+  /// What the task is and does at the moment.
   virtual TaskStat::TaskStatus taskStatus() const;
-  /// The task's work.
+  /// The task's work. The scheduler holds the task alive over it.
   virtual void taskExecute() = 0;
 
   /// Takes the task off its run queue, if it is there.
   void unscheduleTask();
   /// Suspends, which takes the task off its queue, or resumes, which gives it a run whether or
   /// not one was asked for.
+  /// @{
   void taskSuspendedIs(bool suspended);
   bool taskSuspended() const { return taskSuspended_; }
+  /// @}
   /// `taskRunFromTest()` with the scheduler's accounting, and a request for its next run.
   void taskRunAndRecordFromTest();
 
-  /// Whether the figures are kept after the task has ended; true at first.
+  /// Whether the figures are kept after the task has ended; true at first. Without that the task
+  /// stays counted in `TaskScheduler::tasksPerPriority`.
   void includeInCompletedTaskIs(bool include) { includeInCompletedTask = include; }
-  /// Time used so far in the run, during one.
+  /// Time used so far in the run. Outside of one it is an assertion.
   TaskTimeDuration taskCurrentRunTime() const;
 
-  /// How long a run may take before `taskShouldYield()` says so: 1 ns to 1 s.
+  /// How long a run may take before `taskShouldYield()` says so: 1 ns to 1 s, or without the
+  /// upper bound. Anything else is an assertion.
+  /// @{
   void taskQuantumIs(TaskTimeDuration quantum);
-  /// Without the upper bound.
   void taskQuantumNoCheckIs(TaskTimeDuration quantum);
   TaskTimeDuration taskQuantum() const { return taskQuantum_; }
+  /// @}
   /// Makes every `ratio`-th question of `taskShouldYield()` say yield, whatever the time; 0 hands
-  /// the task back to the root's ratio.
+  /// the task back to the root's ratio. Forcing is a ratio of 1.
+  /// @{
   void taskTestYieldRatioIs(unsigned char ratio);
   unsigned char taskTestYieldRatio() const { return taskTestYieldRatio_; }
   void taskForceYieldInTestIs(bool on) { taskTestYieldRatioIs(on ? 1 : 0); }
   bool taskForceYieldInTest() const { return taskTestYieldRatio_ == 1; }
+  /// @}
+  /// How and by which ratio `taskShouldYield()` answers. Follows from the task's ratio, the root's
+  /// and virtual time; for the library to set.
+  /// @{
   TaskShouldYieldMode taskShouldYieldMode() const { return taskShouldYieldMode_; }
   void taskShouldYieldModeIs(TaskShouldYieldMode mode);
-  /// Takes mode and ratio from the task's own ratio, the root's ratio and virtual time.
   void taskShouldYieldModeReevaluate();
   void taskTestYieldRatioEffectiveIs(unsigned char ratio);
+  /// @}
 
   /// A copy of the counters.
   TaskStat getStats() const;
@@ -87,19 +101,24 @@ class TaskImpl : public _TaskBase {
   /// Asserts that the calling thread is the scheduler's.
   void sanityCheckCurrentRunningThread() const;
 
-  // For the scheduler.
+  /// For the scheduler: the parts of a run, and where the task is.
+  /// @{
   void taskDoRun(TaskTimePoint const& now, TaskTimePoint* finish);
   void doUpdateSchedulingLatency(TaskTimePoint const& now);
   bool onRunQueue() const { return taskRunQueueLink_.isLinked(); }
   bool registered() const { return taskRegisteredLink_.isLinked(); }
   bool includedInCompletedTask() const { return includeInCompletedTask; }
+  /// @}
 
  protected:
+  /// Registers the task, idle, with the scheduler, whose default quantum it gets. The priority
+  /// must be a level.
   TaskImpl(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
            std::string const& name);
 
   /// Leaves the scheduler as the destructor would, without ending the object.
   void handleDestroy();
+  /// Takes the task off its run queue, if it is there, and says nothing of busy and idle.
   void unscheduleTaskPrivate(TaskTimePoint const& now);
 
  private:
@@ -118,7 +137,8 @@ class TaskImpl : public _TaskBase {
   mutable std::uint64_t taskYieldCheckTicks_ = 0;
 
  public:
-  // The counters; see TaskStat.
+  /// The counters; see TaskStat.
+  /// @{
   TaskTimeDuration taskLastSchedulingLatency;
   TaskTimeDuration taskSchedulingLatencyHighWaterMark;
   TaskTimeDuration taskTotalRunTime;
@@ -131,6 +151,7 @@ class TaskImpl : public _TaskBase {
   std::uint32_t taskQuantumViolation500 = 0;
   std::uint32_t taskQuantumViolation200 = 0;
   std::uint32_t taskRunCount = 0;
+  /// @}
 
  private:
   static constexpr std::uint32_t taskMagicNumberConstructed = 0x42BE5AFE;
@@ -141,9 +162,12 @@ class TaskImpl : public _TaskBase {
   BookmarkListLinkNode<TaskImpl> taskRegisteredLink_;
 
  public:
+  /// The lists that a scheduler keeps its tasks on.
+  /// @{
   using RunQueueList = List<TaskImpl, ListLinkNode<TaskImpl>, &TaskImpl::taskRunQueueLink_, void>;
   using RegisteredList =
       BookmarkList<TaskImpl, BookmarkListLinkNode<TaskImpl>, &TaskImpl::taskRegisteredLink_, void>;
+  /// @}
 };
 
 }  // namespace Brelo

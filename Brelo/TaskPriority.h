@@ -5,23 +5,26 @@
 #include <ostream>
 #include <string>
 
+#include "Brelo/Export.h"
+
 namespace Brelo {
 
 /// A task's priority: one of five levels, lower numbers first. `absolute` is always taken before
 /// anything else; `high` and `normal` are passed over now and then for the levels below; `low`
 /// is never passed over; `scavenge` runs when nothing above it is in turn.
-class TaskPriority {
+class BRELO_EXPORT TaskPriority {
  public:
-  static TaskPriority const absolute;
-  static TaskPriority const high;
-  static TaskPriority const normal;
-  static TaskPriority const low;
-  static TaskPriority const scavenge;
+  static TaskPriority const absolute;       ///< 0
+  static TaskPriority const high;           ///< 1
+  static TaskPriority const normal;         ///< 2
+  static TaskPriority const low;            ///< 3
+  static TaskPriority const scavenge;       ///< 4
   static TaskPriority const oneBeyondLast;  ///< the number of levels; no task may have it
 
+  /// Any number; tasks take only levels.
   constexpr explicit TaskPriority(unsigned char value) : value_(value) {}
 
-  constexpr unsigned char value() const { return value_; }
+  constexpr unsigned char value() const { return value_; }  ///< as given
   /// One of the five levels.
   constexpr bool isLevel() const { return value_ < 5; }
 
@@ -29,11 +32,15 @@ class TaskPriority {
   char const* toStrep() const;
   /// A letter of "AHNLS-". A value above `oneBeyondLast` is an assertion.
   char oneChar() const;
+  /// The same as a string.
   std::string oneCharString() const { return std::string(1, oneChar()); }
 
+  /// Compare the numbers: the smaller one is the higher priority.
+  /// @{
   friend constexpr bool operator==(TaskPriority a, TaskPriority b) { return a.value_ == b.value_; }
   friend constexpr bool operator!=(TaskPriority a, TaskPriority b) { return a.value_ != b.value_; }
   friend constexpr bool operator<(TaskPriority a, TaskPriority b) { return a.value_ < b.value_; }
+  /// @}
 
  private:
   unsigned char value_;
@@ -47,13 +54,20 @@ inline constexpr TaskPriority TaskPriority::scavenge{4};
 inline constexpr TaskPriority TaskPriority::oneBeyondLast{5};
 
 /// The name of a level, or "invalidPriority=" and the number; the fmt form likewise.
-std::ostream& operator<<(std::ostream& stream, TaskPriority priority);
+BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, TaskPriority priority);
 
 }  // namespace Brelo
 
+namespace fmt {
+
+/// Prints the name of a level, or "invalidPriority=" and the number.
 template <>
-struct fmt::formatter<Brelo::TaskPriority> {
+struct BRELO_EXPORT formatter<Brelo::TaskPriority> {
+  /// Takes no specification.
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
+  /// Returns where the text ends.
   auto format(Brelo::TaskPriority priority, format_context& context) const
       -> format_context::iterator;
 };
+
+}  // namespace fmt

@@ -9,7 +9,7 @@
 namespace Brelo {
 
 /// A scheduler's run queues, one for each priority. The links lie in the tasks: nothing here
-/// allocates, and all of it takes constant time.
+/// allocates, and all of it takes constant time. A scheduler's own: clients do not make one.
 class TaskRunQueues {
  public:
   /// One level: first in, first out, with the counters that fairness and statistics read.
@@ -19,10 +19,12 @@ class TaskRunQueues {
   /// that exactly the tasks of the first move are run, and what is queued meanwhile waits.
   class TaskRunQueue {
    public:
-    void enqueue(TaskImpl& task);
+    void enqueue(TaskImpl& task);  ///< at the end; the task is on no queue
     /// Takes a queued task off, to run it or not.
+    /// @{
     void removeToRun(TaskImpl& task);
     void removeUnrun(TaskImpl& task);
+    /// @}
     /// The next task of the current list, or null.
     TaskImpl* first() { return currentRunQueue_->empty() ? nullptr : &currentRunQueue_->front(); }
 
@@ -30,16 +32,24 @@ class TaskRunQueues {
     std::int64_t runnableCount() const {
       return static_cast<std::int64_t>(scheduledCount_ - runCount_);
     }
+    /// Tasks taken off to run since the count was cleared.
+    /// @{
     std::uint64_t runsSinceClear() const { return runCount_ - runCountBase_; }
     void clearRuns() { runCountBase_ = runCount_; }
+    /// @}
 
+    /// The two moves. At the second, what is left goes ahead of what was queued meanwhile. A
+    /// temporary list that is not empty at the first, or after the second, is an assertion.
+    /// @{
     void movePersistentToTemporary();
-    /// What is left goes ahead of what was queued meanwhile.
     void moveTemporaryToPersistent();
+    /// @}
 
-    /// Picks in a row without a pass to a lower level.
+    /// Picks in a row without a pass to a lower level; kept here for the scheduler.
+    /// @{
     std::uint32_t consecutiveRuns() const { return consecutiveRuns_; }
     void consecutiveRunsIs(std::uint32_t runs) { consecutiveRuns_ = runs; }
+    /// @}
 
    private:
     void assertTemporaryEmpty(char const* func) const;
@@ -53,12 +63,17 @@ class TaskRunQueues {
     std::uint64_t runCountBase_ = 0;
   };
 
-  /// The priority must be a level.
+  /// The level of that priority, which must be one.
+  /// @{
   TaskRunQueue& operator[](TaskPriority priority) { return levels_[priority.value()]; }
   TaskRunQueue const& operator[](TaskPriority priority) const { return levels_[priority.value()]; }
+  /// @}
 
+  /// All levels, `absolute` first.
+  /// @{
   auto begin() { return levels_.begin(); }
   auto end() { return levels_.end(); }
+  /// @}
 
  private:
   std::array<TaskRunQueue, 5> levels_;

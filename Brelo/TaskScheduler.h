@@ -9,6 +9,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "Brelo/Export.h"
 #include "Brelo/TaskImpl.h"
 #include "Brelo/TaskRunQueues.h"
 #include "Brelo/TaskSchedulerHistory.h"
@@ -29,38 +30,55 @@ class TaskSchedulerRoot;
 ///
 /// Owned through shared pointers, by its tasks among others. All of it belongs to the root's
 /// thread; nothing is locked. Wrong use is an assertion, not a result.
-class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
+class BRELO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
  public:
-  using TaskRunQueues = Brelo::TaskRunQueues;
+  using TaskRunQueues = Brelo::TaskRunQueues;  ///< what the tasks are queued on
 
   TaskScheduler(TaskScheduler const&) = delete;
   TaskScheduler& operator=(TaskScheduler const&) = delete;
 
   /// A background reset of the statistics is going on.
   virtual bool resetStatsInProgress() const;
+  /// Asks for one run; a second request before the run changes nothing.
   virtual void requestSchedulerRun() = 0;
   /// The set of tasks that are made to yield became empty or stopped being so.
   virtual void handleTaskForceYieldInTest() = 0;
+  /// For a new task, whose priority must be a level.
   virtual void taskRegister(TaskImpl* task);
   virtual ~TaskScheduler();
 
+  /// The name, as a string and as a reference.
+  /// @{
   std::string const& schedulerName() const { return schedulerName_.string(); }
   ConstStringRef const& schedulerNameRef() const { return schedulerName_; }
+  /// @}
+  /// The top of the tree; a root is its own.
   TaskSchedulerRoot& root() const { return *taskSchedulerRoot_; }
+  /// The ring of events, which the whole tree shares.
+  /// @{
   std::shared_ptr<TaskSchedulerHistory> const& schedulerHistory() const {
     return schedulerHistory_;
   }
   TaskSchedulerHistory& history() const { return *schedulerHistory_; }
+  /// @}
 
-  /// The quantum of tasks made from now on; not checked. 20 ms at first.
+  /// The quantum of tasks made from now on; not checked. 20 ms at first, in a group that of the
+  /// scheduler above.
+  /// @{
   void defaultTaskQuantumIs(TaskTimeDuration quantum) { defaultTaskQuantum_ = quantum; }
   TaskTimeDuration defaultTaskQuantum() const { return defaultTaskQuantum_; }
+  /// @}
 
-  /// Tasks queued, runs made since the statistics were cleared, live tasks, ended tasks.
+  /// Tasks queued, of a level or of all. Another priority is an assertion.
+  /// @{
   std::uint32_t runnableTaskCount(TaskPriority priority) const;
   std::uint32_t runnableTaskCount() const;
+  /// @}
+  /// Runs of a level's tasks since the statistics were cleared. Another priority is an assertion.
   std::uint64_t runTaskCount(TaskPriority priority) const;
+  /// Live tasks, and those that ended without their figures being kept.
   std::uint32_t tasksPerPriority(TaskPriority priority) const;
+  /// Tasks ended since the statistics were cleared, whose figures were kept.
   std::uint32_t completedTasksPerPriority(TaskPriority priority) const;
   /// Live tasks; walks them all.
   std::uint64_t registeredTaskCount() const;
@@ -72,17 +90,22 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
 
   /// Append a record for each registered task, or for each stats name of ended tasks; those that
   /// never ran only if asked for. Return how many were left out.
+  /// @{
   unsigned getTaskStats(std::vector<TaskStat>* out, bool includeNeverRun) const;
   unsigned getCompletedTaskStats(std::vector<TaskStat>* out, bool includeNeverRun) const;
+  /// @}
   /// The record of a name, or a default one.
+  /// @{
   TaskStat taskStatForTest(std::string const& name) const;
   TaskStat completedTaskStatForTest(std::string const& name) const;
+  /// @}
+  /// The counts above for all five levels.
   TaskSchedulerQueueStats queueStats() const;
   /// Zeroes all figures at once, of groups in the background.
   void clearStats();
   /// Zeroes all figures in the background, by a task of priority `normal` (in a group that
-  /// enforces a priority, of that one). A call during a reset
-  /// starts it anew. A scheduler that has done this is not destroyed: the task holds it.
+  /// enforces a priority, of that one). A call during a reset starts it anew. A scheduler that has
+  /// done this is not destroyed: the task holds it.
   void resetStats();
 
   /// Freezes the statistics of this scheduler and of all below it. An empty name stands for the
@@ -93,28 +116,34 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
                                                         unsigned displayOrder) const;
   /// A new JSON document on the caller's stream, which must outlive it, or on a blocking
   /// descriptor; 1 and 2 mean the standard streams.
+  /// @{
   static std::shared_ptr<TaskSchedulerPrintContext> PrintContextIs(std::ostream& stream);
   static std::shared_ptr<TaskSchedulerPrintContext> PrintContextIs(int fd, bool closeFd);
-  /// A whole JSON document of this scheduler and of all below it.
+  /// @}
+  /// A whole JSON document of this scheduler and of all below it. A descriptor must be blocking
+  /// and stays open.
+  /// @{
   void statsRenderJson(std::ostream& stream, bool includeNeverRun, bool includeCompleted,
                        bool includeHistory) const;
   std::string statsRenderJsonToString(bool includeNeverRun, bool includeCompleted,
                                       bool includeHistory) const;
-  /// The descriptor stays open.
   void statsRenderJsonToBlockingFdForTest(int fd, bool includeNeverRun, bool includeCompleted,
                                           bool includeHistory) const;
+  /// @}
   /// Streams snapshots as one JSON document, however slow the reader is, by two tasks of this
   /// scheduler. The descriptor is given up: it becomes non-blocking and is closed at the end, after
   /// which `done` is called on the scheduler's thread. A reader that goes away ends the export
   /// early and unreported; the process has to ignore SIGPIPE for that. Any other failure of a
   /// write, ECONNRESET of a TCP socket among them, is an assertion. A reader that never reads keeps
   /// the export waiting for good.
+  /// @{
   void snapshotRenderJsonAsync(int fd,
                                std::vector<std::shared_ptr<TaskSchedulerSnapshot const>> snapshots,
                                std::function<void()> done);
   void snapshotRenderJsonAsync(int fd,
                                std::vector<std::shared_ptr<TaskSchedulerSnapshot const>> snapshots);
   void snapshotRenderJsonAsync(int fd, std::shared_ptr<TaskSchedulerSnapshot const> snapshot);
+  /// @}
   /// Visits the groups whose parent tasks are registered here, newest first.
   void forEachTaskGroup(
       std::function<void(TaskImpl const& parentTask, TaskGroup const& group)> const& visit) const;
@@ -129,41 +158,60 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   bool attemptLowerPriorityBump(TaskPriority priority, unsigned consecutiveRuns) const;
   /// A rising edge requests a run.
   void schedulerHasRunnableTasksIs(bool value, TaskTimePoint const& time);
+  /// A run is coming; the one that finds nothing ends this.
   bool schedulerHasRunnableTasks() const { return schedulerHasRunnableTasks_; }
+  /// `requestSchedulerRun()`, with the time from which the slip of the run is counted.
   void requestSchedulerRunAndRecord(TaskTimePoint const& time);
   /// Takes the time as the run's start and notes the slip. Returns it.
   TaskTimePoint checkSchedulerLatency();
 
   // For tasks.
 
+  /// For a task that ends: keeps its figures.
   void taskUnregister(TaskImpl* task);
+  /// Puts a task that is on no queue on the one of its level.
   void enqueue(TaskImpl& task);
   /// Takes a queued task off, unrun.
   void unscheduleTask(TaskTimePoint const& now, TaskImpl* task);
   /// Takes a queued task off in order to run it.
   void taskSchedulerUnlinkTask(TaskTimePoint const& now, TaskImpl* task);
+  /// The task is made to yield in tests, or not any more.
   void taskForceYieldInTestNotify(TaskImpl* task, bool on);
+  /// `taskShouldYieldModeReevaluate()` of every task registered here.
   void taskShouldYieldModesReevaluate();
+  /// The host's time at the start of the run that is measured by it.
+  /// @{
   double virtualRunStartTime() const { return virtualRunStartTime_; }
   void virtualRunStartTimeIs(double time) { virtualRunStartTime_ = time; }
+  /// @}
 
   // For the statistics.
 
+  /// Change a count by one. Below zero it is an assertion.
+  /// @{
   void tasksPerPriorityInc(TaskPriority priority);
   void tasksPerPriorityDec(TaskPriority priority);
   void completedTasksPerPriorityInc(TaskPriority priority);
   void completedTasksPerPriorityDec(TaskPriority priority);
+  /// @}
   /// Merges the record into the one kept under `name`.
   void completedTaskStatsInc(ConstStringRef const& name, TaskStat stat);
+  /// Takes over the figures of a task that ends, if they are wanted.
   void updateCompletedTaskStats(TaskImpl* task);
 
  protected:
+  /// Idle; `root` and the tree's history are those of the scheduler above, or a root's own.
   TaskScheduler(std::string const& name, TaskSchedulerRoot* root,
                 std::shared_ptr<TaskSchedulerHistory> history);
 
+  /// The two moves of all levels; see TaskRunQueues.
+  /// @{
   void taskRunQueuesMovePersistentToTemporary();
   void taskRunQueuesMoveTemporaryToPersistent();
+  /// @}
+  /// Whether a task is made to yield in tests.
   bool hasForcedYieldTasks() const { return !forcedYieldTasks_.empty(); }
+  /// From when the slip of the next run is counted.
   void schedulerRunRequestTimeIs(TaskTimePoint const& time) { schedulerRunRequestTime_ = time; }
   /// The priority of the tasks that the library itself makes on this scheduler.
   void ownTaskPriorityIs(TaskPriority priority) { ownTaskPriority_ = priority; }
@@ -211,26 +259,34 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   std::shared_ptr<ResetStatsTask> resetStatsTask_;
 };
 
-/// The scheduler's name and a colon, as does the fmt form.
-std::ostream& operator<<(std::ostream& stream, TaskScheduler const* scheduler);
+/// Writes the scheduler's name and a colon, as does the fmt form. Not for null.
+BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, TaskScheduler const* scheduler);
 
 namespace Impl {
 
-fmt::format_context::iterator formatScheduler(TaskScheduler const& scheduler,
-                                              fmt::format_context& context);
+/// What `fmt::formatter` calls for a scheduler.
+BRELO_EXPORT fmt::format_context::iterator formatScheduler(TaskScheduler const& scheduler,
+                                                           fmt::format_context& context);
 
 }  // namespace Impl
 
 }  // namespace Brelo
 
+namespace fmt {
+
+/// Prints a scheduler of any class as the stream form does.
 template <class AnyScheduler>
-struct fmt::formatter<
-    AnyScheduler, std::enable_if_t<std::is_base_of_v<Brelo::TaskScheduler, AnyScheduler>, char>> {
+struct formatter<AnyScheduler,
+                 std::enable_if_t<std::is_base_of_v<Brelo::TaskScheduler, AnyScheduler>, char>> {
+  /// Takes no specification.
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
+  /// Returns where the text ends.
   auto format(AnyScheduler const& scheduler, format_context& context) const {
     return Brelo::Impl::formatScheduler(scheduler, context);
   }
 };
+
+}  // namespace fmt
 
 // One include serves whoever works with schedulers.
 #include "Brelo/TaskGroup.h"

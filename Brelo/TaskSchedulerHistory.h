@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Brelo/ConstStringCache.h"
+#include "Brelo/Export.h"
 #include "Brelo/MemTrack.h"
 #include "Brelo/TaskTimeDuration.h"
 
@@ -14,59 +15,61 @@ namespace Brelo {
 class _TaskBase;
 class TaskScheduler;
 
-/// What happened. Types before `schedulerIdle` are a task's, the others a scheduler's; what each
-/// one means is told by its display name.
+/// What happened. Types before `schedulerIdle` are a task's, the others a scheduler's.
 enum class TaskSchedulerEventType : std::uint8_t {
-  schedule,
-  unschedule,
-  runStart,
-  runEnd,
-  timerStart,
-  timerStop,
-  suspendOn,
-  suspendOff,
-  scheduleWhileSuspended,
-  forceYieldOn,
-  forceYieldOff,
-  idle,
-  busy,
-  create,
-  destroy,
-  fdReadable,
-  fdWritable,
-  schedulerIdle,
-  schedulerRunnable,
-  schedulerSuspended,
-  schedulerUnsuspended,
-  schedulerRunIgnoredWhileSuspended,
-  schedulerVirtualTimeOn,
-  schedulerVirtualTimeOff,
-  schedulerTestYieldRatioOn,
-  schedulerTestYieldRatioOff,
+  schedule,                           ///< asked for a run
+  unschedule,                         ///< left its run queue unrun
+  runStart,                           ///< begins a run
+  runEnd,                             ///< has ended its run
+  timerStart,                         ///< its timer was armed
+  timerStop,                          ///< its timer was disarmed
+  suspendOn,                          ///< was suspended
+  suspendOff,                         ///< was resumed
+  scheduleWhileSuspended,             ///< asked for a run, and was suspended: dropped
+  forceYieldOn,                       ///< was given a yield ratio
+  forceYieldOff,                      ///< lost its yield ratio
+  idle,                               ///< no run is coming
+  busy,                               ///< a run is coming
+  create,                             ///< registered
+  destroy,                            ///< unregistered
+  fdReadable,                         ///< its descriptor is readable
+  fdWritable,                         ///< its descriptor is writable
+  schedulerIdle,                      ///< nothing is runnable
+  schedulerRunnable,                  ///< something is
+  schedulerSuspended,                 ///< stopped
+  schedulerUnsuspended,               ///< resumed
+  schedulerRunIgnoredWhileSuspended,  ///< a run came while stopped
+  schedulerVirtualTimeOn,             ///< quanta are measured by the host's time
+  schedulerVirtualTimeOff,            ///< quanta are measured by the steady clock
+  schedulerTestYieldRatioOn,          ///< all tasks were given a yield ratio
+  schedulerTestYieldRatioOff,         ///< they lost it
 };
 
 /// Writes the bare number.
-std::ostream& operator<<(std::ostream& stream, TaskSchedulerEventType type);
+BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, TaskSchedulerEventType type);
 
 /// The flight recorder of one scheduler tree: a ring of the latest events, newest first, and the
 /// cache of the tree's names, so that an event can name a task that has since gone.
 ///
 /// Belongs to the tree's thread. Recording allocates nothing, copies no string and reads no
 /// clock: the caller gives the steady-clock time that it has at hand.
-class TaskSchedulerHistory {
+class BRELO_EXPORT TaskSchedulerHistory {
  public:
+  /// What happened to whom, and when. A plain value, but for the name's reference into the cache.
   class Event {
    public:
     /// The type must be one of a task, or of a scheduler: anything else is an assertion.
+    /// @{
     Event(TaskTimePoint const& time, TaskSchedulerEventType type, _TaskBase const& task);
     Event(TaskTimePoint const& time, TaskSchedulerEventType type, TaskScheduler const& scheduler);
+    /// @}
 
-    TaskSchedulerEventType eventType() const { return eventType_; }
-    TaskTimePoint eventTime() const { return eventTime_; }
+    TaskSchedulerEventType eventType() const { return eventType_; }  ///< what happened
+    TaskTimePoint eventTime() const { return eventTime_; }  ///< when, as the caller gave it
     /// The priority's letter, a blank and the task's name; or the scheduler's name.
     ConstStringRef const& eventId() const { return eventId_; }
 
-    std::string eventTypeDisplay() const;
+    std::string eventTypeDisplay() const;  ///< the type's display name
     /// The type's display name in twelve columns, a blank and the subject.
     std::string display() const;
 
@@ -75,11 +78,14 @@ class TaskSchedulerHistory {
     TaskTimePoint eventTime_;
     ConstStringRef eventId_;
   };
+  /// Its capacity is the number of events kept.
   using Ring = boost::circular_buffer<Event, Allocator<Event>>;
 
   /// Zero for a ring that records nothing.
   explicit TaskSchedulerHistory(unsigned capacity);
 
+  /// Records an event; the oldest one makes room.
+  /// @{
   void insert(TaskTimePoint const& time, TaskSchedulerEventType type, _TaskBase const& task) {
     events_.push_front(Event(time, type, task));
   }
@@ -87,13 +93,18 @@ class TaskSchedulerHistory {
               TaskScheduler const& scheduler) {
     events_.push_front(Event(time, type, scheduler));
   }
+  /// @}
 
+  /// The names of the whole tree.
   ConstStringCache& stringCache() { return stringCache_; }
   /// Element 0 is the newest.
   Ring const& events() const { return events_; }
+  /// How many events are kept; a change keeps the newest, or throws std::bad_alloc with nothing
+  /// changed.
+  /// @{
   unsigned capacity() const { return static_cast<unsigned>(events_.capacity()); }
-  /// Keeps the newest events. Throws std::bad_alloc with nothing changed.
   void capacityIs(unsigned capacity);
+  /// @}
   /// Drops all events.
   void clear() { events_.clear(); }
   /// The events for people, newest first, with the age of each against the newest; flushes after

@@ -3,6 +3,7 @@
 #include <memory>
 #include <ostream>
 
+#include "Brelo/Export.h"
 #include "Brelo/FdToStream.h"
 
 namespace Brelo {
@@ -17,7 +18,7 @@ class JsonWriter;
 /// rendered into it adds a member of "schedulers", and closing or dropping it completes the
 /// document. All bytes are on the stream once the context is made, after each snapshot and after
 /// the close. Errors of the stream are not looked at.
-class TaskSchedulerPrintContext {
+class BRELO_EXPORT TaskSchedulerPrintContext {
  public:
   /// The stream is the caller's and must outlive the context.
   explicit TaskSchedulerPrintContext(std::ostream& stream);
@@ -28,9 +29,10 @@ class TaskSchedulerPrintContext {
   TaskSchedulerPrintContext& operator=(TaskSchedulerPrintContext const&) = delete;
   ~TaskSchedulerPrintContext();
 
-  /// A second call is an assertion.
+  /// Completes the document. A second call is an assertion.
   void closeJson();
 
+  /// For what renders itself into the document.
   Impl::JsonWriter& writer() { return *writer_; }
 
  private:

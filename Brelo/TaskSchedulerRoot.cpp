@@ -151,13 +151,16 @@ void TaskSchedulerRoot::threadSanityDisabledIs(bool disabled) {
 }
 
 void TaskSchedulerRoot::sanityCheckCurrentRunningThread() const {
-  if (threadSanityDisabled_ || auxThreadCount != 0) return;
   std::uint64_t const thread = pthread_self();
-  if (__builtin_expect(thread == threadId_, 1)) return;
+  if (thread != threadId_) sanityCheckOtherThread(thread, __func__);
+}
+
+void TaskSchedulerRoot::sanityCheckOtherThread(std::uint64_t thread, char const* function) const {
+  if (threadSanityDisabled_ || auxThreadCount != 0) return;
   pid_t const process = getpid();
   // A forked child may go on with its parent's root.
   if (process != processId_) return;
-  Impl::schedulerFail(__func__, __LINE__, "Executing in wrong thread ", thread, "(",
+  Impl::schedulerFail(function, __LINE__, "Executing in wrong thread ", thread, "(",
                       currentThreadName(), ") pid ", process, " scheduler belongs to thread ",
                       threadId_, "(", threadName_, ") pid ", processId_);
 }

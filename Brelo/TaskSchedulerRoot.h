@@ -7,12 +7,13 @@
 #include <set>
 #include <string>
 
+#include "Brelo/Export.h"
 #include "Brelo/Platform.h"
 #include "Brelo/TaskScheduler.h"
 
 /// While it is not 0, no root checks which thread it is used on. Kept by the application,
 /// and read without synchronisation.
-extern std::uint32_t auxThreadCount;
+BRELO_EXPORT extern std::uint32_t auxThreadCount;
 
 namespace Brelo {
 
@@ -24,36 +25,50 @@ class TimerWheel;
 /// Owned by its tasks and groups and by whoever holds it; a thread's own root (see
 /// `schedulerRootBrelo`) dies with the thread unless tasks still hold it. Each run is one
 /// platform callback, so the event loop looks at timers and descriptors between any two tasks.
-class TaskSchedulerRoot : public TaskScheduler, Platform::CallbackHandler {
+class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackHandler {
  public:
   /// A new root, owned by the caller.
   static std::shared_ptr<TaskSchedulerRoot> TaskSchedulerRootIs(std::string name);
 
+  /// What `TaskSchedulerRootIs` makes, for the calling thread and its backend; it must be owned by
+  /// a shared pointer.
   explicit TaskSchedulerRoot(std::string const& name);
   ~TaskSchedulerRoot() override;
 
+  /// Of this scheduler or of any other of the tree.
   bool resetStatsInProgress() const override;
+  /// Asks the event platform for a run. While suspended the request is dropped.
   void requestSchedulerRun() override;
   void handleTaskForceYieldInTest() override {}
   void taskRegister(TaskImpl* task) override;
-  void callback() override;
+  void callback() override;  ///< the run that was asked for
 
   /// Follows the host's virtual time, then runs at most one task.
   void handleSchedulerRun();
   /// Stops or resumes all running in the tree. Tasks can still be scheduled meanwhile.
+  /// @{
   void suspendedIs(bool suspended);
   bool suspended() const { return suspended_; }
+  /// @}
   /// Whether quanta are measured by the host's time instead of the steady clock. The main
-  /// thread's root follows the host's switch at each run.
+  /// thread's root follows the host's switch at each run; any other is set to false there.
+  /// @{
   void virtualTimeIs(bool virtualTime);
   bool virtualTime() const { return virtualTime_; }
-  /// `taskTestYieldRatioIs` for every task of the tree that has no ratio of its own.
+  /// @}
+  /// `taskTestYieldRatioIs` for every task of the tree that has no ratio of its own; 0 for none.
+  /// @{
   void taskTestYieldRatioIs(unsigned char ratio);
   unsigned char taskTestYieldRatio() const { return taskTestYieldRatioRoot_; }
+  /// @}
+  /// `TaskImpl::taskShouldYieldModeReevaluate()` of every task of the tree.
   void taskShouldYieldModeReevaluate();
 
+  /// Whether the thread check is off for this tree. It adds no locking.
+  /// @{
   void threadSanityDisabledIs(bool disabled);
   bool threadSanityDisabled() const { return threadSanityDisabled_; }
+  /// @}
   /// Asserts that the caller is the owner's thread, or a forked child.
   void sanityCheckCurrentRunningThread() const;
   /// The calling thread's name, empty if it cannot be had.
@@ -62,44 +77,60 @@ class TaskSchedulerRoot : public TaskScheduler, Platform::CallbackHandler {
   /// 0 to 100; the sequence is the same for every root from its start.
   int randomPercent();
 
+  /// For the schedulers of the tree, which are not owned here. A second registration, or the
+  /// end of one that is not there, is an assertion.
+  /// @{
   void registerScheduler(TaskScheduler* scheduler);
   void unregisterScheduler(TaskScheduler* scheduler);
-  /// The first scheduler of that name in the tree, or null.
+  /// @}
+  /// A scheduler of that name in the tree, or null.
+  /// @{
   std::shared_ptr<TaskScheduler> findSchedulerForTest(std::string const& name);
   std::shared_ptr<TaskScheduler const> findSchedulerForTest(std::string const& name) const;
+  /// @}
   /// Live tasks of the tree; walks them all.
   std::uint64_t totalRegisteredTaskCount() const;
-  std::uint32_t taskGroupCount() const;
+  std::uint32_t taskGroupCount() const;  ///< groups of the tree, nested ones included
   /// The sum over all schedulers of the tree.
   TaskSchedulerQueueStats queueStatsRoot() const;
   /// Notes the slip, and takes now as the time of the next request.
   void doUpdateSchedulerLatency();
 
-  /// How many events the history holds at most; 100 at first.
+  /// How many events the history holds at most; 100 at first, 0 for none. A change keeps
+  /// the newest.
+  /// @{
   unsigned historyEntryCount() const { return history().capacity(); }
   void historyEntryCountIs(unsigned count) { history().capacityIs(count); }
+  /// @}
+  /// Drops all events.
   void clearHistory();
   /// The history's events for people, newest first. A descriptor must be blocking and stays open.
+  /// @{
   void historyRenderTextForDebug(std::ostream& stream) const;
   void historyRenderTextForDebug(int fd) const;
   void historyRenderTextForDebugStdErr() const;
   std::string historyRenderTextForDebugToString() const;
+  /// @}
 
   /// The tasks of the whole tree in one table for people, heaviest first, with a legend. A
   /// descriptor must be blocking and stays open.
+  /// @{
   void statsRenderTextForDebug(std::ostream& stream, bool includeNeverRun, bool showTaskKey,
                                bool includeCompleted, bool includeHistory) const;
   void statsRenderTextForDebug(int fd, bool includeNeverRun, bool showTaskKey,
                                bool includeCompleted, bool includeHistory) const;
   std::string statsRenderTextForDebugToString(bool includeNeverRun, bool showTaskKey,
                                               bool includeCompleted, bool includeHistory) const;
+  /// @}
   /// All tasks with their keys and the completed ones, without history.
   void statsRenderTextForDebugStdErr() const;
 
+  /// The wheel of all timer tasks of the tree; its master timer is of `eventPriorityStrictHigh`.
   std::shared_ptr<TimerWheel> const& timerWheel() const { return timerWheel_; }
 
  private:
   void followVirtualTime();
+  void sanityCheckOtherThread(std::uint64_t thread, char const* function) const;
 
   std::set<TaskScheduler*> schedulers_;  // of the tree, this one included
   std::shared_ptr<Platform::CallbackControl> callbackControl_;
@@ -116,9 +147,9 @@ class TaskSchedulerRoot : public TaskScheduler, Platform::CallbackHandler {
 };
 
 /// The calling thread's root, made at the thread's first call.
-std::shared_ptr<TaskSchedulerRoot> schedulerRootBrelo();
+BRELO_EXPORT std::shared_ptr<TaskSchedulerRoot> schedulerRootBrelo();
 
 /// A new root at each call, owned by the caller alone.
-std::shared_ptr<TaskSchedulerRoot> schedulerRootBreloNonShared(std::string name);
+BRELO_EXPORT std::shared_ptr<TaskSchedulerRoot> schedulerRootBreloNonShared(std::string name);
 
 }  // namespace Brelo

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "Brelo/Export.h"
 #include "Brelo/TaskSchedulerHistory.h"
 #include "Brelo/TaskSchedulerPrintContext.h"
 #include "Brelo/TaskSchedulerQueueStats.h"
@@ -22,23 +23,25 @@ class TaskScheduler;
 /// Nothing in it points at a task or a scheduler; its names are references into the tree's
 /// string cache, so it must go before the tree does, and on the thread that made it: another
 /// thread is an assertion, unless the root's thread check was off.
-class TaskSchedulerSnapshot {
+class BRELO_EXPORT TaskSchedulerSnapshot {
  public:
-  static constexpr unsigned displayOrderUnset = 0xFFFFFFFF;
+  static constexpr unsigned displayOrderUnset = 0xFFFFFFFF;  ///< none in the document
 
-  /// The ring of events as it was, newest first.
+  /// The ring of events as it was.
   struct History {
     /// Writes the key "history" and its object.
     void renderJson(TaskSchedulerPrintContext& context) const;
 
-    std::uint32_t historyEntryCount = 0;  // the ring's capacity
-    std::vector<TaskSchedulerHistory::Event> events_;
+    std::uint32_t historyEntryCount = 0;               ///< the ring's capacity
+    std::vector<TaskSchedulerHistory::Event> events_;  ///< newest first
   };
 
-  /// An empty name stands for the scheduler's own. History is copied on a root only.
+  /// What `TaskScheduler::snapshot()` makes. An empty name stands for the scheduler's own. History
+  /// is copied on a root only.
   TaskSchedulerSnapshot(TaskScheduler const* scheduler, std::string name, bool includeNeverRun,
                         bool includeCompleted, bool includeHistory, unsigned displayOrder,
                         bool threadSanityDisabled);
+  /// For the vector of those below.
   TaskSchedulerSnapshot(TaskSchedulerSnapshot&&) = default;
   ~TaskSchedulerSnapshot();
 
@@ -51,15 +54,23 @@ class TaskSchedulerSnapshot {
                               std::vector<TaskStat> const& tasks, std::string const& key,
                               unsigned skipped, bool completed);
 
+  /// The figures as they were; of `TaskScheduler` and its operations of these names.
+  /// @{
   std::string const& schedulerName() const { return schedulerName_; }
   TaskSchedulerQueueStats const& queueStats() const { return queueStats_; }
   TaskTimeDuration maxSchedulerSlip() const { return maxSchedulerSlip_; }
-  bool isRootScheduler() const { return isRootScheduler_; }
+  /// @}
+  /// As given.
   unsigned displayOrder() const { return displayOrder_; }
+  bool isRootScheduler() const { return isRootScheduler_; }  ///< and not a group
+  /// The records of live tasks, and of ended ones by stats name; how many that never ran are
+  /// left out of each.
+  /// @{
   unsigned skippedTasks() const { return skippedTasks_; }
   unsigned skippedCompletedTasks() const { return skippedCompletedTasks_; }
   std::vector<TaskStat> const& tasks() const { return tasks_; }
   std::vector<TaskStat> const& completedTasks() const { return completedTasks_; }
+  /// @}
   /// One for each group, with its key in the document.
   std::vector<std::pair<std::string, TaskSchedulerSnapshot>> const& subSchedulers() const {
     return subSchedulers_;

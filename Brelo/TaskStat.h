@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Brelo/ConstStringCache.h"
+#include "Brelo/Export.h"
 #include "Brelo/TaskKey.h"
 #include "Brelo/TaskPriority.h"
 #include "Brelo/TaskTimeDuration.h"
@@ -14,16 +15,21 @@ namespace Brelo {
 /// A 32-bit figure that may never have been set. A value of 0xFFFFFFFF is stored as 0xFFFFFFFE.
 class TaskMaybeU32 {
  public:
+  /// Never set.
   constexpr TaskMaybeU32() = default;
+  /// Set.
   constexpr explicit TaskMaybeU32(std::uint32_t value)
       : value_(value == neverSet ? neverSet - 1 : value) {}
 
-  constexpr bool isSet() const { return value_ != neverSet; }
+  constexpr bool isSet() const { return value_ != neverSet; }  ///< also to zero
   /// 0 if never set.
   constexpr std::uint32_t value() const { return isSet() ? value_ : 0; }
 
+  /// Never set is equal to never set, and to no value.
+  /// @{
   friend constexpr bool operator==(TaskMaybeU32 a, TaskMaybeU32 b) { return a.value_ == b.value_; }
   friend constexpr bool operator!=(TaskMaybeU32 a, TaskMaybeU32 b) { return a.value_ != b.value_; }
+  /// @}
 
  private:
   static constexpr std::uint32_t neverSet = 0xFFFFFFFF;
@@ -35,11 +41,14 @@ class TaskMaybeU32 {
 /// A plain value, apart from the name, whose reference ties it to the thread of its scheduler
 /// and must be dropped before the scheduler tree goes. A default record is all zero, its two
 /// work marks included, and has a null name.
-class TaskStat {
+class BRELO_EXPORT TaskStat {
  public:
   /// What a task is and does at the moment, as a byte of bits.
   class TaskStatus {
    public:
+    /// The task is a TimerTask; its timer is armed; it is queued; it is amid a run; it is
+    /// suspended; it is the parent task of a group. All false at first.
+    /// @{
     bool taskTimer() const { return bitmaskHasBitSet(timer); }
     bool taskTimerRunning() const { return bitmaskHasBitSet(timerRunning); }
     bool taskOnRunQueue() const { return bitmaskHasBitSet(onRunQueue); }
@@ -53,11 +62,15 @@ class TaskStat {
     void taskCurrentlyRunningIs(bool on) { bitmaskSetBit(currentlyRunning, on); }
     void taskSuspendedIs(bool on) { bitmaskSetBit(suspended, on); }
     void taskIsTaskGroupIs(bool on) { bitmaskSetBit(isTaskGroup, on); }
+    /// @}
 
+    /// The bits behind these, by a mask of one of them.
+    /// @{
     bool bitmaskHasBitSet(unsigned char mask) const { return (bits_ & mask) != 0; }
     void bitmaskSetBit(unsigned char mask, bool on) {
       bits_ = static_cast<unsigned char>(on ? bits_ | mask : bits_ & ~mask);
     }
+    /// @}
 
    private:
     static constexpr unsigned char timer = 1;
@@ -70,7 +83,9 @@ class TaskStat {
     unsigned char bits_ = 0;
   };
 
+  /// All zero.
   TaskStat() = default;
+  /// A live task's counters.
   TaskStat(ConstStringRef name, TaskKey key, TaskPriority priority, std::uint32_t runCount,
            TaskTimeDuration totalRunTime, std::uint64_t workCountTotal, float workCountDecayAvg,
            TaskMaybeU32 workCountHighWaterMark, std::uint32_t workPending,
@@ -83,15 +98,23 @@ class TaskStat {
   /// is neither. A record of another name is an assertion.
   TaskStat& operator+=(TaskStat const& other);
 
+  /// The task's name, or the stats name of ended tasks.
+  /// @{
   std::string taskName() const { return taskName_.string(); }
   ConstStringRef const& taskNameRef() const { return taskName_; }
   void taskNameIs(ConstStringRef const& name) { taskName_ = name; }
+  /// @}
+  /// The longest run; the latest and the longest time from a run queue to the run.
+  /// @{
   TaskTimeDuration taskRunTimeHighWaterMark() const { return taskRunTimeHighWaterMark_; }
   TaskTimeDuration taskLastSchedulingLatency() const { return taskLastSchedulingLatency_; }
   TaskTimeDuration taskSchedulingLatencyHighWaterMark() const {
     return taskSchedulingLatencyHighWaterMark_;
   }
+  /// @}
 
+  /// Change one figure.
+  /// @{
   void taskRunInc(unsigned count) { taskRunCount += count; }
   void taskTotalRunTimeInc(TaskTimeDuration time) { taskTotalRunTime += time; }
   void taskWorkCountTotalInc(unsigned long count) { taskWorkCountTotal += count; }
@@ -105,24 +128,25 @@ class TaskStat {
   }
   void taskCompletedCountIs(unsigned count) { taskCompletedCount = count; }
   void taskStatusIs(TaskStatus status) { taskStatus = status; }
+  /// @}
 
   /// Two characters: "*" running, "S" suspended, "T" or "t" a timer armed or not, else a blank;
   /// then the priority's letter, upper case for a task on a run queue.
   std::string taskStatusString() const;
 
-  TaskKey taskKey;
-  TaskPriority taskPriority{0};
-  TaskStatus taskStatus;
-  std::uint32_t taskRunCount = 0;
-  TaskTimeDuration taskTotalRunTime;
-  std::uint64_t taskWorkCountTotal = 0;  // the sum of what taskWorkCountInc was given
-  float taskWorkCountDecayAvg = 0;       // nine tenths old, one tenth the newest report
-  TaskMaybeU32 taskWorkCountHighWaterMark{0};
-  std::uint32_t taskWorkPending = 0;  // the latest that taskWorkPendingIs was given
-  TaskMaybeU32 taskWorkPendingHighWaterMark{0};
-  std::uint32_t taskQuantumViolation500 = 0;  // runs of at least five quanta
-  std::uint32_t taskQuantumViolation200 = 0;  // runs of at least two and less than five quanta
-  std::uint32_t taskCompletedCount = 0;       // ended tasks merged into this; 0 for a live task
+  TaskKey taskKey;                               ///< which task; that of the first one, if merged
+  TaskPriority taskPriority{0};                  ///< likewise
+  TaskStatus taskStatus;                         ///< as it was
+  std::uint32_t taskRunCount = 0;                ///< runs
+  TaskTimeDuration taskTotalRunTime;             ///< of all runs
+  std::uint64_t taskWorkCountTotal = 0;          ///< the sum of what taskWorkCountInc was given
+  float taskWorkCountDecayAvg = 0;               ///< nine tenths old, one tenth the newest report
+  TaskMaybeU32 taskWorkCountHighWaterMark{0};    ///< the most that taskWorkCountInc was given
+  std::uint32_t taskWorkPending = 0;             ///< the latest that taskWorkPendingIs was given
+  TaskMaybeU32 taskWorkPendingHighWaterMark{0};  ///< the most that taskWorkPendingIs was given
+  std::uint32_t taskQuantumViolation500 = 0;     ///< runs of at least five quanta
+  std::uint32_t taskQuantumViolation200 = 0;     ///< runs of at least two and less than five quanta
+  std::uint32_t taskCompletedCount = 0;  ///< ended tasks merged into this; 0 for a live task
 
  private:
   ConstStringRef taskName_;
@@ -132,6 +156,6 @@ class TaskStat {
 };
 
 /// Pointers to the records, by descending total run time; equal ones in no particular order.
-std::vector<TaskStat const*> heaviestFirst(std::vector<TaskStat> const& stats);
+BRELO_EXPORT std::vector<TaskStat const*> heaviestFirst(std::vector<TaskStat> const& stats);
 
 }  // namespace Brelo

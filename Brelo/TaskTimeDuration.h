@@ -9,6 +9,8 @@
 #include <string>
 #include <type_traits>
 
+#include "Brelo/Export.h"
+
 namespace Brelo {
 
 /// Points in time of the scheduler: the steady clock, in nanoseconds.
@@ -17,9 +19,11 @@ using TaskTimePoint = std::chrono::steady_clock::time_point;
 /// A span of time as a signed 64-bit count of nanoseconds.
 ///
 /// Made from a plain number explicitly and from std::chrono spans as they are. `max()` stands
-/// for never. Sums that leave the range wrap.
+/// for never.
 class TaskTimeDuration {
  public:
+  /// Zero unless given, and in nanoseconds if a plain number.
+  /// @{
   constexpr TaskTimeDuration() = default;
   constexpr explicit TaskTimeDuration(std::int64_t nanoseconds) : count_(nanoseconds) {}
   template <class Rep, class Period,
@@ -27,13 +31,17 @@ class TaskTimeDuration {
                                                            std::chrono::nanoseconds>>>
   constexpr TaskTimeDuration(std::chrono::duration<Rep, Period> span)
       : count_(std::chrono::nanoseconds(span).count()) {}
+  /// @}
 
+  /// Never.
   static constexpr TaskTimeDuration max() {
     return TaskTimeDuration(std::numeric_limits<std::int64_t>::max());
   }
 
-  constexpr std::int64_t count() const { return count_; }
+  constexpr std::int64_t count() const { return count_; }  ///< nanoseconds
 
+  /// Sums and differences; beyond the range they wrap.
+  /// @{
   constexpr TaskTimeDuration& operator+=(TaskTimeDuration other) {
     count_ = wrapped(unsignedCount() + other.unsignedCount());
     return *this;
@@ -48,6 +56,9 @@ class TaskTimeDuration {
   friend constexpr TaskTimeDuration operator-(TaskTimeDuration a, TaskTimeDuration b) {
     return a -= b;
   }
+  /// @}
+  /// Compare the counts.
+  /// @{
   friend constexpr bool operator==(TaskTimeDuration a, TaskTimeDuration b) {
     return a.count_ == b.count_;
   }
@@ -58,6 +69,7 @@ class TaskTimeDuration {
   friend constexpr bool operator>(TaskTimeDuration a, TaskTimeDuration b) { return b < a; }
   friend constexpr bool operator<=(TaskTimeDuration a, TaskTimeDuration b) { return !(b < a); }
   friend constexpr bool operator>=(TaskTimeDuration a, TaskTimeDuration b) { return !(a < b); }
+  /// @}
 
  private:
   constexpr std::uint64_t unsignedCount() const { return static_cast<std::uint64_t>(count_); }
@@ -70,19 +82,26 @@ class TaskTimeDuration {
 
 /// Seconds to nanoseconds, truncated. A negative or non-finite argument is an assertion; one
 /// beyond the range is the largest duration.
-TaskTimeDuration time2Duration(double seconds);
+BRELO_EXPORT TaskTimeDuration time2Duration(double seconds);
 
 /// A form for people: a whole number of "ns", "µs", "ms", "s" or "min", cut off, not rounded.
-std::string durationToString(TaskTimeDuration duration);
+BRELO_EXPORT std::string durationToString(TaskTimeDuration duration);
 
 /// Writes `durationToString`, as does the fmt form.
-std::ostream& operator<<(std::ostream& stream, TaskTimeDuration const& duration);
+BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, TaskTimeDuration const& duration);
 
 }  // namespace Brelo
 
+namespace fmt {
+
+/// Prints `durationToString`.
 template <>
-struct fmt::formatter<Brelo::TaskTimeDuration> {
+struct BRELO_EXPORT formatter<Brelo::TaskTimeDuration> {
+  /// Takes no specification.
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
+  /// Returns where the text ends.
   auto format(Brelo::TaskTimeDuration const& duration, format_context& context) const
       -> format_context::iterator;
 };
+
+}  // namespace fmt

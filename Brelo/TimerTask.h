@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "Brelo/Export.h"
 #include "Brelo/TaskImpl.h"
 #include "Brelo/TaskTimeDuration.h"
 #include "Brelo/TimerWheel.h"
@@ -19,31 +20,41 @@ namespace Brelo {
 ///
 /// A delay is a TaskTimeDuration or a number of seconds. Zero is an immediate run, a negative one
 /// expires at the next pass of the loop. Never is `TaskTimeDuration::max()` or positive infinity.
-class TimerTask : public TaskImpl, TimerWheelEvent {
+class BRELO_EXPORT TimerTask : public TaskImpl, TimerWheelEvent {
  public:
+  /// As a Task is made; the timer is idle.
   TimerTask(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority, std::string name);
-  /// Raises `std::bad_weak_ptr` if no shared pointer owns the scheduler.
+  /// The same. Raises `std::bad_weak_ptr` if no shared pointer owns the scheduler.
   TimerTask(TaskScheduler* scheduler, TaskPriority priority, std::string name);
   ~TimerTask() override;
 
+  /// The task is queued or its timer is armed.
   bool taskScheduled() const override;
+  /// An immediate run, in place of a delayed one.
   void scheduleTask() override;
+  /// Disarms the timer first.
   void taskRunFromTest() override;
   TaskStat::TaskStatus taskStatus() const override;
 
   /// Runs after `delay`, instead of whatever was pending. Never is `stopTimerTask()`.
+  /// @{
   void scheduleTaskDelay(TaskTimeDuration delay);
   void scheduleTaskDelay(double delay);
+  /// @}
   /// The same with the delay lengthened or shortened by a random part of up to that percentage,
   /// which is at most 100. The sequence of a root is the same in every process.
+  /// @{
   void scheduleTaskJitterUp(TaskTimeDuration delay, unsigned char maxJitterPercentage);
   void scheduleTaskJitterUp(double delay, unsigned char maxJitterPercentage);
   void scheduleTaskJitterDown(TaskTimeDuration delay, unsigned char maxJitterPercentage);
   void scheduleTaskJitterDown(double delay, unsigned char maxJitterPercentage);
+  /// @}
   /// Runs no later than `delay` from now: keeps an earlier pending run and replaces a later one.
   /// Never is an assertion.
+  /// @{
   void scheduleTaskLowestDelay(TaskTimeDuration delay);
   void scheduleTaskLowestDelay(double delay);
+  /// @}
   /// Disarms the timer and takes the task off its run queue.
   void stopTimerTask();
 

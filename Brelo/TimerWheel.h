@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Brelo/Export.h"
 #include "Brelo/Platform.h"
 #include "Zel/AllocTrack.h"
 
@@ -18,20 +19,21 @@ class TimerWheel;
 
 /// Where a timer is.
 enum class TimerWheelState : std::uint8_t {
-  notLinked = 0,
+  notLinked = 0,              ///< is stopped, or on its way between the other two
   inTimerWheel = 1,           ///< waits for its tick
   inTimersExpiryingSoon = 2,  ///< its tick has come, its exact time perhaps not
 };
 
 /// The name of the state, "unknownState" for anything else.
-std::string timerWheelStateToString(TimerWheelState state);
+BRELO_EXPORT std::string timerWheelStateToString(TimerWheelState state);
 
 /// Whatever can sit on a wheel: a one-shot timer with an exact expiry.
 ///
 /// Its owner stops it before it ends: destroying a running one is an assertion. It belongs to the
 /// wheel's thread and is on one wheel at a time, which each operation is given.
-class TimerWheelEvent {
+class BRELO_EXPORT TimerWheelEvent {
  public:
+  /// Stopped.
   TimerWheelEvent();
   TimerWheelEvent(TimerWheelEvent const&) = delete;
   TimerWheelEvent& operator=(TimerWheelEvent const&) = delete;
@@ -43,14 +45,17 @@ class TimerWheelEvent {
   /// Starts the timer, or moves it. Positive infinity stops it; not-a-number is an assertion;
   /// zero or less fires at the next pass of the loop.
   void setTimeout(std::shared_ptr<TimerWheel> const& wheel, double seconds);
+  /// Stops the timer; harmless on a stopped one.
   void delTimeout(std::shared_ptr<TimerWheel> const& wheel);
   /// Seconds to the expiry, 0.0 if it has passed, positive infinity for a timer that is stopped.
   double remainingTimeout() const;
   /// The absolute expiry on the clock of `Brelo::time()`; positive infinity when stopped.
   double expirationTime() const { return expirationTime_; }
 
+  /// Where the timer is; `notLinked` for a stopped one.
   TimerWheelState state() const;
-  /// Every move between the two other states goes through `notLinked`: another is an assertion.
+  /// For the wheel. Every move between the two other states goes through `notLinked`: another is an
+  /// assertion.
   void stateIs(TimerWheelState state);
 
  private:
@@ -70,16 +75,20 @@ class TimerWheelEvent {
 /// heap nor the event loop. Held through shared pointers; belongs to the thread of its master
 /// timer, which runs on that thread's backend. An exception of a timer's handler leaves the
 /// loop; the timers behind it stay, and wake again when one is started that becomes the first.
-class TimerWheel : Platform::TimeoutHandler {
+class BRELO_EXPORT TimerWheel : Platform::TimeoutHandler {
  public:
+  /// With a master timer of that priority on the calling thread's backend.
   explicit TimerWheel(Platform::EventPriority priority);
   TimerWheel(TimerWheel const&) = delete;
   TimerWheel& operator=(TimerWheel const&) = delete;
   /// No timer may be on it.
   ~TimerWheel() override;
 
+  /// What `TimerWheelEvent::setTimeout` and `delTimeout` stand for.
+  /// @{
   void timerStart(TimerWheelEvent* event, double seconds);
   void timerStop(TimerWheelEvent* event);
+  /// @}
 
  private:
   /// The timers of one exact expiry, in the order in which the wheel released them. Shares the
@@ -130,16 +139,18 @@ class TimerWheel : Platform::TimeoutHandler {
 };
 
 /// The shared wheel: the thread's own where singletons are thread-local, else the process's.
-std::shared_ptr<TimerWheel> getTimerWheel();
+BRELO_EXPORT std::shared_ptr<TimerWheel> getTimerWheel();
 
 /// A new wheel, whose master timer has that priority.
-std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler(Platform::EventPriority priority);
+BRELO_EXPORT std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler(
+    Platform::EventPriority priority);
 
 namespace Platform {
 
-/// A timer on a wheel. Its owner stops it before letting go of it.
-std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
-                                              std::shared_ptr<TimerWheel> wheel);
+/// A timer on a wheel. Its owner stops it before letting go of it. What the handler throws comes
+/// out of the loop's entry; `handleTimeoutException` is not asked.
+BRELO_EXPORT std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
+                                                           std::shared_ptr<TimerWheel> wheel);
 
 }  // namespace Platform
 

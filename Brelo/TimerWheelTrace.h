@@ -2,7 +2,9 @@
 
 #include "Brelo/Debug.h"
 
-/// The module handler "BreloTimerWheel"; not for clients.
+/// @file
+/// Internal: the module handler "BreloTimerWheel".
+
 namespace Brelo::Impl {
 
 [[gnu::visibility("hidden")]] extern ModuleTrace const timerWheelTrace;

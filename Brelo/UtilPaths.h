@@ -3,6 +3,7 @@
 #include <string>
 
 #include "Brelo/Debug.h"
+#include "Brelo/Export.h"
 
 /// Making and removing chains of directories. Any thread may call; what has no handler of its own
 /// traces through the module "BreloUtil". Negative results come with the `errno` of the system.
@@ -13,15 +14,15 @@ namespace Brelo::Util {
 /// process's umask is 0 meanwhile, so what other threads make at that time escapes the mask as
 /// well. Returns 0, also if the path exists already, as whatever; its mode is left alone then.
 /// Fails with ENOENT on a path that has nothing left to begin with, as an empty one.
-int mkpath(std::string const& path, unsigned int mode);
+BRELO_EXPORT int mkpath(std::string const& path, unsigned int mode);
 
 /// Removes the directories named by the end `trailingPath` of `absolutePath`, deepest first, and
 /// returns 0. One that is missing counts as removed; at the first that cannot be removed, as one
 /// with something in it, it stops and returns -1. A `trailingPath` that is not a proper end of
 /// `absolutePath`, compared as text, is an assertion.
-int trimpath(std::string const& absolutePath, std::string const& trailingPath);
+BRELO_EXPORT int trimpath(std::string const& absolutePath, std::string const& trailingPath);
 
 /// The process's working directory. A failure throws a `RuntimeException`.
-std::string getCwd(Platform::DebugHandler& handler);
+BRELO_EXPORT std::string getCwd(Platform::DebugHandler& handler);
 
 }  // namespace Brelo::Util

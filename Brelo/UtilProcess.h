@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Brelo/Debug.h"
+#include "Brelo/Export.h"
 
 /// What is known of running processes, read from the proc file system.
 ///
@@ -17,27 +18,31 @@ namespace Brelo::Util {
 /// The process's name with blanks cut from both ends; a new line or a backslash in it stands there
 /// as the kernel escapes it. `quiet` is for a process that may well be gone: it puts the trace of a
 /// missing file at level 5 instead of 1. A name of blanks alone raises `std::out_of_range`.
-std::string readProcTitle(Platform::DebugHandler& handler, int pid, bool quiet);
-std::string readProcTitle(int pid, bool quiet);
+BRELO_EXPORT std::string readProcTitle(Platform::DebugHandler& handler, int pid, bool quiet);
+/// The same without a handler.
+BRELO_EXPORT std::string readProcTitle(int pid, bool quiet);
 
 /// When the process started, in clock ticks since the system's start, as decimal digits. With the
 /// process id it names a process for good, whose id alone comes into use again. A malformed file is
 /// an assertion.
-std::string readProcStartTime(Platform::DebugHandler& handler, int pid);
-std::string readProcStartTime(int pid);
+BRELO_EXPORT std::string readProcStartTime(Platform::DebugHandler& handler, int pid);
+/// The same without a handler.
+BRELO_EXPORT std::string readProcStartTime(int pid);
 
 /// The first word of the command line.
-std::string readPidCmdline(Platform::DebugHandler& handler, int pid);
+BRELO_EXPORT std::string readPidCmdline(Platform::DebugHandler& handler, int pid);
 
 /// A process that has the Unix socket of that name open, which may be part of the name. An
 /// abstract socket is listed with an "@" in front. Looks through every descriptor of every process,
 /// as far as permissions allow: for diagnosis only.
-std::uint32_t readSocketPid(Platform::DebugHandler& handler, std::string const& socketName);
+BRELO_EXPORT std::uint32_t readSocketPid(Platform::DebugHandler& handler,
+                                         std::string const& socketName);
 
 /// The process that has the file at the absolute path `lockName` open and a record lock on it,
 /// of either kind. A holder is only found if the kernel's list of locks shows its id, which it does
 /// not for a lock of the open file description. Looks through the descriptors of every process
 /// listed: for diagnosis only.
-std::uint32_t readLockPid(Platform::DebugHandler& handler, std::string const& lockName);
+BRELO_EXPORT std::uint32_t readLockPid(Platform::DebugHandler& handler,
+                                       std::string const& lockName);
 
 }  // namespace Brelo::Util

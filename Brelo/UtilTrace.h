@@ -4,7 +4,7 @@
 #include "Brelo/Debug.h"
 #include "Brelo/Exception.h"
 
-/// How the system helpers trace and fail; not for clients. `handler` is a DebugHandler or a
+/// Internal: how the system helpers trace and fail. `handler` is a DebugHandler or a
 /// ModuleTrace.
 namespace Brelo::Impl {
 

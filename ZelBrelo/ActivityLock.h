@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Brelo/Export.h"
 #include "Brelo/Loco.h"
 #include "Zel/Lock.h"
 
@@ -7,8 +8,9 @@ namespace ZelBrelo {
 
 /// The global lock over the host's activity mutex, which knows when the calling thread holds it
 /// already. `owned_` tells about the latest `lock()` of the process only.
-class ActivityLock : public Brelo::Platform::Loco {
+class BRELO_EXPORT ActivityLock : public Brelo::Platform::Loco {
  public:
+  /// The host's lock, which outlives this.
   explicit ActivityLock(Zel::Lock* lock) : lock_(lock) {}
 
   /// Returns at once on a thread that holds the mutex. Another failure raises

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "Brelo/Export.h"
 #include "Brelo/Platform.h"
 #include "Zel/Activity.h"
 #include "Zel/Clock.h"
@@ -17,29 +18,32 @@
 
 namespace ZelBrelo {
 
-class ClockTimer : public Brelo::Platform::TimerControl {
+/// A timer on the host's clock. A NaN is an assertion.
+class BRELO_EXPORT ClockTimer : public Brelo::Platform::TimerControl {
  public:
+  /// Neither is null; the handler outlives the control.
   ClockTimer(Brelo::Platform::TimeoutHandler* handler, Zel::Ptr<Zel::Clock> clock);
   ~ClockTimer() override;
 
   void setTimeout(double seconds) override;
   void delTimeout() override;
   double remainingTimeout() const override;
-  /// Offers the exception in flight to the handler.
+  /// Offers the exception in flight to the handler. False: it goes on rising.
   virtual bool onNotificationException();
 
  protected:
   class Notifiee;
 
-  Zel::Ptr<Zel::Clock> clock_;
-  Zel::Ptr<Notifiee> notifiee_;
+  Zel::Ptr<Zel::Clock> clock_;   ///< what the notifiee hears of
+  Zel::Ptr<Notifiee> notifiee_;  ///< its `timeMin` is the timer
 };
 
 /// A callback is its own timer's handler; a request is a time long past.
-class Callback : public Brelo::Platform::CallbackControl,
-                 Brelo::Platform::TimeoutHandler,
-                 ClockTimer {
+class BRELO_EXPORT Callback : public Brelo::Platform::CallbackControl,
+                              Brelo::Platform::TimeoutHandler,
+                              ClockTimer {
  public:
+  /// Neither is null; the handler outlives the control.
   Callback(Brelo::Platform::CallbackHandler* handler, Zel::Ptr<Zel::Clock> clock);
   ~Callback() override;
 
@@ -54,8 +58,9 @@ class Callback : public Brelo::Platform::CallbackControl,
 
 /// `clearEvents()` forgets the descriptor; the wishes for reads and writes stay. A descriptor that
 /// is not open makes `setFd` throw `std::system_error`.
-class FileDescriptor : public Brelo::Platform::FdControl {
+class BRELO_EXPORT FileDescriptor : public Brelo::Platform::FdControl {
  public:
+  /// Neither is null; the handler outlives the control, which has `hostFd` for itself.
   FileDescriptor(Zel::Ptr<Zel::FileDescriptor> hostFd, Brelo::Platform::FdEventHandler* handler);
   ~FileDescriptor() override;
 
@@ -75,10 +80,14 @@ class FileDescriptor : public Brelo::Platform::FdControl {
   std::uint32_t writableCount_ = 0;
 };
 
-std::shared_ptr<Brelo::Platform::TimerControl> getTimerControl(
+/// A control for the handler, not armed; counted as one allocation of its type.
+BRELO_EXPORT std::shared_ptr<Brelo::Platform::TimerControl> getTimerControl(
     Brelo::Platform::TimeoutHandler* handler);
-std::shared_ptr<Brelo::Platform::CallbackControl> getCallbackControl(
+/// The same for callbacks.
+BRELO_EXPORT std::shared_ptr<Brelo::Platform::CallbackControl> getCallbackControl(
     Brelo::Platform::CallbackHandler* handler);
-std::shared_ptr<Brelo::Platform::FdControl> getFdControl(Brelo::Platform::FdEventHandler* handler);
+/// The same for descriptors, with a host descriptor of its own.
+BRELO_EXPORT std::shared_ptr<Brelo::Platform::FdControl> getFdControl(
+    Brelo::Platform::FdEventHandler* handler);
 
 }  // namespace ZelBrelo

@@ -2,7 +2,7 @@
 
 #include "Brelo/Debug.h"
 
-/// The module handler "ZelBrelo"; not for clients.
+/// Internal: the module handler "ZelBrelo".
 namespace ZelBrelo {
 
 [[gnu::visibility("hidden")]] extern Brelo::ModuleTrace const platformTrace;

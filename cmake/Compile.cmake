@@ -10,8 +10,9 @@ if(PROJECT_IS_TOP_LEVEL)
 
   find_program(CCACHE ccache)
   if(CCACHE)
-    set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
-    set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+    # All paths are absolute: what one build directory compiled serves the others as well.
+    set(CMAKE_C_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env CCACHE_NOHASHDIR=1 ${CCACHE})
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_C_COMPILER_LAUNCHER})
   endif()
 endif()
 
@@ -36,6 +37,16 @@ if(BRELO_SANITIZE)
     -fno-sanitize=vptr) # it opens a pipe for each check, and fails with a full descriptor table
   target_link_options(brelo_options INTERFACE -fsanitize=${BRELO_SANITIZE})
 endif()
+
+# A shared library exports what its headers mark, and nothing of what templates of others leave behind.
+function(brelo_export_own_names target)
+  set_target_properties(${target} PROPERTIES
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
+  set(script ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+  target_link_options(${target} PRIVATE -Wl,--version-script=${script})
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${script})
+endfunction()
 
 # Link-time optimisation, so that hot paths inline across files.
 function(brelo_optimise target)

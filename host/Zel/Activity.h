@@ -4,17 +4,20 @@
 #include <optional>
 
 #include "Zel/Clock.h"
+#include "Zel/Export.h"
 #include "Zel/Lock.h"
 #include "Zel/Ptr.h"
 
 namespace Zel {
 
+/// The lock that the activity loop holds while it delivers.
 using ActivityLock = Lock;
 
 /// The settings of the activity loop and its clock. Lives as long as the process.
 /// `virtualTime` may be read on any thread; the rest belongs to the thread that runs the loop.
-class ActivityManagerConfig : public PtrInterface {
+class ZEL_EXPORT ActivityManagerConfig : public PtrInterface {
  public:
+  /// Off at first.
   bool virtualTime() const { return virtualTime_.load(std::memory_order_relaxed); }
   /// While on, the loop does not sleep until a notifiee is due: it moves the clock there.
   /// What has been skipped stays skipped.
@@ -31,6 +34,7 @@ class ActivityManagerConfig : public PtrInterface {
   std::optional<double> takeExecutionTime();
 
  protected:
+  /// The clock is not null.
   explicit ActivityManagerConfig(Ptr<Clock> clock);
   ~ActivityManagerConfig() override;
 
@@ -40,9 +44,10 @@ class ActivityManagerConfig : public PtrInterface {
   Ptr<Clock> const clock_;
 };
 
-/// The process's activity manager.
-class ActivityManager final : public ActivityManagerConfig {
+/// The process's activity manager, to be had as `activityManager()`.
+class ZEL_EXPORT ActivityManager final : public ActivityManagerConfig {
  public:
+  /// For the host itself, once. The clock is not null.
   explicit ActivityManager(Ptr<Clock> clock);
 
  private:
@@ -50,7 +55,7 @@ class ActivityManager final : public ActivityManagerConfig {
 };
 
 /// The running side of the activity manager. Lives as long as the process.
-class ActivityManagerSm final : public PtrInterface {
+class ZEL_EXPORT ActivityManagerSm final : public PtrInterface {
  public:
   /// Held by the loop while it delivers, and let go of while it waits or while another thread
   /// wants it between two passes. Its first member is an error-checking `pthread_mutex_t`.
@@ -63,16 +68,17 @@ class ActivityManagerSm final : public PtrInterface {
 };
 
 /// The one manager; made on first use and never destroyed, so it serves static initialisers
-/// and destructors as well. Keep the pointer where `virtualTime` is read often.
-Ptr<ActivityManager> const& activityManager();
+/// and destructors as well. Any thread. Keep the pointer where `virtualTime` is read often.
+ZEL_EXPORT Ptr<ActivityManager> const& activityManager();
 
 namespace ActivityFacility {
-/// The settings of `activityManager()`.
-Ptr<ActivityManagerConfig> const& activityManagerConfig();
+/// The settings of `activityManager()`, under the same terms.
+ZEL_EXPORT Ptr<ActivityManagerConfig> const& activityManagerConfig();
 }  // namespace ActivityFacility
 
 namespace ActivityImplFacility {
-Ptr<ActivityManagerSm> const& activityManagerSm();
+/// The running side of `activityManager()`, under the same terms.
+ZEL_EXPORT Ptr<ActivityManagerSm> const& activityManagerSm();
 }  // namespace ActivityImplFacility
 
 }  // namespace Zel

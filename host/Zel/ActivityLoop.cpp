@@ -61,16 +61,6 @@ struct ActivityLoop::Run {
   DescriptorSet::Found found;
 };
 
-void ActivityLoop::run() {
-  Run run{Hold(lock_), std::nullopt, {}};
-  if (auto const seconds = config_.takeExecutionTime()) {
-    run.end = System::currentTime() + std::max(*seconds, 0.0);
-    if (*seconds < infinity) run.end = std::min(*run.end, ClockQueue::lastTime);
-  }
-  while (pass(run)) {
-  }
-}
-
 // One pass of the loop:
 //
 // 1. Look at the descriptors: without waiting if a clock notifiee is due, and otherwise
@@ -98,17 +88,26 @@ bool ActivityLoop::pass(Run& run) {
   clock_.collect();
   if (clock_.due()) {
     run.hold.shareIfWanted();
-    look(run, 0);
+    descriptors_.poll(run.found);
   } else if (!waitForFirst(run)) {
     return false;
   }
 
   double const began = clock_.now();
-  while (Ptr<Clock::NotifieeConst> const notifiee = clock_.takeDue()) {
-    notifiee->onAttribute(timeAttribute, nullptr);
+  while (clock_.tellNext()) {
   }
   descriptors_.deliver(run.found);
   return !run.end || began < *run.end;
+}
+
+void ActivityLoop::run() {
+  Run run{Hold(lock_), std::nullopt, {}};
+  if (auto const seconds = config_.takeExecutionTime()) {
+    run.end = System::currentTime() + std::max(*seconds, 0.0);
+    if (*seconds < infinity) run.end = std::min(*run.end, ClockQueue::lastTime);
+  }
+  while (pass(run)) {
+  }
 }
 
 /// Step 1 with nothing due. False if there is nothing to wait for.
@@ -131,11 +130,11 @@ bool ActivityLoop::waitForFirst(Run& run) {
 
 void ActivityLoop::look(Run& run, std::int64_t nanoseconds) {
   if (nanoseconds == 0 || descriptors_.isReady()) {
-    descriptors_.wait(run.found, 0);
+    descriptors_.poll(run.found);
   } else {
     run.hold.letGoDuring([&] { descriptors_.wait(run.found, nanoseconds); });
+    descriptors_.sift(run.found);
   }
-  descriptors_.sift(run.found);
 }
 
 }  // namespace Zel

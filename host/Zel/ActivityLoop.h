@@ -26,7 +26,7 @@ class ActivityLoop {
   class Hold;
   struct Run;
 
-  bool pass(Run& run);  ///< false: it was the last
+  [[gnu::always_inline]] inline bool pass(Run& run);  ///< false: it was the last
   bool waitForFirst(Run& run);
   void look(Run& run, std::int64_t nanoseconds);
 

@@ -9,6 +9,8 @@
 #include <typeinfo>
 #include <vector>
 
+#include "Zel/Export.h"
+
 namespace Zel {
 
 /// Allocation numbers of one type, in objects, not bytes.
@@ -17,8 +19,9 @@ namespace Zel {
 /// it was made, and lives for ever. The numbers are read and written under `lock`; the rest
 /// never changes. All functions may be called from any thread and in a forked child; running
 /// out of memory for a record ends the process.
-class AllocTrackTypeInfo {
+class ZEL_EXPORT AllocTrackTypeInfo {
  public:
+  /// A record of zeros that no list knows; clients go through a slot.
   AllocTrackTypeInfo(std::type_info const& type, unsigned long size, bool isArray);
   AllocTrackTypeInfo(AllocTrackTypeInfo const&) = delete;
   AllocTrackTypeInfo& operator=(AllocTrackTypeInfo const&) = delete;
@@ -34,36 +37,38 @@ class AllocTrackTypeInfo {
   static void allocateTypeInfo(AllocTrackTypeInfo** slot, std::type_info const& type,
                                unsigned long size, bool isArray) noexcept;
 
-  std::mutex lock;
-  std::uint64_t totalAllocations = 0;
-  std::uint32_t currentAllocations = 0;
-  std::uint32_t peakAllocations = 0;  // the largest value of currentAllocations
+  std::mutex lock;                       ///< guards the three numbers
+  std::uint64_t totalAllocations = 0;    ///< ever counted
+  std::uint32_t currentAllocations = 0;  ///< counted and not gone
+  std::uint32_t peakAllocations = 0;     ///< the largest value of currentAllocations
 
-  std::string const typeName;  // as std::type_info has it, not demangled
-  unsigned long const typeSize;
-  bool const isArray;
+  std::string const typeName;    ///< as std::type_info has it, not demangled
+  unsigned long const typeSize;  ///< in bytes, as it was given
+  bool const isArray;            ///< made by a count other than 1
 };
 
-/// All records made so far, oldest first.
-std::vector<AllocTrackTypeInfo*> allocTrackTypeInfos();
+/// All records made so far, oldest first. Any thread.
+ZEL_EXPORT std::vector<AllocTrackTypeInfo*> allocTrackTypeInfos();
 
 /// Says on standard error that memory has run out and throws std::bad_alloc.
-[[noreturn]] void allocTrackAllocatorBadAlloc();
+[[noreturn]] ZEL_EXPORT void allocTrackAllocatorBadAlloc();
 
 /// A standard allocator that counts the objects it has out, in one record for each T.
 ///
 /// It holds no state: all of them are equal, and memory of one may be given back through
-/// another. Counting takes the record's lock, whether or not there are threads.
+/// another. Counting takes the record's lock, whether or not there are threads. Exported, so that
+/// the record is one for all libraries of the process.
 template <class T>
-class AllocTrackAllocator {
+class ZEL_EXPORT AllocTrackAllocator {
  public:
-  using value_type = T;
+  using value_type = T;  ///< for std::allocator_traits
 
   AllocTrackAllocator() = default;
+  /// Converts to another T and takes nothing along.
   template <class Other>
   AllocTrackAllocator(AllocTrackAllocator<Other> const&) noexcept {}
 
-  /// Fails through `allocTrackAllocatorBadAlloc()`.
+  /// Room for `count` objects, which may be 0. Fails through `allocTrackAllocatorBadAlloc()`.
   T* allocate(std::size_t count) {
     static_assert(alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
     bool const fits = count <= std::numeric_limits<std::ptrdiff_t>::max() / sizeof(T);
@@ -73,6 +78,7 @@ class AllocTrackAllocator {
     return static_cast<T*>(memory);
   }
 
+  /// Takes what `allocate(count)` of this type gave, not null.
   void deallocate(T* memory, std::size_t count) noexcept {
     AllocTrackTypeInfo::trackArrayDeallocation(record_, count);
     ::operator delete(memory);
@@ -82,11 +88,13 @@ class AllocTrackAllocator {
   static inline AllocTrackTypeInfo* record_ = nullptr;
 };
 
+/// Always true.
 template <class T, class Other>
 bool operator==(AllocTrackAllocator<T> const&, AllocTrackAllocator<Other> const&) noexcept {
   return true;
 }
 
+/// Always false.
 template <class T, class Other>
 bool operator!=(AllocTrackAllocator<T> const&, AllocTrackAllocator<Other> const&) noexcept {
   return false;

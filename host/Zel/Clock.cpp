@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <stdexcept>
+#include <utility>
 
 #include "Zel/ClockQueue.h"
 #include "Zel/System.h"
@@ -16,6 +17,33 @@ double Clock::time() const {
 
 Clock::NotifieeConst::~NotifieeConst() {
   if (queue_ != nullptr) queue_->disarm(*this);
+}
+
+/// Keeps a notifiee while it is told. As all of its clock belongs to one thread, a plain mark will
+/// do, where a pair of counts would be a tenth of what the loop does for a callback.
+class Clock::NotifieeConst::Telling {
+ public:
+  explicit Telling(NotifieeConst& notifiee)
+      : notifiee_(notifiee), outer_(std::exchange(notifiee.told_, true)) {}
+  Telling(Telling const&) = delete;
+  Telling& operator=(Telling const&) = delete;
+  ~Telling() {
+    notifiee_.told_ = outer_;
+    if (notifiee_.references() == 0) notifiee_.onZeroReferences();
+  }
+
+ private:
+  NotifieeConst& notifiee_;
+  bool const outer_;  ///< a handler runs the loop, which tells it once more
+};
+
+void Clock::NotifieeConst::tell() {
+  Telling const telling(*this);
+  onAttribute(timeAttribute, nullptr);
+}
+
+void Clock::NotifieeConst::onZeroReferences() const noexcept {
+  if (!told_) delete this;
 }
 
 void Clock::NotifieeConst::timeMinIs(double seconds) {

@@ -49,13 +49,13 @@ void ClockQueue::collect() {
   if (!ordered) sortDue();
 }
 
-ClockQueue::Notifiee* ClockQueue::takeDue() noexcept {
+bool ClockQueue::tellNext() {
   Notifiee* const notifiee = due_.next()->owner();
-  if (notifiee != nullptr) {
-    notifiee->queueNode_.unlink();
-    notifiee->timeMin_ = std::numeric_limits<double>::infinity();
-  }
-  return notifiee;
+  if (notifiee == nullptr) return false;
+  notifiee->queueNode_.unlink();
+  notifiee->timeMin_ = std::numeric_limits<double>::infinity();
+  notifiee->tell();
+  return true;
 }
 
 void ClockQueue::sortDue() {

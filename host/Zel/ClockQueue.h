@@ -38,8 +38,9 @@ class ClockQueue {
 
   /// Something that was collected waits to be taken.
   bool due() const { return due_.linked(); }
-  /// The next one in order, disarmed, or null.
-  Notifiee* takeDue() noexcept;
+  /// Disarms and tells the next one in order; false if there is none. What it throws goes on
+  /// rising.
+  bool tellNext();
   /// After `collect`: when the first of those that are not due will be; infinite with none.
   double first() const {
     return heap_.size() > 1 ? heap_[1].time : std::numeric_limits<double>::infinity();

@@ -1,8 +1,6 @@
 #include "Zel/DescriptorSet.h"
 
 #include <poll.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -90,22 +88,13 @@ void DescriptorSet::wait(Found& found, std::int64_t nanoseconds) {
   if (nanoseconds > 50 * millisecond) nanoseconds -= nanoseconds / 500;
   timespec const limit{nanoseconds / second, nanoseconds % second};
   timespec const* const limitOrNone = nanoseconds == forEver ? nullptr : &limit;
-  auto const capacity = static_cast<int>(found.events.size() -
-                                         std::min(alwaysReady_.size(), found.events.size() / 2));
+  note(found, polled_ == 0 ? ppoll(nullptr, 0, limitOrNone, nullptr)
+                           : waitInSet(found.events.data(), capacity(), limitOrNone));
+}
 
-  int count = 0;
-  if (polled_ == 0) {
-    if (nanoseconds != 0) count = ppoll(nullptr, 0, limitOrNone, nullptr);
-  } else if (nanoseconds == 0) {
-    // Not through the C library, whose call is a point of cancellation and costs a tenth more.
-    count = static_cast<int>(syscall(SYS_epoll_wait, epoll_, found.events.data(), capacity, 0));
-  } else {
-    count = waitInSet(found.events.data(), capacity, limitOrNone);
-  }
-  if (count < 0 && errno != EINTR) {
-    throw std::system_error(errno, std::generic_category(), "failed to wait for descriptors");
-  }
-  found.count = static_cast<std::size_t>(std::max(count, 0));
+void DescriptorSet::noteError() {
+  if (errno == EINTR) return;
+  throw std::system_error(errno, std::generic_category(), "failed to wait for descriptors");
 }
 
 int DescriptorSet::waitInSet(epoll_event* events, int capacity, timespec const* limit) {

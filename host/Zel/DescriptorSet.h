@@ -3,12 +3,15 @@
 #include <sys/epoll.h>
 #include <time.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <tuple>
 #include <vector>
 
+#include "Zel/EpollNow.h"
 #include "Zel/FileDescriptor.h"
 #include "Zel/List.h"
 
@@ -46,9 +49,14 @@ class DescriptorSet {
   /// How many looks there have been.
   std::uint64_t looks() const { return looks_; }
 
-  /// A look is these three. `wait`, the only one that may block, touches nothing but the
-  /// epoll set; it waits for so many nanoseconds, and may end early with nothing found.
+  /// A look is `prepare` and then `poll`, or `wait` and `sift`. `wait`, the only one that may
+  /// block, touches nothing but the epoll set; it waits for so many nanoseconds, and may end early
+  /// with nothing found.
   void prepare(Found& found);
+  void poll(Found& found) {
+    if (polled_ != 0) note(found, epollNow(epoll_, found.events.data(), capacity()));
+    if (found.count != 0 || isReady()) sift(found);
+  }
   void wait(Found& found, std::int64_t nanoseconds);
   void sift(Found& found);
 
@@ -74,6 +82,16 @@ class DescriptorSet {
   void withdraw(int number) noexcept;
   int control(int operation, int number, std::uint32_t events) noexcept;
   void record(int number, std::uint32_t events, bool alwaysReady);
+  /// How much a look may find in the epoll set: half at least, and room for the others.
+  int capacity() const {
+    constexpr std::size_t most = std::tuple_size_v<decltype(Found::events)>;
+    return static_cast<int>(most - std::min(alwaysReady_.size(), most / 2));
+  }
+  static void note(Found& found, int count) {
+    if (count < 0) return noteError();
+    found.count = static_cast<std::size_t>(count);
+  }
+  static void noteError();
   int renew();
   int waitInSet(epoll_event* events, int capacity, timespec const* limit);
 

@@ -3,6 +3,8 @@
 #include <memory>
 #include <typeindex>
 
+#include "Zel/Export.h"
+
 namespace Zel {
 
 /// Base of what exists once in a process and is found by the name of its type.
@@ -10,7 +12,7 @@ namespace Zel {
 /// A singleton is made by the first `singletonIs` of its type and is never destroyed, so it
 /// may be used in static initialisers and destructors. Callers share it and drop their
 /// reference when done. All of it may be called from any thread, and in a forked child.
-class Entity {
+class ZEL_EXPORT Entity {
  public:
   Entity(Entity const&) = delete;
   Entity& operator=(Entity const&) = delete;

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "Zel/Export.h"
 #include "Zel/List.h"
 #include "Zel/Ptr.h"
 #include "Zel/String.h"
@@ -21,40 +22,40 @@ namespace Zel {
 /// It does not own the number. A client unbinds before it closes; after closing first it may
 /// hear nothing, or of the old file, until it unbinds or binds again. All of it belongs to
 /// the thread that runs the loop.
-class FileDescriptor final : public PtrInterface {
+class ZEL_EXPORT FileDescriptor final : public PtrInterface {
  public:
-  using NotifieeConst = PtrInterface::NotifieeConst;
+  using NotifieeConst = PtrInterface::NotifieeConst;  ///< what hears of it
 
   /// Unbound, inactive, and asking for neither direction.
   explicit FileDescriptor(String name);
 
-  String const& name() const { return name_; }
+  String const& name() const { return name_; }  ///< for the texts of failures
 
   /// While off, nothing is watched. The wishes for directions stay. Throws as the wishes do.
   void hasNotificationActiveIs(bool active);
-  bool hasNotificationActive() const { return active_; }
+  bool hasNotificationActive() const { return active_; }  ///< off also after a failure to turn on
 
   /// Watches this number from the next pass on, in place of an earlier one; -1 unbinds.
   /// Binding the same number again is of use after it was closed and opened anew. Throws
   /// `std::system_error` for a bad number, and is unbound then.
   void descriptorIs(int descriptor);
-  int descriptor() const { return descriptor_; }
+  int descriptor() const { return descriptor_; }  ///< -1: unbound
 
   /// The mode to give to the descriptor now bound, and to each one when it is bound. Without
   /// a call the mode is left as it is. Throws `std::system_error` if a bound one refuses.
   void nonBlockingIs(bool nonBlocking);
 
-  /// Wishes; they stay across a change of number. A wish that is turned on counts from the
-  /// next pass. On a number that is not open any more it is always ready, so that the client
-  /// meets the error at its own read or write.
+  /// A wish; it stays across a change of number. One that is turned on counts from the next pass.
+  /// On a number that is not open any more it is always ready, so that the client meets the error
+  /// at its own read. Throws `std::system_error` if the kernel refuses, and is off then.
   void notifyOnReadableIs(bool on);
+  /// The same for writes.
   void notifyOnWritableIs(bool on);
-  bool notifyOnReadable() const { return readable_.wanted; }
-  bool notifyOnWritable() const { return writable_.wanted; }
+  bool notifyOnReadable() const { return readable_.wanted; }  ///< the wish
+  bool notifyOnWritable() const { return writable_.wanted; }  ///< the wish
 
-  /// How often it was reported ready. They wrap.
-  std::uint32_t readableCount() const { return readable_.count; }
-  std::uint32_t writableCount() const { return writable_.count; }
+  std::uint32_t readableCount() const { return readable_.count; }  ///< reports so far; wraps
+  std::uint32_t writableCount() const { return writable_.count; }  ///< reports so far; wraps
 
  private:
   friend class DescriptorSet;

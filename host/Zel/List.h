@@ -10,14 +10,15 @@ namespace Zel {
 template <class T>
 class ListNode {
  public:
+  /// In no list.
   explicit ListNode(T* owner = nullptr) : owner_(owner) {}
   ~ListNode() { unlink(); }
   ListNode(ListNode const&) = delete;
   ListNode& operator=(ListNode const&) = delete;
 
-  T* owner() const { return owner_; }
-  ListNode* next() const { return next_; }
-  ListNode* previous() const { return previous_; }
+  T* owner() const { return owner_; }               ///< null on a head and on a mark
+  ListNode* next() const { return next_; }          ///< itself while in no list
+  ListNode* previous() const { return previous_; }  ///< itself while in no list
   /// On a head: something is in the list.
   bool linked() const { return next_ != this; }
 
@@ -29,6 +30,7 @@ class ListNode {
     previous_->next_ = this;
     place.previous_ = this;
   }
+  /// Out of its list, if it is in one. On a head: the others stay a list without one.
   void unlink() {
     previous_->next_ = next_;
     next_->previous_ = previous_;

@@ -6,6 +6,10 @@ std::atomic<bool> VFPtrInterface::threadSafePointers_{true};
 
 VFPtrInterface::~VFPtrInterface() = default;
 
+void VFPtrInterface::onZeroReferences() const noexcept {
+  delete this;
+}
+
 PtrInterface::~PtrInterface() = default;
 
 void PtrInterface::notify(AttributeId id) {

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "Zel/Export.h"
+
 /// The processor's time-stamp counter and its rate.
 ///
 /// Ticks are cheap and rough: the read is not ordered with the instructions around it, and
@@ -12,10 +14,12 @@
 namespace Zel::Rdtsc {
 
 namespace Impl {
-extern std::atomic<std::uint64_t> ticksIn500Usec;  // 0 until calibrated
-std::uint64_t calibrate();
+extern ZEL_EXPORT std::atomic<std::uint64_t> ticksIn500Usec;  ///< 0 until calibrated
+/// Measures, unless another thread has done so first; the value kept.
+ZEL_EXPORT std::uint64_t calibrate();
 }  // namespace Impl
 
+/// The counter now, on the processor that the thread runs on.
 inline std::uint64_t read() {
   return __rdtsc();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Zel/Export.h"
 #include "Zel/String.h"
 
 /// The process as the host runtime sees it.
@@ -8,7 +9,7 @@ namespace Zel::System {
 /// Seconds since the Unix epoch, on a clock that never steps: it starts at the time of day
 /// at load and advances with the monotonic clock from there, and by what virtual time has
 /// skipped. A double resolves a quarter of a microsecond here. Any thread.
-double currentTime();
+ZEL_EXPORT double currentTime();
 
 /// Runs the activity loop on the calling thread: for the execution time if one has been set
 /// (see `ActivityManagerConfig::executionTimeIs`), and otherwise until no clock notifiee is
@@ -18,9 +19,10 @@ double currentTime();
 /// and the loop can be entered again; nothing that was due or ready is lost by it. May be
 /// called from inside a handler: the inner run also serves what the outer one had found due.
 /// One thread at a time. Throws `std::system_error` if the system refuses an epoll set.
-void doRun();
+ZEL_EXPORT void doRun();
 
-/// The value of an environment variable, empty if it is not set.
-String getenv(String const& name);
+/// The value of an environment variable, empty if it is not set. Any thread, while nobody
+/// changes the environment.
+ZEL_EXPORT String getenv(String const& name);
 
 }  // namespace Zel::System

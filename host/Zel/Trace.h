@@ -6,24 +6,25 @@
 #include <sstream>
 
 #include "Zel/Entity.h"
+#include "Zel/Export.h"
 #include "Zel/String.h"
 #include "Zel/TraceSettings.h"
 
 namespace Zel {
 
-using FacilityLevel = unsigned short;  // 0 to 15
+using FacilityLevel = unsigned short;  ///< 0 to 15
 
 /// A named source of trace records with its mask of enabled levels.
 ///
 /// One for each name, made by the first TraceHandle of that name and never destroyed, so that
 /// static destructors can trace. Level `n` is on when bit `1 << n` of the mask is set. The mask
 /// follows the environment's TRACE list each time the environment is read. Any thread may use it.
-class TraceFacility {
+class ZEL_EXPORT TraceFacility {
  public:
   TraceFacility(TraceFacility const&) = delete;
   TraceFacility& operator=(TraceFacility const&) = delete;
 
-  String const& name() const { return name_; }
+  String const& name() const { return name_; }  ///< never changes
 
   /// The live mask, valid for ever and never null. It changes under its readers, who do one
   /// relaxed load each time they ask.
@@ -43,7 +44,7 @@ class TraceFacility {
 };
 
 /// A module's access to its facility. Handles of one name share one facility, hence one mask.
-class TraceHandle {
+class ZEL_EXPORT TraceHandle {
  public:
   /// Finds or makes the facility of that name. With `allLevels` a facility made here has every
   /// level on unless a setting turns it off; one that exists already is left as it is.
@@ -52,6 +53,7 @@ class TraceHandle {
   TraceHandle& operator=(TraceHandle const&) = delete;
   virtual ~TraceHandle() = default;
 
+  /// Outlives the handle.
   TraceFacility& facility() const { return facility_; }
 
  private:
@@ -63,7 +65,7 @@ class TraceHandle {
 /// The settings are the environment variables TRACE (the list of TraceSettings.h, later items
 /// win) and TRACEFORMAT (see `formatAndWriteTraceString`). They are read when the library is
 /// loaded and at `doReadEnvironment()`.
-class TraceFacilityMan : public Entity {
+class ZEL_EXPORT TraceFacilityMan : public Entity {
  public:
   /// Computes all masks anew and takes the format over. An item that cannot be read has no
   /// effect and is reported on standard error, once for each text. Any thread may call it, but
@@ -86,12 +88,13 @@ class TraceFacilityMan : public Entity {
 /// A record is one `write` to standard error, continued only if the kernel took a part of it:
 /// records up to PIPE_BUF bytes stay whole on a pipe too. It waits for a slow reader, and is
 /// lost when there is none (the SIGPIPE of a closed pipe is the program's affair).
-void formatAndWriteTraceString(char const* facility, char const* file, int line, char const* func,
-                               char const* message, std::size_t length, FacilityLevel level);
+ZEL_EXPORT void formatAndWriteTraceString(char const* facility, char const* file, int line,
+                                          char const* func, char const* message, std::size_t length,
+                                          FacilityLevel level);
 
-/// Writes the stream's whole text as a record of the facility.
-void traceHelper(TraceFacility const& facility, std::stringstream const& stream,
-                 FacilityLevel level, char const* file, int line, char const* func);
+/// Writes the stream's whole text as a record of the facility, under the same terms.
+ZEL_EXPORT void traceHelper(TraceFacility const& facility, std::stringstream const& stream,
+                            FacilityLevel level, char const* file, int line, char const* func);
 
 /// Takes finished records, each with its newline, in place of standard error.
 ///
@@ -102,6 +105,6 @@ using TraceSink = void (*)(char const* record, std::size_t length);
 
 /// Replaces the sink; null restores standard error. A thread amid a record may still call the
 /// old sink after this returns, so a sink stays callable for ever.
-void traceSinkIs(TraceSink sink);
+ZEL_EXPORT void traceSinkIs(TraceSink sink);
 
 }  // namespace Zel

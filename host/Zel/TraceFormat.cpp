@@ -4,11 +4,10 @@
 
 #include <cstdio>
 #include <ctime>
-#include <mutex>
-
-#include "Zel/TraceRegistry.h"
 
 namespace Zel {
+
+std::mutex traceLock;
 
 namespace {
 

@@ -12,8 +12,6 @@
 
 namespace Zel {
 
-std::mutex traceLock;
-
 namespace {
 
 std::string environmentValue(char const* name) {

@@ -4,7 +4,6 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 
@@ -13,13 +12,8 @@
 
 namespace Zel {
 
-/// Guards the registry, and every call of the C library's local time in the trace module: that
-/// has a lock of its own, which a forked child would find held otherwise. It is held across
-/// fork, and never while a record is written.
-extern std::mutex traceLock;
-
-/// All facilities, the settings that govern them, and the format. The one instance is made on
-/// first use, at the latest when the library is loaded, and never destroyed. Any thread.
+/// Internal: all facilities, the settings that govern them, and the format. The one instance is
+/// made on first use, at the latest when the library is loaded, and never destroyed. Any thread.
 class TraceRegistry {
  public:
   static TraceRegistry& instance();

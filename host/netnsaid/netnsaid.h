@@ -7,21 +7,23 @@
 /// thread. The library keeps no descriptor open and never leaves a thread half-way: a failed call
 /// has changed nothing.
 
+#define NETNSAID_EXPORT __attribute__((visibility("default")))
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
 /// The name of the default namespace.
-extern char const* const DEFAULT_NS;
+NETNSAID_EXPORT extern char const* const DEFAULT_NS;
 
 /// Moves the calling thread into the namespace `name`. `nsType` is CLONE_NEWNET, or 0 for any
 /// type; the kernel refuses any other. Returns 0, or -1 with `errno` set and the reason in
 /// `netnsGetTracebuffer()`. A thread needs CAP_SYS_ADMIN for it.
-int setnsByName(char const* name, int nsType);
+NETNSAID_EXPORT int setnsByName(char const* name, int nsType);
 
 /// Why the calling thread's latest failure happened, as text; empty before any. Valid until the
 /// thread's next failure.
-char const* netnsGetTracebuffer(void);
+NETNSAID_EXPORT char const* netnsGetTracebuffer(void);
 
 #ifdef __cplusplus
 }

@@ -29,20 +29,20 @@ struct timeouts;
 
 /// The shape of a tail queue of <sys/queue.h>.
 struct timeout_list {
-  struct timeout* tqh_first;
-  struct timeout** tqh_last;
+  struct timeout* tqh_first;  ///< null in an empty list
+  struct timeout** tqh_last;  ///< where the next one is to be linked in
 };
 
 /// Between `timeouts_get` and the next `timeouts_add`, `pending` and `tqe` are free for a list of
 /// the client's own. `pending` has to be null again before the timer is given to a wheel.
 struct timeout {
-  int flags;
+  int flags;                     ///< `TIMEOUT_ABS` and the client's own
   timeout_t expires;             ///< absolute tick, valid once added
   struct timeout_list* pending;  ///< the list the timer is in; null while in none
   struct {
-    struct timeout* tqe_next;
-    struct timeout** tqe_prev;
-  } tqe;
+    struct timeout* tqe_next;   ///< null at the end
+    struct timeout** tqe_prev;  ///< what points here
+  } tqe;                        ///< the place in the list
 };
 
 /// Makes a timer that is on no wheel, whatever the memory held. Returns its argument.

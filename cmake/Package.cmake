@@ -1,0 +1,36 @@
+# The Debian packages: what a program needs at run time, and what it is built with.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_VENDOR ${PROJECT_NAME})
+set(CPACK_PACKAGE_CONTACT "${PROJECT_NAME} maintainers <root@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY ${PROJECT_DESCRIPTION})
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+  ${PROJECT_BINARY_DIR}/Brelo ${PROJECT_BINARY_DIR}/host/Zel ${PROJECT_BINARY_DIR}/host/netnsaid)
+
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
+  "Tasks with priorities, timers and descriptors on one event loop, and reports\non them. The library and the host runtime beneath it, for programs built with it.")
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
+  "Tasks with priorities, timers and descriptors on one event loop, and reports\non them. The headers, and what CMake and pkg-config need to build programs with it.")
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzelbrelo${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(debian ${PROJECT_BINARY_DIR}/debian)
+file(WRITE ${debian}/triggers "activate-noawait ldconfig\n")
+file(WRITE ${debian}/shlibs "")
+foreach(library IN ITEMS libZelBrelo libzel libnetnsaid)
+  file(APPEND ${debian}/shlibs
+    "${library} ${PROJECT_VERSION_MAJOR} ${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION})\n")
+endforeach()
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${debian}/triggers ${debian}/shlibs)
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libzelbrelo-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+  "libzelbrelo${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), libboost-dev, libboost-iostreams-dev, libevent-dev, libfmt-dev, libunwind-dev, pkg-config")
+include(CPack)

@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Installs the Debian packages of a folder, builds a client with them, and removes them again.
+# Usage: test/install/package.sh FOLDER
+set -euo pipefail
+[ $# -eq 1 ] || { echo "usage: $0 FOLDER" >&2; exit 2; }
+if [ "$(id -u)" -ne 0 ]; then
+  echo "-- SKIPPED: only root can install packages"
+  exit 0
+fi
+packages=("$(realpath "$1")"/*.deb)
+read -ra names < <(for p in "${packages[@]}"; do dpkg-deb --field "$p" Package; done | xargs)
+client=$(realpath "$(dirname "$0")/consumer/main.cpp")
+scratch=$(mktemp -d)
+remove() {
+  dpkg --purge "${names[@]}" >/dev/null
+  rm -rf "$scratch"
+}
+
+echo "-- install ${names[*]}"
+trap remove EXIT
+dpkg --install "${packages[@]}" >/dev/null
+echo "-- build and run a client"
+read -ra flags < <(pkg-config --cflags --libs ZelBrelo)
+g++ -std=c++17 "$client" "${flags[@]}" -o "$scratch/client"
+[ "$("$scratch/client")" = "consumer: done" ] || { echo "package: the client says something else" >&2; exit 1; }
+echo "-- remove"
+trap - EXIT
+remove
+! pkg-config --exists ZelBrelo || { echo "package: something is left over" >&2; exit 1; }
+echo "-- installed, used and removed"

@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Installs a build, moves the tree, and builds and runs a client against it by find_package, by
+# pkg-config and, from the source, by add_subdirectory. Every installed header compiles alone.
+# Usage: test/install/run.sh BUILD_DIR
+set -euo pipefail
+[ $# -eq 1 ] || { echo "usage: $0 BUILD_DIR" >&2; exit 2; }
+build=$(realpath "$1")
+source=$(realpath "$(dirname "$0")/../..")
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+
+say() { printf -- '-- %s\n' "$*"; }
+fail() { echo "install: $*" >&2; exit 1; }
+runs() { # program
+  [ "$("$1")" = "consumer: done" ] || fail "the client says something else"
+}
+
+say "install, and move"
+cmake --install "$build" --prefix "$scratch/first" >/dev/null
+mv "$scratch/first" "$scratch/moved"
+! grep -rI "$scratch/first\|$source" "$scratch/moved" || fail "the tree knows where it was made"
+cp -r "$source/test/install/consumer" "$scratch/consumer"
+cd "$scratch"
+
+say "find_package"
+cmake -S consumer -B by-find -DCMAKE_PREFIX_PATH="$scratch/moved" >/dev/null
+cmake --build by-find >/dev/null
+runs by-find/consumer
+
+say "pkg-config"
+PKG_CONFIG_PATH=$(dirname "$(find "$scratch/moved" -name ZelBrelo.pc)")
+export PKG_CONFIG_PATH
+read -ra flags < <(pkg-config --cflags --libs ZelBrelo)
+g++ -std=c++17 consumer/main.cpp "${flags[@]}" -Wl,-rpath,"${PKG_CONFIG_PATH%/pkgconfig}" -o by-pkg-config
+runs ./by-pkg-config
+read -ra flags < <(pkg-config --static --cflags --libs ZelBrelo)
+g++ -std=c++17 consumer/main.cpp "${flags[@]}" -o by-pkg-config-static ||
+  fail "pkg-config --static names a library that is not there"
+
+say "every header alone"
+read -ra flags < <(pkg-config --cflags ZelBrelo)
+find moved/include -name '*.h' -print0 |
+  xargs -0 -P "$(nproc)" -I{} g++ -std=c++17 -fsyntax-only -Wall -Wextra -Werror "${flags[@]}" \
+    -include {} -x c++ /dev/null
+
+say "add_subdirectory"
+cmake -S consumer -B by-subdirectory -DBRELO_SOURCE="$source" >/dev/null
+cmake --build by-subdirectory -j "$(nproc)" >/dev/null
+runs by-subdirectory/consumer
+say "installed, moved and used in three ways"
