@@ -13,7 +13,7 @@ namespace Bench {
 
 namespace {
 
-double onFreshThread(Backend backend, Body const& body, std::uint64_t count) {
+std::vector<double> onFreshThread(Backend backend, FiguresBody const& body, std::uint64_t count) {
   return std::async(std::launch::async,
                     [&] {
                       if (backend == Backend::libevent) Brelo::useThreadLocalSingletons();
@@ -33,23 +33,33 @@ double Measurement::median() const {
 
 void Catalogue::measure(std::string unit, std::string form, std::string who, std::uint64_t count,
                         Body body, Backend backend) {
-  std::string const name = unit + "/" + form + "/" + who;
-  Measurement& measurement =
-      measurements_.emplace_back(Measurement{std::move(unit), std::move(form), std::move(who), {}});
+  measureFigures(
+      {{std::move(unit), std::move(form), "CPU ns"}}, who, count,
+      [body = std::move(body)](std::uint64_t operations) -> std::vector<double> {
+        return {body(operations) * 1e9 / static_cast<double>(operations)};
+      },
+      backend);
+}
+
+void Catalogue::measureFigures(std::vector<Figure> const& figures, std::string const& who,
+                               std::uint64_t count, FiguresBody body, Backend backend) {
+  std::string const name = figures.front().unit + "/" + figures.front().form + "/" + who;
+  std::size_t const first = measurements_.size();
+  for (Figure const& figure : figures)
+    measurements_.push_back({figure, who, {}});
   benchmark::RegisterBenchmark(
       name.c_str(),
-      [&measurement, body = std::move(body), backend](benchmark::State& state) {
+      [this, first, body = std::move(body), backend](benchmark::State& state) {
         auto const operations = static_cast<std::uint64_t>(state.max_iterations);
         while (state.KeepRunningBatch(state.max_iterations)) {
-          double const seconds = onFreshThread(backend, body, operations);
-          state.SetIterationTime(seconds);
-          measurement.samples.push_back(seconds * 1e9 / static_cast<double>(operations));
+          std::size_t next = first;
+          for (double const figure : onFreshThread(backend, body, operations))
+            measurements_[next++].samples.push_back(figure);
         }
       })
       ->Iterations(static_cast<benchmark::IterationCount>(
           small_ ? std::max<std::uint64_t>(count / 100, 1) : count))
-      ->Repetitions(static_cast<int>(repetitions_))
-      ->UseManualTime();
+      ->Repetitions(static_cast<int>(repetitions_));
 }
 
 void Catalogue::measureBackends(std::string const& unit, std::string const& form,
@@ -58,14 +68,12 @@ void Catalogue::measureBackends(std::string const& unit, std::string const& form
   measure(unit, form, "brelo-host", count, body, Backend::host);
 }
 
-Measurement const* Catalogue::find(std::string const& unit, std::string const& form,
-                                   std::string const& who) const {
-  for (Measurement const& each : measurements_) {
-    if (each.unit == unit && each.form == form && each.who == who && !each.samples.empty()) {
-      return &each;
-    }
-  }
-  return nullptr;
+Aim const* Catalogue::findAim(Measurement const& ours, std::string const& peer) const {
+  auto const found = std::find_if(aims_.begin(), aims_.end(), [&](Aim const& aim) {
+    return aim.unit == ours.figure.unit && aim.form == ours.figure.form && aim.who == ours.who &&
+           aim.peer == peer;
+  });
+  return found != aims_.end() ? &*found : nullptr;
 }
 
 }  // namespace Bench

@@ -12,23 +12,34 @@ namespace Bench {
 /// One run of a measurement: does `count` operations and returns the seconds that they took.
 using Body = std::function<double(std::uint64_t count)>;
 
+/// The same for a run that yields several figures, in the order in which they were declared.
+using FiguresBody = std::function<std::vector<double>(std::uint64_t count)>;
+
 /// Where a body runs. Every run has a fresh thread, since a thread's choice of backend is final.
 enum class Backend { host, libevent };
 
-/// One row of the report. A form "x as y" is a further form of the project, to be seen beside the
-/// peers of form "x".
-struct Measurement {
+/// What a figure is of: a unit of the report, a form of it, and what the number counts. A form
+/// "x as y" is a further form of the project, to be seen beside the peers of form "x".
+struct Figure {
   std::string unit;
   std::string form;
-  std::string who;
-  std::vector<double> samples;  // ns for one operation, one for each repetition
+  std::string counts;
 
-  double median() const;
-  bool isOurs() const { return who.rfind("brelo", 0) == 0; }
   std::string baseForm() const { return form.substr(0, form.find(" as ")); }
 };
 
-/// What the project is to reach: at most `limit` times the median of the peer.
+/// One figure of one library.
+struct Measurement {
+  Figure figure;
+  std::string who;
+  std::vector<double> samples;  // one for each repetition
+
+  double median() const;
+  bool isOurs() const { return who.rfind("brelo", 0) == 0; }
+};
+
+/// What the project is to reach: at most `limit` times the median of the peer or, without a peer,
+/// at most `limit`.
 struct Aim {
   std::string unit;
   std::string form;
@@ -46,19 +57,20 @@ class Catalogue {
   Catalogue(Catalogue const&) = delete;
   Catalogue& operator=(Catalogue const&) = delete;
 
-  /// In a small run a hundredth of `count` will do.
+  /// The CPU time for one operation. In a small run a hundredth of `count` will do.
   void measure(std::string unit, std::string form, std::string who, std::uint64_t count, Body body,
                Backend backend = Backend::host);
   /// The project on both of its backends.
   void measureBackends(std::string const& unit, std::string const& form, std::uint64_t count,
                        Body const& body);
+  void measureFigures(std::vector<Figure> const& figures, std::string const& who,
+                      std::uint64_t count, FiguresBody body, Backend backend = Backend::host);
   void aim(Aim aim) { aims_.push_back(std::move(aim)); }
 
   std::deque<Measurement> const& measurements() const { return measurements_; }
   std::vector<Aim> const& aims() const { return aims_; }
-  /// Null for what was not measured in this run.
-  Measurement const* find(std::string const& unit, std::string const& form,
-                          std::string const& who) const;
+  /// Null for none.
+  Aim const* findAim(Measurement const& ours, std::string const& peer) const;
 
  private:
   std::deque<Measurement> measurements_;  // at fixed addresses

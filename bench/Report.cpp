@@ -2,43 +2,54 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 namespace Bench {
 
 namespace {
 
-std::vector<std::string> peersOf(Catalogue const& catalogue, std::string const& unit) {
-  std::vector<std::string> peers;
-  for (Measurement const& each : catalogue.measurements()) {
-    if (each.unit != unit || each.isOurs()) continue;
-    if (std::find(peers.begin(), peers.end(), each.who) == peers.end()) peers.push_back(each.who);
-  }
-  return peers;
+/// Three digits that count, and no fewer than all before the point.
+std::string number(double value) {
+  if (value >= 100 || value == 0) return fmt::format("{:.0f}", value);
+  return fmt::format("{:.{}f}", value, value >= 10 ? 1 : 2);
 }
 
-void printHeading(std::string const& unit, std::vector<std::string> const& peers,
-                  std::ostream& out) {
-  out << fmt::format("\n{:<36}{:<18}{:>10}", unit, "who", "CPU ns");
-  for (std::string const& peer : peers)
-    out << fmt::format("{:>20}", "x " + peer);
-  out << '\n';
+void printRow(std::ostream& out, std::string const& what, std::string const& ours,
+              std::string const& peer, std::string const& ratio, std::string const& aim,
+              std::string const& result) {
+  out << fmt::format("| {:<60} | {:<26} | {:<26} | {:>7} | {:>9} | {:<7} |\n", what, ours, peer,
+                     ratio, aim, result);
 }
 
-void printRow(Catalogue const& catalogue, Measurement const& row,
-              std::vector<std::string> const& peers, std::ostream& out) {
-  out << fmt::format("  {:<34}{:<18}{:>10.1f}", row.form, row.who, row.median());
-  if (row.isOurs()) {
-    for (std::string const& peer : peers) {
-      Measurement const* const other = catalogue.find(row.unit, row.baseForm(), peer);
-      out << (other != nullptr ? fmt::format("{:>20.2f}", row.median() / other->median())
-                               : fmt::format("{:>20}", "-"));
-    }
+std::string who(Measurement const& measurement) {
+  return fmt::format("{} {}", measurement.who, number(measurement.median()));
+}
+
+nlohmann::json toJson(Measurement const& measurement) {
+  return {{"unit", measurement.figure.unit},     {"form", measurement.figure.form},
+          {"counts", measurement.figure.counts}, {"who", measurement.who},
+          {"median", measurement.median()},      {"samples", measurement.samples}};
+}
+
+nlohmann::json toJson(Comparison const& row) {
+  nlohmann::json object = {{"unit", row.ours->figure.unit},
+                           {"form", row.ours->figure.form},
+                           {"counts", row.ours->figure.counts},
+                           {"who", row.ours->who},
+                           {"median", row.ours->median()}};
+  if (row.peer != nullptr) {
+    object["peer"] = row.peer->who;
+    object["peerMedian"] = row.peer->median();
+    object["ratio"] = row.ratio();
   }
-  out << '\n';
+  if (row.aim != nullptr) {
+    object["aim"] = row.aim->limit;
+    object["met"] = row.met();
+  }
+  return object;
 }
 
 }  // namespace
@@ -48,46 +59,53 @@ void QuietReporter::ReportRuns(std::vector<Run> const& runs) {
     failed_ = failed_ || run.error_occurred;
 }
 
-void printTable(Catalogue const& catalogue, std::ostream& out) {
-  std::string unit;
-  std::vector<std::string> peers;
-  for (Measurement const& row : catalogue.measurements()) {
-    if (row.samples.empty()) continue;
-    if (row.unit != unit) {
-      unit = row.unit;
-      peers = peersOf(catalogue, unit);
-      printHeading(unit, peers, out);
+std::vector<Comparison> compare(Catalogue const& catalogue) {
+  std::vector<Comparison> comparisons;
+  for (Measurement const& ours : catalogue.measurements()) {
+    if (!ours.isOurs() || ours.samples.empty()) continue;
+    Aim const* const aim = catalogue.findAim(ours, "");
+    std::size_t const before = comparisons.size();
+    for (Measurement const& peer : catalogue.measurements()) {
+      if (peer.isOurs() || peer.samples.empty() || peer.figure.unit != ours.figure.unit ||
+          peer.figure.form != ours.figure.baseForm()) {
+        continue;
+      }
+      comparisons.push_back({&ours, &peer, catalogue.findAim(ours, peer.who)});
     }
-    printRow(catalogue, row, peers, out);
+    if (aim != nullptr || comparisons.size() == before)
+      comparisons.push_back({&ours, nullptr, aim});
+  }
+  return comparisons;
+}
+
+void printTable(std::vector<Comparison> const& comparisons, std::ostream& out) {
+  printRow(out, "unit: form, in", "project", "peer", "ratio", "aim", "result");
+  printRow(out, "---", "---", "---", "---:", "---:", "---");
+  for (Comparison const& row : comparisons) {
+    Figure const& figure = row.ours->figure;
+    printRow(
+        out, fmt::format("{}: {}, {}", figure.unit, figure.form, figure.counts), who(*row.ours),
+        row.peer != nullptr ? who(*row.peer) : "",
+        row.peer != nullptr && row.peer->median() > 0 ? fmt::format("{:.2f}", row.ratio()) : "",
+        row.aim != nullptr ? "<= " + number(row.aim->limit) : "",
+        row.aim != nullptr ? (row.met() ? "met" : "not met") : "");
   }
 }
 
-void printAims(Catalogue const& catalogue, std::ostream& out) {
-  out << "\nAims\n";
-  for (Aim const& aim : catalogue.aims()) {
-    Measurement const* const ours = catalogue.find(aim.unit, aim.form, aim.who);
-    Measurement const* const peer = catalogue.find(aim.unit, aim.form, aim.peer);
-    if (ours == nullptr || peer == nullptr) continue;
-    double const ratio = ours->median() / peer->median();
-    out << fmt::format("  {:<8} {}, {}: {} {:.2f} times {}, to be at most {:.2f}\n",
-                       ratio <= aim.limit ? "met" : "not met", aim.unit, aim.form, aim.who, ratio,
-                       aim.peer, aim.limit);
+void writeResults(Catalogue const& catalogue, std::vector<Comparison> const& comparisons,
+                  std::string const& path) {
+  nlohmann::json document = {{"measurements", nlohmann::json::array()},
+                             {"comparisons", nlohmann::json::array()}};
+  for (Measurement const& each : catalogue.measurements()) {
+    if (!each.samples.empty()) document["measurements"].push_back(toJson(each));
   }
-}
+  for (Comparison const& each : comparisons)
+    document["comparisons"].push_back(toJson(each));
 
-void writeResults(Catalogue const& catalogue, std::string const& path) {
   std::filesystem::path const file(path);
   if (file.has_parent_path()) std::filesystem::create_directories(file.parent_path());
   std::ofstream out(file);
-  char const* separator = "[\n";
-  for (Measurement const& each : catalogue.measurements()) {
-    if (each.samples.empty()) continue;
-    out << separator
-        << fmt::format(R"(  {{"unit": "{}", "form": "{}", "who": "{}", "ns": {:.2f}}})", each.unit,
-                       each.form, each.who, each.median());
-    separator = ",\n";
-  }
-  out << "\n]\n";
+  out << document.dump(2) << '\n';
   if (!out.flush()) throw std::runtime_error("cannot write " + path);
 }
 

@@ -22,12 +22,25 @@ class QuietReporter : public benchmark::BenchmarkReporter {
   bool failed_ = false;
 };
 
-/// One table: the medians, and the ratio of each of the project's rows to each peer's.
-void printTable(Catalogue const& catalogue, std::ostream& out);
-/// Each aim with the ratio reached, and whether it is met.
-void printAims(Catalogue const& catalogue, std::ostream& out);
-/// The medians as a list of objects "unit", "form", "who", "ns". Throws `std::runtime_error` if
-/// the file cannot be written.
-void writeResults(Catalogue const& catalogue, std::string const& path);
+/// A row of the table: a figure of the project beside one peer, or alone. The pointers lead into
+/// the catalogue.
+struct Comparison {
+  Measurement const* ours;
+  Measurement const* peer;  // null for none
+  Aim const* aim;           // null for none
+
+  double ratio() const { return ours->median() / peer->median(); }
+  bool met() const { return (peer != nullptr ? ratio() : ours->median()) <= aim->limit; }
+};
+
+/// Of all that was measured in this run.
+std::vector<Comparison> compare(Catalogue const& catalogue);
+
+/// One table, in Markdown.
+void printTable(std::vector<Comparison> const& comparisons, std::ostream& out);
+/// A JSON document with all medians under "measurements" and the table under "comparisons". Throws
+/// `std::runtime_error` if the file cannot be written.
+void writeResults(Catalogue const& catalogue, std::vector<Comparison> const& comparisons,
+                  std::string const& path);
 
 }  // namespace Bench

@@ -9,12 +9,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <ostream>
 #include <streambuf>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "Brelo/Platform.h"
@@ -157,10 +159,11 @@ double rapidJsonOStream(std::uint64_t count) {
 
 /// The longest time for which one step of the loop does not return, while a reader takes 1 kB
 /// between any two steps.
-double longestHold(std::uint64_t) {
+std::vector<double> longestHold(std::uint64_t) {
   BusyTree const tree(tasks);
   int pipe[2];
-  if (::pipe2(pipe, O_NONBLOCK) != 0) return 0;
+  if (::pipe2(pipe, O_NONBLOCK) != 0)
+    throw std::system_error(errno, std::generic_category(), "pipe");
   bool done = false;
   tree.root->snapshotRenderJsonAsync(pipe[1], {tree.freeze()}, [&] { done = true; });
   double longest = 0;
@@ -172,7 +175,7 @@ double longestHold(std::uint64_t) {
     if (::read(pipe[0], block, sizeof block) < 0) continue;
   }
   ::close(pipe[0]);
-  return longest;
+  return {longest * 1e9};
 }
 
 }  // namespace
@@ -185,7 +188,13 @@ void addReports(Catalogue& catalogue) {
   catalogue.measure("JSON object", "per task of 10,000", "rapidjson-ostream", tasks,
                     rapidJsonOStream);
   catalogue.aim({"JSON object", "per task of 10,000", "brelo", 1.5, "rapidjson-buffer"});
-  catalogue.measureBackends("export hold", "10,000 tasks, 1 kB a step", 1, longestHold);
+  catalogue.aim({"snapshot", "per task of 10,000", "brelo", 100, ""});
+  std::vector<Figure> const hold = {{"export hold", "10,000 tasks, 1 kB a step", "ns"}};
+  catalogue.measureFigures(hold, "brelo-libevent", 1, longestHold, Backend::libevent);
+  catalogue.measureFigures(hold, "brelo-host", 1, longestHold);
+  for (char const* who : {"brelo-libevent", "brelo-host"}) {
+    catalogue.aim({hold.front().unit, hold.front().form, who, 20e6, ""});  // a default quantum
+  }
 }
 
 }  // namespace Bench

@@ -8,6 +8,7 @@ class Catalogue;
 void addDispatch(Catalogue& catalogue);
 void addTimerRestart(Catalogue& catalogue);
 void addTimerExpiry(Catalogue& catalogue);
+void addLateness(Catalogue& catalogue);
 void addDescriptorWake(Catalogue& catalogue);
 void addGroupRun(Catalogue& catalogue);
 void addShouldYield(Catalogue& catalogue);

@@ -56,6 +56,7 @@ int runAll(int argc, char** argv) {
   Bench::addDispatch(catalogue);
   Bench::addTimerRestart(catalogue);
   Bench::addTimerExpiry(catalogue);
+  Bench::addLateness(catalogue);
   Bench::addDescriptorWake(catalogue);
   Bench::addGroupRun(catalogue);
   Bench::addShouldYield(catalogue);
@@ -65,9 +66,9 @@ int runAll(int argc, char** argv) {
 
   Bench::QuietReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  Bench::printTable(catalogue, std::cout);
-  if (!options.small) Bench::printAims(catalogue, std::cout);
-  Bench::writeResults(catalogue, options.results);
+  auto const comparisons = Bench::compare(catalogue);
+  Bench::printTable(comparisons, std::cout);
+  Bench::writeResults(catalogue, comparisons, options.results);
   return reporter.failed() ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
