@@ -4,18 +4,31 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "Brelo/Backtrace.h"
 #include "support/TraceRecords.h"
+
+using Brelo::BacktraceTracker;
+using testing::HasSubstr;
 
 namespace {
 
-using testing::HasSubstr;
+auto const handler = Brelo::Platform::getDebugHandler("AssertTest");
+
+void failFormatted() {
+  Brelo::fmassert(*handler, "C", "file.cpp", "func", 12, "{} < {}", 1, 2);
+}
 
 void failStreamed() {
   Brelo::Platform::DebugStream stream;
   stream << "1 < " << 2;
   Brelo::debugAndAssert(stream, "file.cpp", "func", 12);
 }
+
+constexpr char const* formattedTrace = "AssertTest/0 file.cpp:12 file.cpp:12: C::func() 1 < 2\n";
+constexpr char const* streamedTrace = "Assert/0 file.cpp:12 file.cpp:func:12: 1 < 2\n";
 
 template <class Failure>
 std::string thrownBy(Failure failure) {
@@ -27,34 +40,59 @@ std::string thrownBy(Failure failure) {
   return "nothing";
 }
 
-TEST(Assert, ThrowsTheWholeTextAndTracesItWhenForced) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  auto const handler = Brelo::Platform::getDebugHandler("AssertTest");
-  auto const failFormatted = [&] {
-    Brelo::fmassert(*handler, "C", "file.cpp", "func", 12, "{} < {}", 1, 2);
-  };
-  BreloTest::TraceRecords records("%n/%l %f:%L %F|%m");
-  Brelo::throwOnAssertFailIs(true);
+void expectThrowsAndFullTracker() {
+  BreloTest::TraceRecords records("%n/%l %f:%L %m");
   for (bool const force : {true, false}) {
     Brelo::forceTraceOnAssertIs(force);
     handler->enabledIs(0, !force);
     EXPECT_EQ(thrownBy(failFormatted), "Brelo::AssertException(\"file.cpp:12: C::func() 1 < 2\")");
+    EXPECT_EQ(records.take(), force ? formattedTrace : "");
     EXPECT_EQ(thrownBy(failStreamed), "Brelo::AssertException(\"file.cpp:func:12: 1 < 2\")");
-    EXPECT_EQ(records.take(), force ? "AssertTest/0 file.cpp:12 func|file.cpp:12: C::func() 1 < 2\n"
-                                      "Assert/0 file.cpp:12 func|file.cpp:func:12: 1 < 2\n"
-                                    : "");
+    EXPECT_EQ(records.take(), force ? streamedTrace : "");
+    ASSERT_EQ(BacktraceTracker::tracked().size(), 1U);
+    EXPECT_EQ(BacktraceTracker::tracked()[0].message(), "file.cpp:func:12: 1 < 2");
   }
-  EXPECT_DEATH(Brelo::fmassert("C", "f", "f", 1, "{} {}", 1), "format_error");
-  Brelo::throwOnAssertFailIs(false);
 }
 
-TEST(Assert, EndsTheProcessWithATraceUnlessItThrows) {
+TEST(Assert, ThrowsOnAnyThreadWithATraceOnlyIfForced) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  Brelo::forceTraceOnAssertIs(false);
+  BacktraceTracker::enabledIs(true);
+  BacktraceTracker::capacityIs(1);
+  Brelo::throwOnAssertFailIs(true);
+  expectThrowsAndFullTracker();
+  std::thread(expectThrowsAndFullTracker).join();
+
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([] {
+      for (int i = 0; i < 50; ++i)
+        EXPECT_THAT(thrownBy(failFormatted), HasSubstr("(\"file.cpp:12: C::func() 1 < 2\")"));
+    });
+  }
+  for (auto& thread : threads)
+    thread.join();
+  EXPECT_EQ(BacktraceTracker::tracked().size(), 1U);
+  EXPECT_DEATH(Brelo::fmassert("C", "f", "f", 1, "{} {}", 1), "format_error");
+}
+
+TEST(Assert, EndsTheProcessOnAnyThreadWithATraceForcedOrNot) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  BacktraceTracker::enabledIs(true);
+  BacktraceTracker::capacityIs(1);
+  BacktraceTracker::backtraceIs("full");
+  for (bool const force : {true, false}) {
+    Brelo::forceTraceOnAssertIs(force);
+    EXPECT_DEATH(failFormatted(), testing::AllOf(HasSubstr(formattedTrace),
+                                                 HasSubstr("Brelo::Assert aborting because: "
+                                                           "file.cpp:12: C::func() 1 < 2\n"
+                                                           "terminate called without")));
+    EXPECT_DEATH(std::thread(failStreamed).join(),
+                 testing::AllOf(HasSubstr(streamedTrace),
+                                HasSubstr("Brelo::Assert aborting because: "
+                                          "file.cpp:func:12: 1 < 2\nterminate called without")));
+  }
   EXPECT_DEATH(Brelo::fmassert(nullptr, "f.cpp", "func", 12, "{} < {}", 1, 2),
-               testing::AllOf(HasSubstr("Assert/0 f.cpp:12 f.cpp:12: 1 < 2\n"),
-                              HasSubstr("Brelo::Assert aborting because: f.cpp:12: 1 < 2\n"
-                                        "terminate called without")));
+               HasSubstr("Assert/0 f.cpp:12 f.cpp:12: 1 < 2\n"));
 }
 
 }  // namespace

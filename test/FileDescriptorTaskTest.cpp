@@ -101,6 +101,39 @@ TEST_F(FileDescriptorTask, TheWriteTaskTakesOverWhatTheOwnerWasToldBefore) {
   EXPECT_EQ(write->taskRunCount, 1U) << "empty, as the owner has gone";
 }
 
+TEST_F(FileDescriptorTask, FiguresArePerDirection) {
+  EXPECT_EQ(task->taskWorkPendingWritable() + task->taskRunCountWritable(), 0U);
+  EXPECT_EQ(task->taskWorkCountWritableHighWaterMark(), Brelo::TaskMaybeU32(0));
+  EXPECT_EQ(task->taskWorkPendingWritableHighWaterMark(), Brelo::TaskMaybeU32(0));
+  EXPECT_EQ(task->taskWorkCountWritableDecayAvg(), 0);
+  task->taskWatchFdIs(pair.near());
+  task->readable = [&] {
+    task->taskWorkPendingIs(7);
+    task->taskWorkCountReadableInc(5);
+  };
+  task->writable = [&] { task->taskWorkCountInc(20), task->taskWorkPendingIs(1); };
+  for (int run = 0; run < 3; ++run) {
+    task->scheduleTaskReadable();
+    if (run > 0) task->scheduleTaskWritable();
+    runUntilIdle(*root);
+  }
+  task->taskWorkPendingReadableIs(4);
+  EXPECT_EQ(task->taskRunCount(), 5U);
+  EXPECT_EQ(task->taskRunCountWritable(), 2U);
+  EXPECT_EQ(task->taskWorkCountReadableHighWaterMark().value(), 5U);
+  EXPECT_EQ(task->taskWorkCountWritableHighWaterMark().value(), 20U);
+  EXPECT_GT(task->taskWorkCountWritableDecayAvg(), task->taskWorkCountReadableDecayAvg());
+  EXPECT_EQ(task->taskWorkPendingReadable() * 10 + task->taskWorkPendingWritable(), 41U);
+  EXPECT_EQ(task->taskWorkPendingReadableHighWaterMark().value(), 7U);
+  EXPECT_EQ(task->taskWorkPendingWritableHighWaterMark().value(), 1U);
+
+  task->taskQuantumIs(Brelo::TaskTimeDuration(5'000'000));
+  task->taskForceYieldInTestIs(true);
+  auto const write = registeredTask(*root, "fd:write");
+  EXPECT_TRUE(task->taskForceYieldInTest() && write->taskForceYieldInTest());
+  EXPECT_TRUE(task->taskQuantum() == write->taskQuantum() && !task->taskSuspended());
+}
+
 TEST_F(FileDescriptorTask, WrongUseEndsTheProcessDeathTest) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   task->taskWatchFdIs(pair.near());

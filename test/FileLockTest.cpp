@@ -60,6 +60,9 @@ TEST_F(FileLocks, EndWithTheProcessThatTookThem) {
   EXPECT_DEATH(held.~FileLock(), text);
   EXPECT_EXIT(_exit(held.lock(true) ? 1 : 0), testing::ExitedWithCode(0), "");
   EXPECT_FALSE(isFree());
+  BreloTest::ChildProcess const heir([] {});  // has the descriptor as well
+  held.release();
+  EXPECT_TRUE(isFree());
 }
 
 TEST_F(FileLocks, FailAsTheTableSays) {

@@ -11,11 +11,14 @@
 
 #include "Brelo/TaskScheduler.h"
 #include "support/Backend.h"
+#include "support/FaultInjection.h"
 #include "support/ReportedTree.h"
+#include "support/TraceCapture.h"
 
 using namespace Brelo;
 using BreloTest::IdleTask;
 using nlohmann::json;
+using testing::ContainsRegex;
 
 namespace {
 
@@ -83,7 +86,7 @@ TEST_P(JsonExport, WritesAllSnapshotsAsOneDocument) {
   });
 }
 
-TEST_P(JsonExport, WaitsForASlowReader) {
+TEST_P(JsonExport, WaitsForASlowReaderAndResumesWhatIsInterrupted) {
   run([] {
     auto const root = schedulerRootBrelo();
     std::vector<std::shared_ptr<IdleTask>> tasks;
@@ -94,10 +97,12 @@ TEST_P(JsonExport, WaitsForASlowReader) {
     fcntl(pipe.writer(), F_SETPIPE_SZ, 4096);
     std::string const expected = root->statsRenderJsonToString(true, false, false);
     bool done = false;
+    BreloTest::TraceCapture capture("TaskScheduler");
     root->snapshotRenderJsonAsync(
         pipe.writer(),
         {root->snapshot("", true, false, false, TaskSchedulerSnapshot::displayOrderUnset)},
         [&] { done = true; });
+    BreloTest::FaultInjection const faults({{"write", {EINTR, EAGAIN, 0, EINTR, 0, 0, EINTR}}});
     std::string text;
     fcntl(pipe.reader(), F_SETFL, O_NONBLOCK);
     while (!done) {
@@ -109,6 +114,11 @@ TEST_P(JsonExport, WaitsForASlowReader) {
     text += readAll(pipe.reader());
     EXPECT_GT(text.size(), 100'000U);
     EXPECT_EQ(text, expected);
+    EXPECT_TRUE(faults.left().empty());
+    EXPECT_THAT(capture.take(),
+                ContainsRegex("at offset [1-9][0-9]* of .* got Interrupted system"));
+    TaskStat const write = root->completedTaskStatForTest("TaskSchedulerRenderJson:FdWrite:write");
+    EXPECT_EQ(write.taskWorkCountTotal, text.size());
   });
 }
 
@@ -122,6 +132,17 @@ TEST_P(JsonExport, EndsQuietlyWithoutItsReader) {
     close(gone[0]);
     root->snapshotRenderJsonAsync(gone[1], {frozen(), frozen()}, [&] { ++done; });
 
+    // A reader that goes away amid a chunk.
+    auto const large = std::make_shared<IdleTask>(root, TaskPriority::low, std::string(9000, 'n'));
+    int half[2];
+    ASSERT_EQ(pipe2(half, O_NONBLOCK), 0);
+    fcntl(half[1], F_SETPIPE_SZ, 4096);
+    root->snapshotRenderJsonAsync(half[1], {frozen(), frozen()}, [&] { ++done; });
+    char first;
+    while (read(half[0], &first, 1) != 1)
+      Platform::doEventLoopInWaitfor(0.0);
+    close(half[0]);
+
     // A descriptor that somebody closes between two writes.
     int lost[2];
     ASSERT_EQ(pipe(lost), 0);
@@ -133,13 +154,30 @@ TEST_P(JsonExport, EndsQuietlyWithoutItsReader) {
     char name[] = "/tmp/brelo-export-XXXXXX";
     int const file = mkstemp(name);
     root->snapshotRenderJsonAsync(file, {frozen()}, [&] { ++done; });
-    while (done < 3)
+    while (done < 4)
       Platform::doEventLoopInWaitfor(0.01);
-    EXPECT_FALSE(isOpen(gone[1]));
+    EXPECT_FALSE(isOpen(gone[1]) || isOpen(half[1]));
     int const reader = open(name, O_RDONLY);
     EXPECT_NO_THROW(json::parse(readAll(reader)));
     close(reader);
     unlink(name);
+  });
+}
+
+TEST_P(JsonExport, EndsTheProcessWhereAWriteFailsForAnotherReason) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  run([] {
+    auto const root = schedulerRootBrelo();
+    Pipe pipe;
+    root->snapshotRenderJsonAsync(pipe.writer(), root->snapshot("", true, false, false, 0));
+    EXPECT_DEATH(
+        {
+          BreloTest::FaultInjection const faults({{"write", {EIO}}});
+          Platform::doEventLoopInWaitfor(0.1);
+          Platform::doEventLoopInWaitfor(0.1);
+        },
+        "Write to fd [0-9]+ failed Input/output error\\(5\\)");
+    Platform::doEventLoopInWaitfor(0.1);
   });
 }
 

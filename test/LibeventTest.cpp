@@ -9,7 +9,6 @@
 #include "Brelo/Thread.h"
 #include "Brelo/TimerWheel.h"
 #include "support/Backend.h"
-#include "support/ChildProcess.h"
 #include "support/Handlers.h"
 #include "support/TraceCapture.h"
 
@@ -57,28 +56,6 @@ TEST(Libevent, StrictHighIsServedBeforeAllElse) {
     usleep(2000);
     doEventLoop();
     EXPECT_EQ(order, "HHnn");
-  });
-}
-
-TEST(Libevent, AForkedChildTakesNothingFromItsParent) {
-  onBackend(Backend::libevent, [] {
-    for (std::string const step : {"deletes", "adds", "runs"}) {
-      SocketPair pair;
-      Watch watch(pair.near(), true, false);
-      Timer timer;
-      timer.control->setTimeout(0.01);
-      EXPECT_TRUE(passesInChild([&] {
-        Brelo::leForkReinit();
-        SocketPair own;
-        own.send();
-        Watch more(step == "runs" ? -1 : own.near(), true, true);
-        if (step == "deletes") watch.control.reset();
-        if (step == "runs") watch.control->setFd(own.near());
-        EXPECT_TRUE(runUntil([&] { return watch.read.runs + more.read.runs > 0 && timer.runs; }));
-      })) << step;
-      pair.send();
-      EXPECT_TRUE(runUntil([&] { return watch.read.runs > 0 && timer.runs == 1; })) << step;
-    }
   });
 }
 

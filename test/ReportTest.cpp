@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -192,6 +193,43 @@ MaxWorkPending    =    high watermark of work units pending processing
       "                  9500 ns since boot          0 µs run start    N work\"er\x01\xff\n"
       "                  1000 ns since boot          8 µs schedulerRunnable top\n\n");
   EXPECT_EQ(text, head + tables);
+}
+
+TEST(TextReport, IsTheSameOnEveryWayOut) {
+  ReportedTree const tree;
+  std::string const stats = tree.root->statsRenderTextForDebugToString(true, true, true, false);
+  std::string const history = tree.root->historyRenderTextForDebugToString();
+  EXPECT_THAT(history, HasSubstr("run start    N work"));
+  testing::internal::CaptureStderr();
+  tree.root->statsRenderTextForDebugStdErr();
+  tree.root->historyRenderTextForDebugStdErr();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), stats + history);
+  int pipe[2];
+  ASSERT_EQ(::pipe(pipe), 0);
+  tree.root->statsRenderTextForDebug(pipe[1], true, true, true, false);
+  tree.root->historyRenderTextForDebug(pipe[1]);
+  std::string text(stats.size() + history.size() + 1, '\0');
+  text.resize(static_cast<std::size_t>(read(pipe[0], text.data(), text.size())));
+  EXPECT_EQ(text, stats + history);
+  close(pipe[0]);
+  close(pipe[1]);
+}
+
+TEST(JsonReport, ShowsZeroesOnceTheFiguresAreCleared) {
+  ReportedTree const tree;
+  tree.root->clearStats();
+  std::string text = tree.root->statsRenderJsonToString(true, true, false);
+  std::replace(text.begin(), text.end(), '\xff', '?');  // no UTF-8
+  auto const document = json::parse(text);
+  json const& top = document["schedulers"]["top"];
+  EXPECT_FALSE(top.contains("completedTasks"));
+  EXPECT_EQ(top["priorityStats"]["high"]["completedTasks"], 0);
+  ASSERT_EQ(top["tasks"]["tasks"].size(), 3U);
+  for (json const& task : top["tasks"]["tasks"]) {
+    for (auto const* figure : {"runCount", "totalRunTime", "lastSchedulingLatency", "maxMs",
+                               "schedulingLatencyHighWaterMark", "qv200", "qv500"})
+      EXPECT_EQ(task[figure], 0) << task["name"] << " " << figure;
+  }
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "Brelo/TaskScheduler.h"
-#include "Zel/SystemClock.h"
+#include "support/SkipTime.h"
 #include "support/WorkTasks.h"
 
 namespace {
@@ -44,7 +44,7 @@ TEST_F(TaskStat, ARunOfTwoAndOfFiveQuantaIsAViolation) {
   std::string violations;
   for (std::int64_t milliseconds : {0, 19'900, 20'001, 49'900, 50'001}) {
     task->work = [&](WorkTask& self) {
-      Zel::advanceCurrentTime(milliseconds * 1'000'000);
+      skipTime(static_cast<double>(milliseconds) * 1e-3);
       self.taskQuantumNoCheckIs(10s);  // what counts is the quantum at the end
     };
     task->taskRunFromTest();

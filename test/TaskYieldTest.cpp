@@ -5,7 +5,7 @@
 #include <string>
 
 #include "Brelo/TaskScheduler.h"
-#include "Zel/SystemClock.h"
+#include "support/SkipTime.h"
 #include "support/WorkTasks.h"
 
 namespace {
@@ -46,11 +46,11 @@ TEST_F(TaskYield, TheClockIsReadAtMostOncePerHalfMillisecondAndVirtualTimeAlways
     self.taskQuantumIs(1s);
     EXPECT_FALSE(self.taskShouldYield());
     // A run that comes to virtual time under way is measured from there.
-    Zel::advanceCurrentTime(2'000'000'000);
+    skipTime(2);
     root->virtualTimeIs(true);
-    Zel::advanceCurrentTime(900'000'000);
+    skipTime(0.9);
     EXPECT_FALSE(self.taskShouldYield());
-    Zel::advanceCurrentTime(100'000'000);
+    skipTime(0.1);
     EXPECT_TRUE(self.taskShouldYield());
   };
   task->taskRunFromTest();

@@ -1,9 +1,14 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
-#include <set>
+#include <sstream>
 #include <thread>
+#include <vector>
 
 #include "Brelo/Debug.h"
 #include "Brelo/Thread.h"
@@ -52,14 +57,12 @@ TEST(TraceConfiguration, ChangesApplyAtOnce) {
   EXPECT_THAT(testing::internal::GetCapturedStderr(), MatchesRegex("<one>\n.*/1 file:2 two\n"));
 }
 
-TEST(TraceConfiguration, ThreadsThatTraceEverythingLoseNoLine) {
-  constexpr int threads = 8, runs = 100;
-  setTraceFormat("<%n/%l> %m <end>");
-  setupBreloDebug("*");
-  testing::internal::CaptureStderr();
+/// Eight threads with tasks of their own, every level of every module on. Each of their runs
+/// leaves a mark.
+void traceEverythingOnEightThreads(int runs) {
   std::vector<std::thread> workers;
-  for (int t = 0; t < threads; ++t) {
-    workers.emplace_back([t] {
+  for (int t = 0; t < 8; ++t) {
+    workers.emplace_back([t, runs] {
       Brelo::useThreadLocalSingletons();
       int run = 0;
       auto const task =
@@ -74,15 +77,50 @@ TEST(TraceConfiguration, ThreadsThatTraceEverythingLoseNoLine) {
   }
   for (auto& worker : workers)
     worker.join();
-  std::istringstream text(testing::internal::GetCapturedStderr());
-  std::set<std::string> marks;
+}
+
+void expectWholeLinesAndEveryMarkInOrder(std::string const& text, int runs) {
+  std::istringstream stream(text);
+  std::vector<int> next(8);
   int lines = 0;
-  for (std::string line; std::getline(text, line); ++lines) {
-    EXPECT_THAT(line, MatchesRegex("<[A-Za-z]+/[0-9]+> [^<]* <end>"));
-    if (auto const mark = line.find("mark "); mark != line.npos) marks.insert(line.substr(mark));
+  for (std::string line; std::getline(stream, line); ++lines) {
+    ASSERT_THAT(line, MatchesRegex("<[A-Za-z]+/[0-9]+> [^<]* <end>"));
+    unsigned thread = 0;
+    int run = 0;
+    if (std::sscanf(line.c_str(), "<%*[^>]> mark %u %d", &thread, &run) != 2) continue;
+    ASSERT_EQ(run, next.at(thread)++) << thread;
   }
-  EXPECT_EQ(marks.size(), std::size_t{threads} * runs);
-  EXPECT_GT(lines, 2 * threads * runs) << "the library's own traces are missing";
+  EXPECT_EQ(next, std::vector<int>(8, runs));
+  EXPECT_GT(lines, 2 * 8 * runs) << "the library's own traces are missing";
+}
+
+TEST(TraceConfiguration, ThreadsThatTraceEverythingLoseNoLine) {
+  setTraceFormat("<%n/%l> %m <end>");
+  setupBreloDebug("*");
+  testing::internal::CaptureStderr();
+  traceEverythingOnEightThreads(100);
+  expectWholeLinesAndEveryMarkInOrder(testing::internal::GetCapturedStderr(), 100);
+
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  fcntl(ends[0], F_SETPIPE_SZ, 4096);
+  int const standardError = dup(STDERR_FILENO);
+  dup2(ends[1], STDERR_FILENO);
+  close(ends[1]);
+  std::string text;
+  std::thread slowReader([&] {
+    char piece[777];
+    for (ssize_t n = 1; n > 0;) {
+      n = read(ends[0], piece, sizeof piece);
+      text.append(piece, static_cast<std::size_t>(n));
+      std::this_thread::sleep_for(std::chrono::microseconds(20));
+    }
+  });
+  traceEverythingOnEightThreads(30);
+  dup2(standardError, STDERR_FILENO);
+  close(standardError);
+  slowReader.join();
+  expectWholeLinesAndEveryMarkInOrder(text, 30);
 }
 
 }  // namespace

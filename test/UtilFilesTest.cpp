@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include "Brelo/FileLock.h"
 #include "Brelo/UtilPaths.h"
 #include "support/ChildProcess.h"
 #include "support/HelperTest.h"
@@ -61,6 +62,41 @@ TEST_F(UtilFiles, AreMeasured) {
   EXPECT_EQ(decodeMagic(0x00434241UL) + decodeMagic(~0UL), "ABC" + std::string(8, '\xff'));
 }
 
+TEST_F(UtilFiles, AreRefusedOnAReadOnlyFileSystemAndToAStranger) {
+  std::filesystem::permissions(".", std::filesystem::perms(0711));
+  EXPECT_EQ(mkpath("d", 0755), 0);
+  write("d/f", "text")();
+  std::filesystem::permissions("d/f", std::filesystem::perms(0600));
+  auto const expectRefusals = [this](std::string const& why, std::string const& reading) {
+    EXPECT_EQ(outcome([&] { return touch(*handler, "d/n"); }),
+              "0 unable to open d/n reason: " + why + "|false");
+    EXPECT_EQ(outcome(write("d/f", "x")), "0 unable to open d/f reason:" + why + "|Runtime: x");
+    EXPECT_EQ(outcome([&] { return fileRemove(*handler, "d/f"); }),
+              "0 unlink() error d/f: " + why + "|false");
+    EXPECT_EQ(outcome([] { return mkpath("d/a/b", 0755); }), "-1 " + why);
+    EXPECT_EQ(mkpath("d", 0755), 0);
+    EXPECT_EQ(outcome([&] { return trimpath(directory + "/d", "d"); }),
+              "5 rmdir() error " + directory + "/d reason: " + why + "|-1 " + why);
+    EXPECT_EQ(
+        outcome([&] { return Brelo::FileLock(*handler, "d", "lock").lock(false); }),
+        "5 file:d/lock|1 error: could not open lock file:d/lock " + why + "|5 file:d/lock|false");
+    EXPECT_EQ(outcome(read("d/f")), reading);
+  };
+  if (getuid() != 0) GTEST_SKIP() << "is nobody already";
+  EXPECT_TRUE(BreloTest::passesInChild([&] {
+    EXPECT_EQ(seteuid(65534), 0);
+    expectRefusals("Permission denied", "5 unable to open file d/f|");
+  }));
+  if (!BreloTest::mayUnshare(CLONE_NEWNS)) GTEST_SKIP() << "may not make a mount namespace";
+  EXPECT_TRUE(BreloTest::passesInChild([&] {
+    char const* const here = directory.c_str();
+    BreloTest::mountHere(here, here, nullptr, MS_BIND);
+    EXPECT_EQ(mount(nullptr, here, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+    EXPECT_EQ(chdir(here), 0);
+    expectRefusals("Read-only file system", "5 read d/f 'text'|text");
+  }));
+}
+
 TEST_F(UtilFiles, FailAsTheTableSays) {
   write("f", "d")();
   EXPECT_TRUE(mkpath("a/b/c", 0700) == 0 && touch(*handler, "a/b/file"));
@@ -81,6 +117,8 @@ TEST_F(UtilFiles, FailAsTheTableSays) {
       row({{"write", {EIO}}, {"close", {EDQUOT}}}, put,
           "0 unable to write to f reason:Input/output error|"
           "0 unable to close fd:N reason:Disk quota exceeded|Runtime: d"),
+      row({}, write("/dev/full", "d"),
+          "0 unable to write to /dev/full reason:No space left on device|Runtime: d"),
       row({{"close", {EINTR}}}, write("f", "d", true),
           "0 unable to close fd:N reason:Interrupted system call|done"),
       row({{"fopen64", {EMFILE}}}, read("f"), "5 unable to open file f|"),

@@ -34,13 +34,19 @@ StatsServer::StatsServer(std::shared_ptr<Brelo::TaskScheduler> const& scheduler,
     : Acceptor(scheduler, "stats", listenOnPath(path)), path_(std::move(path)) {}
 
 StatsServer::~StatsServer() {
+  // An export keeps its scheduler, and the process, until its reader has read or gone.
+  for (int const descriptor : *exports_)
+    ::shutdown(descriptor, SHUT_RDWR);
   ::unlink(path_.c_str());
 }
 
 void StatsServer::accepted(Descriptor socket) {
   auto const snapshot = taskScheduler()->snapshot("", true, true, true,
                                                   Brelo::TaskSchedulerSnapshot::displayOrderUnset);
-  taskScheduler()->snapshotRenderJsonAsync(socket.release(), snapshot);
+  int const descriptor = socket.release();
+  exports_->insert(descriptor);
+  taskScheduler()->snapshotRenderJsonAsync(
+      descriptor, {snapshot}, [exports = exports_, descriptor] { exports->erase(descriptor); });
 }
 
 }  // namespace Wordd

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <set>
 #include <string>
 
 #include "Acceptor.h"
@@ -9,7 +10,8 @@
 namespace Wordd {
 
 /// Answers each client of a Unix stream socket with the scheduler's statistics as one JSON
-/// document, however slow the client reads. The socket's file goes with the server.
+/// document, however slow the client reads. The socket's file goes with the server, and so do the
+/// clients that are still reading.
 class StatsServer : public Acceptor {
  public:
   /// A file that stands at `path` is replaced. Throws std::system_error.
@@ -20,6 +22,7 @@ class StatsServer : public Acceptor {
   void accepted(Descriptor socket) override;
 
   std::string path_;
+  std::shared_ptr<std::set<int>> exports_ = std::make_shared<std::set<int>>();  // descriptors
 };
 
 }  // namespace Wordd

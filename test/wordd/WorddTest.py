@@ -2,6 +2,8 @@
 """WorddTest.py PATH_OF_WORDD: a real daemon under clients of every kind, on each backend."""
 
 import collections
+import itertools
+import json
 import os
 import random
 import re
@@ -11,6 +13,7 @@ import socket
 import struct
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 import unittest
@@ -156,6 +159,41 @@ class WorddTest:
         # What the kernel had taken over is there, the rest is not.
         self.assertLess(len(b''.join(iter(lambda: neverReads.recv(MEBI), b''))), 7 * MEBI)
         self.stop()
+
+    def testStreamsItsStatisticsHoweverTheyAreRead(self):
+        def reader():
+            client = socket.socket(socket.AF_UNIX)
+            self.addCleanup(client.close)
+            client.connect(path)
+            return client
+
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        path = os.path.join(directory.name, 'stats')
+        self.start('--stats', path)
+        clients = [self.connect() for _ in range(400)]
+        self.assertTrue(eventually(lambda: self.openDescriptors() == self.descriptors + 400))
+
+        slow, vanishing, other = reader(), reader(), reader()
+        texts = [slow.recv(10), other.recv(10)]
+        self.assertEqual(len(vanishing.recv(100)), 100)
+        self.assertEqual(self.ask(b'still counting'), expected(b'still counting'))
+        vanishing.close()
+        pieces = [iter(lambda client=client: client.recv(997), b'') for client in (slow, other)]
+        for both in itertools.zip_longest(*pieces, fillvalue=b''):
+            texts = [text + piece for text, piece in zip(texts, both)]
+        for text in texts:
+            self.assertGreater(len(text), slow.getsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF))
+            tasks = json.loads(text)['schedulers']['wordd']['tasks']['tasks']
+            self.assertEqual(sum(task['name'].endswith(':idle') for task in tasks), 400)
+
+        stuck = reader()
+        self.assertEqual(len(stuck.recv(1)), 1)
+        for client in clients:
+            client.sendall(b'word')
+            self.assertEqual(self.answer(client), b'1 word\n')
+        self.stop()
+        self.assertEqual(os.listdir(directory.name), [])
 
     def testEndsUnderLoadWhenToldTo(self):
         self.start()

@@ -1,0 +1,16 @@
+// Runs the code of the guide.
+#include <iostream>
+
+#include "Snippets.h"
+
+int main() {
+  tasks();
+  timers();
+  groups();
+  taskControls();
+  endings();
+  exports();
+  traces();
+  failures();
+  std::cout << "all have run\n";
+}

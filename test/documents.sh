@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Every piece of C++ in README.md and doc/ stands, but for its indentation, in a source that the
+# build compiles. Every example has its page in the guide.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+fail() {
+  echo "documents: $*" >&2
+  exit 1
+}
+unindented() { sed 's/^ *//'; }
+
+compiled=
+for source in example/*.cpp doc/snippets/*.cpp; do
+  grep -q "[ /]$(basename "$source")" example/CMakeLists.txt || fail "$source is not compiled"
+  compiled+=$'\n'$(unindented <"$source")$'\n'
+done
+for source in example/*.cpp; do
+  grep -q "\`$source\`" doc/guide.md || fail "$source has no page in doc/guide.md"
+done
+
+blocks=0
+for document in README.md doc/*.md; do
+  while IFS= read -r -d '' block; do
+    blocks=$((blocks + 1))
+    [[ $compiled == *$'\n'"$block"$'\n'* ]] || fail "$document has code that is not compiled:
+$block"
+  done < <(unindented <"$document" | awk '/^```$/ && code { printf "%s%c", text, 0; code = 0 }
+    code { text = text (text == "" ? "" : "\n") $0 }
+    /^```cpp$/ { code = 1; text = "" }')
+done
+[ "$blocks" -ge 10 ] || fail "only $blocks pieces of code found"
+echo "$blocks pieces of code are compiled"
