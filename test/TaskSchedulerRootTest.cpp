@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "Brelo/Platform.h"
+#include "Brelo/TaskGroup.h"
 #include "Zel/Activity.h"
 #include "support/Backend.h"
 #include "support/ChildProcess.h"
@@ -92,6 +93,36 @@ TEST(Root, OnlyTheMainThreadsRootFollowsVirtualTime) {
   Zel::activityManager()->virtualTimeIs(false);
   root->handleSchedulerRun();
   EXPECT_EQ(takeEvents(*root, "r"), "schedulerVirtualTimeOn,schedulerVirtualTimeOff,");
+}
+
+TEST(Root, CountsItsWholeTreeAndLendsItToTests) {
+  auto const root = schedulerRootBreloNonShared("r");
+  auto const group = Brelo::TaskGroup::TaskGroupIs("g", Brelo::TaskPriority::low, false, root);
+  auto const inner = workTask(group, "a");
+  auto outer = workTask(root, "b", [](WorkTask& self) { self.taskWorkCountInc(1); });
+  inner->scheduleTask();
+  outer->scheduleTask();
+  EXPECT_EQ(root->taskGroupCount(), 1U);
+  EXPECT_EQ(root->totalRegisteredTaskCount(), 3U) << "with the group's task";
+  auto const stats = root->queueStatsRoot();
+  EXPECT_EQ(stats.at(Brelo::TaskPriority::normal).runnableTasks, 2U);
+  EXPECT_EQ(stats.at(Brelo::TaskPriority::low).runnableTasks, 1U);
+
+  Brelo::TaskSchedulerRoot const& view = *root;
+  EXPECT_EQ(root->findSchedulerForTest("g"), group);
+  EXPECT_EQ(view.findSchedulerForTest("r"), root);
+  EXPECT_TRUE(!root->findSchedulerForTest("b") && !view.findSchedulerForTest("b"));
+
+  outer->taskRunAndRecordFromTest();
+  outer->taskRunFromTest();
+  EXPECT_FALSE(outer->taskScheduled());
+  EXPECT_EQ(root->taskStatForTest("b").taskRunCount, 2U);
+  EXPECT_EQ(root->taskStatForTest("x").taskRunCount, 0U);
+  outer.reset();
+  EXPECT_EQ(root->completedTaskStatForTest("b").taskRunCount, 2U);
+  EXPECT_EQ(root->completedTaskStatForTest("x").taskRunCount, 0U);
+  runUntilIdle(*root);
+  EXPECT_EQ(group->parentTaskRunCount(), 1U);
 }
 
 }  // namespace
