@@ -8,7 +8,6 @@
 
 #include "Brelo/Export.h"
 
-/// @file Brelo/Platform.h
 /// The event platform: a one-shot timer, a deferred callback and a descriptor watch, each a pair
 /// of a handler, which the client implements, and a control, which the client holds.
 ///
@@ -16,7 +15,6 @@
 /// the thread that made it, whose loop (`doEventLoop`) runs the handlers. Which backend a control
 /// has is settled when it is made: libevent on a thread that chose `useThreadLocalSingletons()`,
 /// the host runtime on any other. Times are seconds as a double, on the clock of `Brelo::time()`.
-
 namespace Brelo::Platform {
 
 /// The order in which libevent serves what is ready at the same time.

@@ -13,9 +13,9 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
   ${PROJECT_BINARY_DIR}/Brelo ${PROJECT_BINARY_DIR}/host/Zel ${PROJECT_BINARY_DIR}/host/netnsaid)
 
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
-  "Tasks with priorities, timers and descriptors on one event loop, and reports\non them. The library and the host runtime beneath it, for programs built with it.")
+  "Tasks with priorities, timers and descriptors on one event loop, and reports\non them. The library and the host runtime beneath it, for programs\nbuilt with it.")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
-  "Tasks with priorities, timers and descriptors on one event loop, and reports\non them. The headers, and what CMake and pkg-config need to build programs with it.")
+  "Tasks with priorities, timers and descriptors on one event loop, and reports\non them. The headers, and what CMake and pkg-config need to build\nprograms with it.")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzelbrelo${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)

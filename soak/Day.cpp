@@ -159,6 +159,7 @@ void Day::timeout() {
   gone_.clear();
   bool const last = simulated >= seconds_;
   if (last || ticks_ % 256 == 0) audit();
+  model.notStalled(steady());
   if (last) {
     actors_.clear();
     gone_.push_back(branches_[0]->scheduler);

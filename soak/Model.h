@@ -52,8 +52,7 @@ struct Job {
   bool suspended = false, queued = false, armed = false;
   std::uint32_t runs = 0;
   std::tuple<std::uint64_t, double, Job*> place = {};
-  // If armed: its time and the latest time for it, and when it was, on the steady clock.
-  double due = 0, latest = 0, armedAt = 0;
+  double due = 0, latest = 0;  // if armed: its time, and the latest time for it
 };
 
 /// A second account of the scheduler, in plain data: it is told of the requests, the runs and the
@@ -79,6 +78,8 @@ class Model {
   /// The library's clock was read between two readings of the steady clock. True if it has skipped
   /// time since the last call.
   bool see(double before, double now, double after);
+  /// What has taken the time up to now since the last call was not the library.
+  void notStalled(double now) { lastSeen_ = now; }
   /// Takes note of the timers that have expired.
   void expire(double now);
   double firstDue() const { return armed_.empty() ? INFINITY : armed_.begin()->first; }
@@ -93,7 +94,7 @@ class Model {
   std::map<std::string, Job*> jobs_;
   std::set<std::pair<double, Job*>> armed_;
   std::uint64_t turn_ = 0;
-  double skipped_ = 0, lastSeen_ = 0;
+  double skipped_ = 0, lastSeen_ = 0, stall_ = 0;  // the longest time without a call of `see`
 };
 
 }  // namespace Soak
