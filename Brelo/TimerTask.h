@@ -19,7 +19,8 @@ namespace Brelo {
 /// is no periodic form: a task that repeats asks for its next run in `taskExecute()`.
 ///
 /// A delay is a TaskTimeDuration or a number of seconds. Zero is an immediate run, a negative one
-/// expires at the next pass of the loop. Never is `TaskTimeDuration::max()` or positive infinity.
+/// expires at the next pass of the loop (with jitter it is an assertion). Never is
+/// `TaskTimeDuration::max()` or positive infinity.
 class BRELO_EXPORT TimerTask : public TaskImpl, TimerWheelEvent {
  public:
   /// As a Task is made; the timer is idle.
