@@ -35,7 +35,7 @@ namespace fmt {
 /// Prints `toString()`.
 template <>
 struct BRELO_EXPORT formatter<Brelo::DisplayPointer> {
-  /// Takes no specification.
+  /// Takes no format specifier.
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
   /// Returns where the text ends.
   auto format(Brelo::DisplayPointer const& pointer, format_context& context) const

@@ -78,7 +78,7 @@ namespace fmt {
 /// Prints all members by name, for people.
 template <>
 struct BRELO_EXPORT formatter<Brelo::MappingInfo> {
-  /// Takes no specification.
+  /// Takes no format specifier.
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
   /// Returns where the text ends.
   auto format(Brelo::MappingInfo const& info, format_context& context) const

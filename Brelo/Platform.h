@@ -189,7 +189,7 @@ namespace fmt {
 /// Prints `toString(priority)`.
 template <>
 struct BRELO_EXPORT formatter<Brelo::Platform::EventPriority> {
-  /// Takes no specification.
+  /// Takes no format specifier.
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
   /// Returns where the text ends.
   auto format(Brelo::Platform::EventPriority priority, format_context& context) const

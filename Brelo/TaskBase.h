@@ -107,7 +107,7 @@ namespace fmt {
 /// Prints a task of any class as the stream form does.
 template <class AnyTask>
 struct formatter<AnyTask, std::enable_if_t<std::is_base_of_v<Brelo::_TaskBase, AnyTask>, char>> {
-  /// Takes no specification.
+  /// Takes no format specifier.
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
   /// Returns where the text ends.
   auto format(AnyTask const& task, format_context& context) const {

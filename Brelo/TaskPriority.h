@@ -63,7 +63,7 @@ namespace fmt {
 /// Prints the name of a level, or "invalidPriority=" and the number.
 template <>
 struct BRELO_EXPORT formatter<Brelo::TaskPriority> {
-  /// Takes no specification.
+  /// Takes no format specifier.
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
   /// Returns where the text ends.
   auto format(Brelo::TaskPriority priority, format_context& context) const

@@ -278,7 +278,7 @@ namespace fmt {
 template <class AnyScheduler>
 struct formatter<AnyScheduler,
                  std::enable_if_t<std::is_base_of_v<Brelo::TaskScheduler, AnyScheduler>, char>> {
-  /// Takes no specification.
+  /// Takes no format specifier.
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
   /// Returns where the text ends.
   auto format(AnyScheduler const& scheduler, format_context& context) const {

@@ -97,7 +97,7 @@ namespace fmt {
 /// Prints `durationToString`.
 template <>
 struct BRELO_EXPORT formatter<Brelo::TaskTimeDuration> {
-  /// Takes no specification.
+  /// Takes no format specifier.
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
   /// Returns where the text ends.
   auto format(Brelo::TaskTimeDuration const& duration, format_context& context) const
