@@ -48,6 +48,13 @@ TEST_F(TaskGroup, ASliceLastsUntilTheParentsQuantumIsGone) {
   root->handleSchedulerRun();
   EXPECT_GE(parent->taskTotalRunTime, 30ms);
   EXPECT_EQ(parent->taskWorkPending, 1U);
+
+  group->taskGroupQuantumNoCheckIs(10s);
+  EXPECT_EQ(group->taskGroupQuantum(), Brelo::TaskTimeDuration(10s));
+  group->taskGroupForceYieldInTestIs(true);
+  std::uint32_t const runs = task->taskRunCount;
+  root->handleSchedulerRun();
+  EXPECT_EQ(task->taskRunCount, runs + 1) << "each slice ends at its first question";
 }
 
 TEST_F(TaskGroup, MayBeDroppedFromInsideOneOfItsTasks) {

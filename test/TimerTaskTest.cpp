@@ -96,6 +96,9 @@ TEST_F(TimerTask, RunsComeInTheOrderOfTheirTimesAndSuspensionKeepsThem) {
   EXPECT_EQ(order, "ttototot");
 
   timer->scheduleTaskDelay(10.0);
+  timer->taskRunFromTest();
+  EXPECT_FALSE(timer->taskScheduled()) << "a run takes the timer's place";
+  timer->scheduleTaskDelay(10.0);
   timer.reset();
   Brelo::Platform::doEventLoop();
 }
