@@ -5,7 +5,7 @@
 
 #include "Brelo/Assert.h"
 
-thread_local char ERRNO_FORMATTED_BUFFER[256];
+__thread char ERRNO_FORMATTED_BUFFER[256];
 
 namespace Brelo {
 

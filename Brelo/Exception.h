@@ -6,6 +6,9 @@
 #include "Brelo/Backtrace.h"
 #include "Brelo/Export.h"
 
+/// What `Brelo::strerror` writes to, unless the C library has a text of its own. Of the thread.
+extern BRELO_EXPORT __thread char ERRNO_FORMATTED_BUFFER[256];
+
 namespace Brelo {
 
 /// The base of the library's exceptions: a message and the stack at the time of construction.
