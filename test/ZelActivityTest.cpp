@@ -6,6 +6,7 @@
 #include <csignal>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -105,6 +106,22 @@ TEST_F(ZelActivity, ExceptionsInnerRunsAndForksLeaveTheLoopInOrder) {
   Ptr<Timer> const c = timerAt(-1.0, [&] { told += 'c'; });
   doRun();
   EXPECT_EQ(told, "(b)cd");
+}
+
+TEST_F(ZelActivity, ANotifieeThatIsLetGoOfWhileItIsToldEndsAfterwards) {
+  auto const life = std::make_shared<std::string>();
+  Ptr<Timer> timer;
+  timer = timerAt(0.0, [&, life] {
+    *life += timer ? '(' : '-';
+    if (!timer) return;
+    timer->timeMinIs(0.0);
+    timer = nullptr;
+    doRun();  // tells it once more
+    *life += ')';
+  });
+  doRun();
+  EXPECT_EQ(*life, "(-)");
+  EXPECT_EQ(life.use_count(), 1) << "it has gone with what it held";
 }
 
 TEST_F(ZelActivity, RunLastsForItsExecutionTimeOnceAndSignalsDoNotEndIt) {
