@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "Brelo/ProcText.h"
+#include "Brelo/system/ProcText.h"
 #include "Check.h"
 
 int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {

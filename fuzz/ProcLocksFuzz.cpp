@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "Brelo/ProcText.h"
+#include "Brelo/system/ProcText.h"
 #include "Check.h"
 
 // The first line is the process id, the rest the text that it is looked for in.

@@ -1,4 +1,4 @@
-#include "Brelo/ProcText.h"
+#include "Brelo/system/ProcText.h"
 #include "Check.h"
 
 int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {

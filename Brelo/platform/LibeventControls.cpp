@@ -10,7 +10,7 @@
 
 #include "Brelo/Assert.h"
 #include "Brelo/LibeventFactory.h"
-#include "Brelo/LibeventState.h"
+#include "Brelo/platform/LibeventState.h"
 
 namespace Brelo {
 

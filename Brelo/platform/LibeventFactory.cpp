@@ -7,9 +7,9 @@
 #include <utility>
 
 #include "Brelo/Assert.h"
-#include "Brelo/LibeventState.h"
 #include "Brelo/MemTrack.h"
 #include "Brelo/Thread.h"
+#include "Brelo/platform/LibeventState.h"
 
 namespace Brelo {
 

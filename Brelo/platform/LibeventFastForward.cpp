@@ -5,9 +5,9 @@
 
 #include "Brelo/Assert.h"
 #include "Brelo/LibeventFactory.h"
-#include "Brelo/LibeventState.h"
-#include "Brelo/LibeventTimeouts.h"
 #include "Brelo/Platform.h"
+#include "Brelo/platform/LibeventState.h"
+#include "Brelo/platform/LibeventTimeouts.h"
 
 namespace Brelo {
 

@@ -5,7 +5,7 @@
 #include "Brelo/Debug.h"
 
 /// @file
-/// Internal: what the sources of the libevent backend share among themselves.
+/// What the sources of the libevent backend share among themselves.
 
 namespace Brelo::Impl {
 

@@ -1,4 +1,4 @@
-#include "Brelo/LibeventTimeouts.h"
+#include "Brelo/platform/LibeventTimeouts.h"
 
 #include <event2/event_struct.h>
 #include <sys/time.h>

@@ -3,7 +3,7 @@
 #include <event2/event.h>
 
 /// @file
-/// Internal: two operations on the pending timeouts of a base that libevent does not have. Both
+/// Two operations on the pending timeouts of a base that libevent does not have. Both
 /// walk all events of the base, those in common-timeout queues included. For the base's own thread.
 
 namespace Brelo::Impl {

@@ -8,7 +8,7 @@
 #include "Brelo/Assert.h"
 #include "Brelo/MemTrack.h"
 #include "Brelo/Thread.h"
-#include "Brelo/TimerWheelTrace.h"
+#include "Brelo/platform/TimerWheelTrace.h"
 
 namespace Brelo {
 

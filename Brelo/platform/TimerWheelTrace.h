@@ -3,7 +3,7 @@
 #include "Brelo/Debug.h"
 
 /// @file
-/// Internal: the module handler "BreloTimerWheel".
+/// The module handler "BreloTimerWheel".
 
 namespace Brelo::Impl {
 

@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 
-#include "Brelo/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 /// @file
-/// Internal: the writer of the JSON reports.
+/// The writer of the JSON reports.
 
 namespace Brelo::Impl {
 

@@ -1,4 +1,4 @@
-#include "Brelo/SnapshotRenderJsonTask.h"
+#include "Brelo/reports/SnapshotRenderJsonTask.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "Brelo/MemTrack.h"
-#include "Brelo/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {
 

@@ -11,7 +11,7 @@
 #include "Brelo/TaskScheduler.h"
 
 /// @file
-/// Internal: the two tasks of an export of snapshots over a slow descriptor; clients call
+/// The two tasks of an export of snapshots over a slow descriptor; clients call
 /// `TaskScheduler::snapshotRenderJsonAsync`. They take turns: the first renders one snapshot, the
 /// second writes that text out as the descriptor takes it, so one chunk of text exists at a time
 /// and no run is long.

@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "Brelo/Exception.h"
-#include "Brelo/SchedulerDiagnostics.h"
-#include "Brelo/SnapshotRenderJsonTask.h"
+#include "Brelo/reports/SnapshotRenderJsonTask.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {
 

@@ -5,7 +5,7 @@
 #include "Brelo/TaskStat.h"
 
 /// @file
-/// Internal: how the reports name a group.
+/// How the reports name a group.
 
 namespace Brelo::Impl {
 

@@ -1,9 +1,9 @@
 // The JSON form of a snapshot.
 
 #include "Brelo/Assert.h"
-#include "Brelo/JsonWriter.h"
-#include "Brelo/SubSchedulerKey.h"
 #include "Brelo/TaskSchedulerSnapshot.h"
+#include "Brelo/reports/JsonWriter.h"
+#include "Brelo/reports/SubSchedulerKey.h"
 
 namespace Brelo {
 

@@ -2,8 +2,8 @@
 
 #include <iostream>
 
-#include "Brelo/JsonWriter.h"
-#include "Brelo/SchedulerDiagnostics.h"
+#include "Brelo/reports/JsonWriter.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {
 

@@ -1,8 +1,8 @@
 #include "Brelo/TaskSchedulerSnapshot.h"
 
-#include "Brelo/SchedulerDiagnostics.h"
-#include "Brelo/SubSchedulerKey.h"
 #include "Brelo/TaskScheduler.h"
+#include "Brelo/reports/SubSchedulerKey.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {
 

@@ -3,10 +3,10 @@
 #include <utility>
 
 #include "Brelo/Assert.h"
-#include "Brelo/FileDescriptorInnerTasks.h"
-#include "Brelo/SchedulerDiagnostics.h"
-#include "Brelo/SteadyNow.h"
 #include "Brelo/TaskScheduler.h"
+#include "Brelo/scheduling/FileDescriptorTaskInner.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/SteadyNow.h"
 
 namespace Brelo {
 

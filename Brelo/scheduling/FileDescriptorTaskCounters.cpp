@@ -1,7 +1,7 @@
 // The counters of a descriptor task's two directions.
 
 #include "Brelo/Assert.h"
-#include "Brelo/FileDescriptorInnerTasks.h"
+#include "Brelo/scheduling/FileDescriptorTaskInner.h"
 
 namespace Brelo {
 

@@ -1,6 +1,6 @@
-#include "Brelo/FileDescriptorInnerTasks.h"
+#include "Brelo/scheduling/FileDescriptorTaskInner.h"
 
-#include "Brelo/SteadyNow.h"
+#include "Brelo/scheduling/SteadyNow.h"
 
 namespace Brelo {
 

@@ -3,7 +3,7 @@
 #include "Brelo/Task.h"
 
 /// @file
-/// Internal: the two tasks behind a FileDescriptorTask. In a run they may outlive their
+/// The two tasks behind a FileDescriptorTask. In a run they may outlive their
 /// owner, which orphans them: the run is then empty.
 
 namespace Brelo {

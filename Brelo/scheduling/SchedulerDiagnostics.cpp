@@ -1,4 +1,4 @@
-#include "Brelo/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 #include <cassert>
 

@@ -3,7 +3,7 @@
 #include "Brelo/Debug.h"
 
 /// @file
-/// Internal: what the scheduler's sources share for traces and assertions.
+/// What the scheduler's sources share for traces and assertions.
 
 namespace Brelo::Impl {
 

@@ -5,7 +5,7 @@
 #include "Brelo/TaskTimeDuration.h"
 
 /// @file
-/// Internal: the scheduler's clock.
+/// The scheduler's clock.
 
 namespace Brelo::Impl {
 

@@ -1,7 +1,7 @@
 #include "Brelo/TaskBase.h"
 
-#include "Brelo/SchedulerDiagnostics.h"
 #include "Brelo/TaskScheduler.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {
 

@@ -2,10 +2,10 @@
 
 #include <utility>
 
-#include "Brelo/SchedulerDiagnostics.h"
-#include "Brelo/SteadyNow.h"
 #include "Brelo/Task.h"
 #include "Brelo/TaskSchedulerRoot.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/SteadyNow.h"
 
 namespace Brelo {
 

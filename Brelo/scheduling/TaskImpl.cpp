@@ -1,10 +1,10 @@
 #include "Brelo/TaskImpl.h"
 
-#include "Brelo/SchedulerDiagnostics.h"
-#include "Brelo/SteadyNow.h"
 #include "Brelo/TaskGroup.h"
 #include "Brelo/TaskScheduler.h"
 #include "Brelo/TaskSchedulerRoot.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/SteadyNow.h"
 #include "Zel/System.h"
 
 namespace Brelo {

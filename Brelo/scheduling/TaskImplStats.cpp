@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
-#include "Brelo/SchedulerDiagnostics.h"
 #include "Brelo/TaskGroup.h"
 #include "Brelo/TaskImpl.h"
 #include "Brelo/TaskScheduler.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Zel/System.h"
 
 namespace Brelo {

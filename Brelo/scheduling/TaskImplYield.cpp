@@ -1,10 +1,10 @@
 // The quantum of a task, and when it is asked to give way.
 
-#include "Brelo/SchedulerDiagnostics.h"
-#include "Brelo/SteadyNow.h"
 #include "Brelo/TaskImpl.h"
 #include "Brelo/TaskScheduler.h"
 #include "Brelo/TaskSchedulerRoot.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/SteadyNow.h"
 #include "Zel/Rdtsc.h"
 #include "Zel/System.h"
 

@@ -1,7 +1,7 @@
 #include "Brelo/TaskRunQueues.h"
 
 #include "Brelo/Assert.h"
-#include "Brelo/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {
 

@@ -4,9 +4,9 @@
 #include <iterator>
 #include <utility>
 
-#include "Brelo/SchedulerDiagnostics.h"
-#include "Brelo/SteadyNow.h"
 #include "Brelo/TaskSchedulerRoot.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/SteadyNow.h"
 
 namespace Brelo {
 

@@ -3,9 +3,9 @@
 #include <chrono>
 #include <iomanip>
 
-#include "Brelo/SchedulerDiagnostics.h"
 #include "Brelo/TaskBase.h"
 #include "Brelo/TaskScheduler.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {
 

@@ -1,6 +1,6 @@
 #include "Brelo/TaskSchedulerQueueStats.h"
 
-#include "Brelo/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {
 

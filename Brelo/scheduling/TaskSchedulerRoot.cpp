@@ -8,10 +8,10 @@
 #include <thread>
 
 #include "Brelo/Assert.h"
-#include "Brelo/SchedulerDiagnostics.h"
-#include "Brelo/SteadyNow.h"
 #include "Brelo/Thread.h"
 #include "Brelo/TimerWheel.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/SteadyNow.h"
 #include "Zel/Activity.h"
 
 std::uint32_t auxThreadCount = 0;

@@ -1,8 +1,8 @@
 // A scheduler's statistics: of its tasks, of those that have ended, and their two resets.
 
-#include "Brelo/SchedulerDiagnostics.h"
 #include "Brelo/Task.h"
 #include "Brelo/TaskScheduler.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cctype>
 
-#include "Brelo/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {
 

@@ -3,9 +3,9 @@
 #include <limits>
 #include <utility>
 
-#include "Brelo/SchedulerDiagnostics.h"
-#include "Brelo/SteadyNow.h"
 #include "Brelo/TaskScheduler.h"
+#include "Brelo/scheduling/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/SteadyNow.h"
 
 namespace Brelo {
 

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <utility>
 
-#include "Brelo/UtilTrace.h"
+#include "Brelo/system/UtilTrace.h"
 
 namespace Brelo {
 

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "Brelo/Assert.h"
-#include "Brelo/UmaskGuard.h"
 #include "Brelo/UtilPaths.h"
+#include "Brelo/system/UmaskGuard.h"
 
 #define TRACE(level, ...) BRELO_TRACE(*debugHandler_, (level), "FileLock", __VA_ARGS__)
 #define FAIL(...) fmassert(*debugHandler_, "FileLock", __FILE__, __func__, __LINE__, __VA_ARGS__)

@@ -1,4 +1,4 @@
-#include "Brelo/ProcText.h"
+#include "Brelo/system/ProcText.h"
 
 #include <algorithm>
 #include <charconv>

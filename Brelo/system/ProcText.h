@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-/// Internal: what the proc file system's texts say.
+/// What the proc file system's texts say.
 ///
 /// Nothing here opens a file or traces, and any text at all is good input: processes choose their
 /// names and the names of their sockets, and may go away in the middle of a text.

@@ -4,7 +4,7 @@
 
 namespace Brelo::Impl {
 
-/// Internal: the process's umask at 0, for files that other users share. Keeps `errno`.
+/// The process's umask at 0, for files that other users share. Keeps `errno`.
 class UmaskGuard {
  public:
   UmaskGuard() : saved_(umask(0)) {}

@@ -10,8 +10,8 @@
 #include <exception>
 #include <fstream>
 
-#include "Brelo/UmaskGuard.h"
-#include "Brelo/UtilTrace.h"
+#include "Brelo/system/UmaskGuard.h"
+#include "Brelo/system/UtilTrace.h"
 
 namespace Brelo::Util {
 

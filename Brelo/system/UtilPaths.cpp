@@ -5,8 +5,8 @@
 
 #include <cerrno>
 
-#include "Brelo/UmaskGuard.h"
-#include "Brelo/UtilTrace.h"
+#include "Brelo/system/UmaskGuard.h"
+#include "Brelo/system/UtilTrace.h"
 
 namespace Brelo::Util {
 

@@ -8,9 +8,9 @@
 #include <fstream>
 
 #include "Brelo/DirNode.h"
-#include "Brelo/ProcText.h"
 #include "Brelo/UtilFiles.h"
-#include "Brelo/UtilTrace.h"
+#include "Brelo/system/ProcText.h"
+#include "Brelo/system/UtilTrace.h"
 
 namespace Brelo::Util {
 

@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "Brelo/Thread.h"
-#include "Brelo/UtilTrace.h"
+#include "Brelo/system/UtilTrace.h"
 
 namespace Brelo {
 

@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "Brelo/UtilFiles.h"
-#include "Brelo/UtilTrace.h"
+#include "Brelo/system/UtilTrace.h"
 
 namespace Brelo::Util {
 

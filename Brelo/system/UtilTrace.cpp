@@ -1,4 +1,4 @@
-#include "Brelo/UtilTrace.h"
+#include "Brelo/system/UtilTrace.h"
 
 namespace Brelo {
 

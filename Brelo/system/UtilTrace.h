@@ -4,7 +4,7 @@
 #include "Brelo/Debug.h"
 #include "Brelo/Exception.h"
 
-/// Internal: how the system helpers trace and fail. `handler` is a DebugHandler or a
+/// How the system helpers trace and fail. `handler` is a DebugHandler or a
 /// ModuleTrace.
 namespace Brelo::Impl {
 
