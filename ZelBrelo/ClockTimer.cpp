@@ -7,7 +7,7 @@
 #include "Brelo/Assert.h"
 #include "Zel/System.h"
 #include "ZelBrelo/Platform.h"
-#include "ZelBrelo/PlatformTrace.h"
+#include "ZelBrelo/internal/PlatformTrace.h"
 
 namespace ZelBrelo {
 

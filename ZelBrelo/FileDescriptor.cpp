@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "ZelBrelo/Platform.h"
-#include "ZelBrelo/PlatformTrace.h"
+#include "ZelBrelo/internal/PlatformTrace.h"
 
 namespace ZelBrelo {
 

@@ -1,7 +1,7 @@
 #include "ZelBrelo/Platform.h"
 
 #include "Brelo/MemTrack.h"
-#include "ZelBrelo/PlatformTrace.h"
+#include "ZelBrelo/internal/PlatformTrace.h"
 
 namespace ZelBrelo {
 

@@ -2,20 +2,8 @@
 # find_package and pkg-config read. The tree may be moved after the install.
 include(CMakePackageConfigHelpers)
 
-# The headers of a folder that are meant for clients: all but those that call themselves internal.
-function(brelo_public_headers result folder)
-  file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.h)
-  foreach(header IN LISTS headers)
-    file(STRINGS ${header} internal REGEX "^/// Internal:" LIMIT_COUNT 1)
-    if(internal)
-      list(REMOVE_ITEM headers ${header})
-    endif()
-  endforeach()
-  set(${result} ${headers} PARENT_SCOPE)
-endfunction()
-
 foreach(folder IN ITEMS Brelo ZelBrelo host/Zel host/timeout host/netnsaid)
-  brelo_public_headers(headers ${folder})
+  file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.h)
   cmake_path(GET folder FILENAME name)
   install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${name} COMPONENT development)
 endforeach()

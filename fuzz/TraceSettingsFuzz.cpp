@@ -2,8 +2,8 @@
 #include <sstream>
 
 #include "Check.h"
-#include "Zel/TraceFormat.h"
 #include "Zel/TraceSettings.h"
+#include "Zel/internal/TraceFormat.h"
 
 namespace {
 

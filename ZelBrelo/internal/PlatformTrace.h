@@ -2,7 +2,7 @@
 
 #include "Brelo/Debug.h"
 
-/// Internal: the module handler "ZelBrelo".
+/// The module handler "ZelBrelo".
 namespace ZelBrelo {
 
 [[gnu::visibility("hidden")]] extern Brelo::ModuleTrace const platformTrace;

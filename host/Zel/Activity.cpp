@@ -6,9 +6,9 @@
 #include <stdexcept>
 #include <utility>
 
-#include "Zel/ActivityLoop.h"
-#include "Zel/ClockQueue.h"
-#include "Zel/DescriptorSet.h"
+#include "Zel/internal/ActivityLoop.h"
+#include "Zel/internal/ClockQueue.h"
+#include "Zel/internal/DescriptorSet.h"
 
 namespace Zel {
 namespace {

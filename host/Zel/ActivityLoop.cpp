@@ -1,4 +1,4 @@
-#include "Zel/ActivityLoop.h"
+#include "Zel/internal/ActivityLoop.h"
 
 #include <time.h>
 
@@ -7,7 +7,7 @@
 #include <limits>
 
 #include "Zel/System.h"
-#include "Zel/SystemClock.h"
+#include "Zel/internal/SystemClock.h"
 
 namespace Zel {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "Zel/StandardError.h"
+#include "Zel/internal/StandardError.h"
 
 namespace Zel {
 

@@ -4,8 +4,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "Zel/ClockQueue.h"
 #include "Zel/System.h"
+#include "Zel/internal/ClockQueue.h"
 
 namespace Zel {
 

@@ -1,4 +1,4 @@
-#include "Zel/ClockQueue.h"
+#include "Zel/internal/ClockQueue.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "Zel/DescriptorSet.h"
+#include "Zel/internal/DescriptorSet.h"
 
 #include <poll.h>
 

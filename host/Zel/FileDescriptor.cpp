@@ -8,7 +8,7 @@
 #include <system_error>
 #include <utility>
 
-#include "Zel/DescriptorSet.h"
+#include "Zel/internal/DescriptorSet.h"
 
 namespace Zel {
 namespace {

@@ -1,4 +1,4 @@
-#include "Zel/StandardError.h"
+#include "Zel/internal/StandardError.h"
 
 #include <poll.h>
 #include <unistd.h>

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "Zel/ActivityLoop.h"
-#include "Zel/SystemClock.h"
+#include "Zel/internal/ActivityLoop.h"
+#include "Zel/internal/SystemClock.h"
 
 namespace Zel {
 namespace {

@@ -6,9 +6,9 @@
 #include <string_view>
 #include <utility>
 
-#include "Zel/StandardError.h"
-#include "Zel/TraceFormat.h"
-#include "Zel/TraceRegistry.h"
+#include "Zel/internal/StandardError.h"
+#include "Zel/internal/TraceFormat.h"
+#include "Zel/internal/TraceRegistry.h"
 
 namespace Zel {
 

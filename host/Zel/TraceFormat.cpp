@@ -1,4 +1,4 @@
-#include "Zel/TraceFormat.h"
+#include "Zel/internal/TraceFormat.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "Zel/TraceRegistry.h"
+#include "Zel/internal/TraceRegistry.h"
 
 #include <pthread.h>
 
@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <utility>
 
-#include "Zel/StandardError.h"
-#include "Zel/TraceFormat.h"
+#include "Zel/internal/StandardError.h"
+#include "Zel/internal/TraceFormat.h"
 
 namespace Zel {
 

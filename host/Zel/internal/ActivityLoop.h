@@ -4,12 +4,12 @@
 #include <optional>
 
 #include "Zel/Activity.h"
-#include "Zel/ClockQueue.h"
-#include "Zel/DescriptorSet.h"
+#include "Zel/internal/ClockQueue.h"
+#include "Zel/internal/DescriptorSet.h"
 
 namespace Zel {
 
-/// Internal: the loop behind `System::doRun()`.
+/// The loop behind `System::doRun()`.
 ///
 /// One in the process. It keeps nothing between passes, so that a run can begin inside
 /// another and an exception can leave one anywhere; what is armed, due and watched is with

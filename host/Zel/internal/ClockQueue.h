@@ -9,7 +9,7 @@
 
 namespace Zel {
 
-/// Internal: the armed notifiees of the clock, in the order in which they are to be told.
+/// The armed notifiees of the clock, in the order in which they are to be told.
 ///
 /// It is told the time and reads no clock. It refers to notifiees without owning them; they
 /// take themselves out. Arming is O(1), as is all about times that have passed; a time

@@ -11,13 +11,13 @@
 #include <tuple>
 #include <vector>
 
-#include "Zel/EpollNow.h"
 #include "Zel/FileDescriptor.h"
 #include "Zel/List.h"
+#include "Zel/internal/EpollNow.h"
 
 namespace Zel {
 
-/// Internal: the descriptor numbers that are watched, and the epoll set that watches them.
+/// The descriptor numbers that are watched, and the epoll set that watches them.
 ///
 /// One in the process, on the thread that runs the loop. Refers to the `FileDescriptor`s
 /// bound to each number without owning them. The epoll set is made at the first need of it,

@@ -8,7 +8,7 @@
 
 namespace Zel {
 
-/// Internal: `epoll_wait` without waiting, which every pass of the loop makes.
+/// `epoll_wait` without waiting, which every pass of the loop makes.
 ///
 /// The C library's is a point of cancellation, and its `syscall` a call from which the processor
 /// returns wrongly predicted, as kernels clear these predictions: together a tenth of a pass.

@@ -4,7 +4,7 @@
 
 namespace Zel {
 
-/// Internal: moves `System::currentTime()` forward, for every thread. Virtual time is made
+/// Moves `System::currentTime()` forward, for every thread. Virtual time is made
 /// of this. Not below zero; the sum stays within what 64 bits of nanoseconds hold.
 void advanceCurrentTime(std::int64_t nanoseconds);
 

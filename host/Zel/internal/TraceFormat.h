@@ -6,12 +6,12 @@
 
 namespace Zel {
 
-/// Internal: guards the registry, and every call of the C library's local time in the trace module:
+/// Guards the registry, and every call of the C library's local time in the trace module:
 /// that has a lock of its own, which a forked child would find held otherwise. It is held across
 /// fork, and never while a record is written.
 extern std::mutex traceLock;
 
-/// Internal: what one trace record says, apart from the time, process and thread it is rendered in.
+/// What one trace record says, apart from the time, process and thread it is rendered in.
 /// The texts belong to the caller.
 struct TraceRecord {
   std::string_view facility;

@@ -12,7 +12,7 @@
 
 namespace Zel {
 
-/// Internal: all facilities, the settings that govern them, and the format. The one instance is
+/// All facilities, the settings that govern them, and the format. The one instance is
 /// made on first use, at the latest when the library is loaded, and never destroyed. Any thread.
 class TraceRegistry {
  public:
