@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <type_traits>
 
 #include "Brelo/Export.h"
 #include "Brelo/IntrusiveLinkedListBase.h"
@@ -37,30 +38,33 @@ template <class ElementType, class LinkNodeType, LinkNodeType ElementType::*ptrT
           class ElementPtrType>
 class BookmarkList : public ListImpl<ElementType, LinkNodeType, ptrToLinkNode, ElementPtrType> {
   using Base = ListImpl<ElementType, LinkNodeType, ptrToLinkNode, ElementPtrType>;
-  using NodeIterator = typename Base::Nodes::iterator;
 
- public:
   /// Stands on an element or at the end, never on a bookmark. Valid as long as its node is.
-  class Iterator {
+  template <class Element, class ListType, class NodeIterator>
+  class Walk {
    public:
     /// What the standard library asks of an iterator.
     /// @{
     using iterator_category = std::forward_iterator_tag;
     using value_type = ElementType;
     using difference_type = std::ptrdiff_t;
-    using pointer = ElementType*;
-    using reference = ElementType&;
+    using pointer = Element*;
+    using reference = Element&;
     /// @}
 
     /// On `node`, or on the next element behind it if it is a bookmark. The node is linked.
-    Iterator(BookmarkList& list, LinkNodeType& node)
-        : Iterator(list, list.nodes_.iterator_to(node)) {}
+    Walk(ListType& list, LinkNodeType& node) : Walk(list, list.nodes_.iterator_to(node)) {}
+    /// A walk that may not change the elements, from one that may.
+    template <class OtherElement, class OtherList, class OtherIterator,
+              class = std::enable_if_t<std::is_convertible_v<OtherElement*, Element*>>>
+    Walk(Walk<OtherElement, OtherList, OtherIterator> const& other)
+        : list_(other.list_), at_(other.at_) {}
 
     /// The element, and the step to the next one; not at the end.
     /// @{
-    ElementType& operator*() const { return Base::element(*at_); }
-    ElementType* operator->() const { return &**this; }
-    Iterator& operator++() {
+    Element& operator*() const { return Base::element(*at_); }
+    Element* operator->() const { return &**this; }
+    Walk& operator++() {
       ++at_;
       skipBookmarks();
       return *this;
@@ -68,22 +72,31 @@ class BookmarkList : public ListImpl<ElementType, LinkNodeType, ptrToLinkNode, E
     /// @}
     /// Whether two iterators of one list stand at the same place.
     /// @{
-    friend bool operator==(Iterator const& a, Iterator const& b) { return a.at_ == b.at_; }
-    friend bool operator!=(Iterator const& a, Iterator const& b) { return a.at_ != b.at_; }
+    friend bool operator==(Walk const& a, Walk const& b) { return a.at_ == b.at_; }
+    friend bool operator!=(Walk const& a, Walk const& b) { return a.at_ != b.at_; }
     /// @}
 
    private:
     friend class BookmarkList;
-    Iterator(BookmarkList& list, NodeIterator at) : list_(&list), at_(at) { skipBookmarks(); }
+    template <class, class, class>
+    friend class Walk;
+    Walk(ListType& list, NodeIterator at) : list_(&list), at_(at) { skipBookmarks(); }
     void skipBookmarks() {
       while (at_ != list_->nodes_.end() && list_->isBookmark(*at_))
         ++at_;
     }
 
-    BookmarkList* list_;
+    ListType* list_;
     NodeIterator at_;
   };
-  using ConstIterator = Iterator;  ///< a walk changes nothing
+
+ public:
+  /// Forward iterators.
+  /// @{
+  using Iterator = Walk<ElementType, BookmarkList, typename Base::Nodes::iterator>;
+  using ConstIterator =
+      Walk<ElementType const, BookmarkList const, typename Base::Nodes::const_iterator>;
+  /// @}
 
   /// A place in a list, kept while elements come and go. Unlinks itself when destroyed.
   class Bookmark {
@@ -96,7 +109,9 @@ class BookmarkList : public ListImpl<ElementType, LinkNodeType, ptrToLinkNode, E
     /// Links it before the iterator's place; it must be unlinked.
     void insertBefore(ConstIterator const& place) {
       if (node_.isLinked()) Impl::bookmarkLinkedAssertFail(__LINE__, __func__);
-      place.list_->nodes_.insert(place.at_, node_);
+      using Nodes = typename Base::Nodes;
+      Nodes::node_algorithms::link_before(place.at_.pointed_node(),
+                                          Nodes::value_traits::to_node_ptr(node_));
     }
     LinkNodeType& node() { return node_; }  ///< for an iterator, when linked
 
@@ -112,6 +127,8 @@ class BookmarkList : public ListImpl<ElementType, LinkNodeType, ptrToLinkNode, E
   /// @{
   Iterator begin() { return Iterator(*this, this->nodes_.begin()); }
   Iterator end() { return Iterator(*this, this->nodes_.end()); }
+  ConstIterator begin() const { return ConstIterator(*this, this->nodes_.begin()); }
+  ConstIterator end() const { return ConstIterator(*this, this->nodes_.end()); }
   /// @}
 };
 

@@ -80,6 +80,9 @@ class ListImpl {
   static ElementType& element(LinkNodeType& node) {
     return *boost::intrusive::get_parent_from_member(&node, ptrToLinkNode);
   }
+  static ElementType const& element(LinkNodeType const& node) {
+    return *boost::intrusive::get_parent_from_member(&node, ptrToLinkNode);
+  }
   /// Asserts that the element is not linked.
   static void beingLinked(ElementType& element) {
     if ((element.*ptrToLinkNode).isLinked()) Impl::linkedAssertFail(__LINE__, __func__);

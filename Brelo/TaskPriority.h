@@ -21,12 +21,14 @@ class BRELO_EXPORT TaskPriority {
   static TaskPriority const scavenge;       ///< 4
   static TaskPriority const oneBeyondLast;  ///< the number of levels; no task may have it
 
+  static constexpr unsigned char levels = 5;  ///< `absolute` to `scavenge`
+
   /// Any number; tasks take only levels.
   constexpr explicit TaskPriority(unsigned char value) : value_(value) {}
 
   constexpr unsigned char value() const { return value_; }  ///< as given
   /// One of the five levels.
-  constexpr bool isLevel() const { return value_ < 5; }
+  constexpr bool isLevel() const { return value_ < levels; }
 
   /// The name. A value above `oneBeyondLast` is an assertion.
   char const* toStrep() const;
@@ -51,7 +53,7 @@ inline constexpr TaskPriority TaskPriority::high{1};
 inline constexpr TaskPriority TaskPriority::normal{2};
 inline constexpr TaskPriority TaskPriority::low{3};
 inline constexpr TaskPriority TaskPriority::scavenge{4};
-inline constexpr TaskPriority TaskPriority::oneBeyondLast{5};
+inline constexpr TaskPriority TaskPriority::oneBeyondLast{levels};
 
 /// The name of a level, or "invalidPriority=" and the number; the fmt form likewise.
 BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, TaskPriority priority);

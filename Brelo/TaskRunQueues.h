@@ -76,7 +76,7 @@ class TaskRunQueues {
   /// @}
 
  private:
-  std::array<TaskRunQueue, 5> levels_;
+  std::array<TaskRunQueue, TaskPriority::levels> levels_;
 };
 
 }  // namespace Brelo

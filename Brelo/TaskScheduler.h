@@ -242,7 +242,7 @@ class BRELO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
   ConstStringRef schedulerName_;
   TaskSchedulerRoot* taskSchedulerRoot_;
   std::unordered_map<ConstStringRef, TaskStat, NameHash, NameEqual> completedTaskStats_;
-  mutable TaskImpl::RegisteredList registeredTasks_;  // newest first
+  TaskImpl::RegisteredList registeredTasks_;  // newest first
   TaskRunQueues taskRunQueues_;
   TaskTimePoint schedulerRunRequestTime_;
   TaskTimePoint schedulerRunStartTime_;

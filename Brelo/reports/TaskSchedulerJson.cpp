@@ -92,7 +92,7 @@ void writeTask(JsonWriter& writer, TaskStat const& task, bool completed) {
 void writePriorityStats(JsonWriter& writer, TaskSchedulerQueueStats const& queueStats) {
   writer.Key("priorityStats");
   writer.StartObject();
-  for (unsigned char level = 0; level < 5; ++level) {
+  for (unsigned char level = 0; level < TaskPriority::levels; ++level) {
     TaskPriority const priority(level);
     auto const found = queueStats.find(priority);
     TaskSchedulerPriorityStats const stats =

@@ -99,7 +99,7 @@ void TaskScheduler::handleSchedulerRun() {
 }
 
 TaskImpl* TaskScheduler::pickOneTask(TaskTimePoint const& now, TaskPriority from) {
-  for (unsigned char level = from.value(); level < 5; ++level) {
+  for (unsigned char level = from.value(); level < TaskPriority::levels; ++level) {
     TaskPriority const priority(level);
     TaskRunQueues::TaskRunQueue& queue = taskRunQueues_[priority];
     TaskImpl* const task = queue.first();
@@ -177,7 +177,7 @@ std::uint32_t TaskScheduler::runnableTaskCount(TaskPriority priority) const {
 
 std::uint32_t TaskScheduler::runnableTaskCount() const {
   std::uint32_t sum = 0;
-  for (unsigned char level = 0; level < 5; ++level)
+  for (unsigned char level = 0; level < TaskPriority::levels; ++level)
     sum += runnableTaskCount(TaskPriority(level));
   return sum;
 }

@@ -128,7 +128,7 @@ TaskStat TaskScheduler::completedTaskStatForTest(std::string const& name) const 
 
 TaskSchedulerQueueStats TaskScheduler::queueStats() const {
   TaskSchedulerQueueStats stats;
-  for (unsigned char level = 0; level < 5; ++level) {
+  for (unsigned char level = 0; level < TaskPriority::levels; ++level) {
     TaskPriority const priority(level);
     TaskSchedulerPriorityStats entry;
     entry.priority = priority;

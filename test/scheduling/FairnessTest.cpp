@@ -22,7 +22,7 @@ constexpr int high = 1, normal = 2, low = 3, scavenge = 4;
 struct Model {
   void const* pick() {
     std::vector<int> tried;  // each gives way to the next; the last one runs
-    for (int level = 0; level < 5 && (tried.empty() || givesWay(tried.back())); ++level) {
+    for (int level = 0; level < TaskPriority::levels && (tried.empty() || givesWay(tried.back())); ++level) {
       if (now[level].empty()) {
         streak[level] = 0;
       } else {
@@ -111,7 +111,7 @@ TEST(Fairness, RandomLoadsRunAsTheRulePredictsAlsoBetweenTheMoves) {
       ASSERT_EQ(load.model.pick(), nullptr);
     }
     load.group->tasksPermittedMultipleRunsIs(true);
-    for (int level = 0; level < 5; ++level)
+    for (int level = 0; level < TaskPriority::levels; ++level)
       load.model.now[level].splice(load.model.now[level].end(), load.model.later[level]);
     if (load.below(4) == 0) load.disturb();
   }

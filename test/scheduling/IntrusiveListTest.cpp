@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <type_traits>
 
 #include "Brelo/IntrusiveBookmarkLinkedList.h"
 
@@ -20,12 +21,13 @@ TEST(IntrusiveList, KeepsOrderAndBookmarksWhileElementsComeAndGo) {
   std::optional<List> list(std::in_place);
   List other;
   List::Bookmark place;
-  auto const walkedFrom = [&list](List::Iterator at) {
+  auto const walkedFrom = [&list](List::ConstIterator at) {
     std::string names;
     for (; at != list->end(); ++at)
       names += at->name;
     return names;
   };
+  static_assert(!std::is_convertible_v<List::ConstIterator, List::Iterator>);
   place.insertBefore(list->begin());
   EXPECT_EQ(walkedFrom(list->begin()), "");
   list->pushBack(*b);
