@@ -20,7 +20,7 @@ class TaskGroup;
 /// A run goes to the end of `taskExecute()`; nothing preempts it. All of it belongs to the thread
 /// of the task's scheduler. An exception from `taskExecute()` passes through and leaves the
 /// scheduler without a further run until something requests one.
-class BRELO_EXPORT TaskImpl : public _TaskBase {
+class BRELO_EXPORT TaskImpl : public _TaskBase, public TaskCounters {
  public:
   /// Where `taskShouldYield()` takes the time from.
   enum TaskShouldYieldMode : std::uint8_t {
@@ -123,7 +123,6 @@ class BRELO_EXPORT TaskImpl : public _TaskBase {
 
  private:
   void handleInitialized();
-  void zeroStats();
   void accountForRun(TaskTimePoint const& end);
   bool clockSaysYield() const;
 
@@ -136,24 +135,6 @@ class BRELO_EXPORT TaskImpl : public _TaskBase {
   TaskTimePoint taskRunStartTime_;
   mutable std::uint64_t taskYieldCheckTicks_ = 0;
 
- public:
-  /// The counters; see TaskStat.
-  /// @{
-  TaskTimeDuration taskLastSchedulingLatency;
-  TaskTimeDuration taskSchedulingLatencyHighWaterMark;
-  TaskTimeDuration taskTotalRunTime;
-  TaskTimeDuration taskRunTimeHighWaterMark;
-  std::uint64_t taskWorkCountTotal = 0;
-  float taskWorkCountDecayAvg = 0;
-  TaskMaybeU32 taskWorkCountHighWaterMark;
-  std::uint32_t taskWorkPending = 0;
-  TaskMaybeU32 taskWorkPendingHighWaterMark;
-  std::uint32_t taskQuantumViolation500 = 0;
-  std::uint32_t taskQuantumViolation200 = 0;
-  std::uint32_t taskRunCount = 0;
-  /// @}
-
- private:
   static constexpr std::uint32_t taskMagicNumberConstructed = 0x42BE5AFE;
   static constexpr std::uint32_t taskMagicNumberEnded = 0xDEADDEAD;
 

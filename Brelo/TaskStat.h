@@ -36,12 +36,29 @@ class TaskMaybeU32 {
   std::uint32_t value_ = neverSet;
 };
 
+/// What a task counts of its runs and its work, and what the reports tell of it. A task updates its
+/// own in place; the latency is the time from a run queue to the run.
+struct TaskCounters {
+  TaskTimeDuration taskLastSchedulingLatency;           ///< the latest
+  TaskTimeDuration taskSchedulingLatencyHighWaterMark;  ///< the longest
+  TaskTimeDuration taskTotalRunTime;                    ///< of all runs
+  TaskTimeDuration taskRunTimeHighWaterMark;            ///< the longest run
+  std::uint32_t taskRunCount = 0;                       ///< runs
+  std::uint32_t taskQuantumViolation500 = 0;            ///< runs of at least five quanta
+  std::uint32_t taskQuantumViolation200 = 0;  ///< runs of at least two and less than five quanta
+  float taskWorkCountDecayAvg = 0;            ///< nine tenths old, one tenth the newest report
+  std::uint64_t taskWorkCountTotal = 0;       ///< the sum of what taskWorkCountInc was given
+  TaskMaybeU32 taskWorkCountHighWaterMark;    ///< the most that taskWorkCountInc was given
+  std::uint32_t taskWorkPending = 0;          ///< the latest that taskWorkPendingIs was given
+  TaskMaybeU32 taskWorkPendingHighWaterMark;  ///< the most that taskWorkPendingIs was given
+};
+
 /// A copy of one task's counters, or the merged counters of ended tasks of one stats name.
 ///
 /// A plain value, apart from the name, whose reference ties it to the thread of its scheduler
 /// and must be dropped before the scheduler tree goes. A default record is all zero, its two
 /// work marks included, and has a null name.
-class BRELO_EXPORT TaskStat {
+class BRELO_EXPORT TaskStat : public TaskCounters {
  public:
   /// What a task is and does at the moment, as a byte of bits.
   class TaskStatus {
@@ -84,8 +101,11 @@ class BRELO_EXPORT TaskStat {
   };
 
   /// All zero.
-  TaskStat() = default;
+  TaskStat();
   /// A live task's counters.
+  TaskStat(ConstStringRef name, TaskKey key, TaskPriority priority, TaskCounters const& counters,
+           TaskStatus status);
+  /// The same, one by one.
   TaskStat(ConstStringRef name, TaskKey key, TaskPriority priority, std::uint32_t runCount,
            TaskTimeDuration totalRunTime, std::uint64_t workCountTotal, float workCountDecayAvg,
            TaskMaybeU32 workCountHighWaterMark, std::uint32_t workPending,
@@ -106,10 +126,14 @@ class BRELO_EXPORT TaskStat {
   /// @}
   /// The longest run; the latest and the longest time from a run queue to the run.
   /// @{
-  TaskTimeDuration taskRunTimeHighWaterMark() const { return taskRunTimeHighWaterMark_; }
-  TaskTimeDuration taskLastSchedulingLatency() const { return taskLastSchedulingLatency_; }
+  TaskTimeDuration taskRunTimeHighWaterMark() const {
+    return TaskCounters::taskRunTimeHighWaterMark;
+  }
+  TaskTimeDuration taskLastSchedulingLatency() const {
+    return TaskCounters::taskLastSchedulingLatency;
+  }
   TaskTimeDuration taskSchedulingLatencyHighWaterMark() const {
-    return taskSchedulingLatencyHighWaterMark_;
+    return TaskCounters::taskSchedulingLatencyHighWaterMark;
   }
   /// @}
 
@@ -121,10 +145,14 @@ class BRELO_EXPORT TaskStat {
   void taskQuantumViolation500Inc(unsigned count) { taskQuantumViolation500 += count; }
   void taskQuantumViolation200Inc(unsigned count) { taskQuantumViolation200 += count; }
   void taskCompletedCountInc(unsigned count) { taskCompletedCount += count; }
-  void taskRunTimeHighWaterMarkIs(TaskTimeDuration time) { taskRunTimeHighWaterMark_ = time; }
-  void taskLastSchedulingLatencyIs(TaskTimeDuration time) { taskLastSchedulingLatency_ = time; }
+  void taskRunTimeHighWaterMarkIs(TaskTimeDuration time) {
+    TaskCounters::taskRunTimeHighWaterMark = time;
+  }
+  void taskLastSchedulingLatencyIs(TaskTimeDuration time) {
+    TaskCounters::taskLastSchedulingLatency = time;
+  }
   void taskSchedulingLatencyHighWaterMarkIs(TaskTimeDuration time) {
-    taskSchedulingLatencyHighWaterMark_ = time;
+    TaskCounters::taskSchedulingLatencyHighWaterMark = time;
   }
   void taskCompletedCountIs(unsigned count) { taskCompletedCount = count; }
   void taskStatusIs(TaskStatus status) { taskStatus = status; }
@@ -134,25 +162,13 @@ class BRELO_EXPORT TaskStat {
   /// then the priority's letter, upper case for a task on a run queue.
   std::string taskStatusString() const;
 
-  TaskKey taskKey;                               ///< which task; that of the first one, if merged
-  TaskPriority taskPriority{0};                  ///< likewise
-  TaskStatus taskStatus;                         ///< as it was
-  std::uint32_t taskRunCount = 0;                ///< runs
-  TaskTimeDuration taskTotalRunTime;             ///< of all runs
-  std::uint64_t taskWorkCountTotal = 0;          ///< the sum of what taskWorkCountInc was given
-  float taskWorkCountDecayAvg = 0;               ///< nine tenths old, one tenth the newest report
-  TaskMaybeU32 taskWorkCountHighWaterMark{0};    ///< the most that taskWorkCountInc was given
-  std::uint32_t taskWorkPending = 0;             ///< the latest that taskWorkPendingIs was given
-  TaskMaybeU32 taskWorkPendingHighWaterMark{0};  ///< the most that taskWorkPendingIs was given
-  std::uint32_t taskQuantumViolation500 = 0;     ///< runs of at least five quanta
-  std::uint32_t taskQuantumViolation200 = 0;     ///< runs of at least two and less than five quanta
+  TaskKey taskKey;                       ///< which task; that of the first one, if merged
+  TaskPriority taskPriority{0};          ///< likewise
+  TaskStatus taskStatus;                 ///< as it was
   std::uint32_t taskCompletedCount = 0;  ///< ended tasks merged into this; 0 for a live task
 
  private:
   ConstStringRef taskName_;
-  TaskTimeDuration taskRunTimeHighWaterMark_;
-  TaskTimeDuration taskLastSchedulingLatency_;
-  TaskTimeDuration taskSchedulingLatencyHighWaterMark_;
 };
 
 /// Pointers to the records, by descending total run time; equal ones in no particular order.

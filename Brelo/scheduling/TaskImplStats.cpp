@@ -67,30 +67,11 @@ TaskStat::TaskStatus TaskImpl::taskStatus() const {
 }
 
 TaskStat TaskImpl::getStats() const {
-  return TaskStat(taskNameRef(), TaskKey(this), taskPriority(), taskRunCount, taskTotalRunTime,
-                  taskWorkCountTotal, taskWorkCountDecayAvg, taskWorkCountHighWaterMark,
-                  taskWorkPending, taskWorkPendingHighWaterMark, taskQuantumViolation500,
-                  taskQuantumViolation200, taskRunTimeHighWaterMark, taskLastSchedulingLatency,
-                  taskSchedulingLatencyHighWaterMark, taskStatus());
-}
-
-void TaskImpl::zeroStats() {
-  taskLastSchedulingLatency = {};
-  taskSchedulingLatencyHighWaterMark = {};
-  taskTotalRunTime = {};
-  taskRunTimeHighWaterMark = {};
-  taskWorkCountTotal = 0;
-  taskWorkCountDecayAvg = 0;
-  taskWorkCountHighWaterMark = {};
-  taskWorkPending = 0;
-  taskWorkPendingHighWaterMark = {};
-  taskQuantumViolation500 = 0;
-  taskQuantumViolation200 = 0;
-  taskRunCount = 0;
+  return TaskStat(taskNameRef(), TaskKey(this), taskPriority(), *this, taskStatus());
 }
 
 void TaskImpl::resetStats() {
-  zeroStats();
+  static_cast<TaskCounters&>(*this) = {};
   handleResetStats();
 }
 

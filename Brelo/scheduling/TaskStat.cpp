@@ -13,7 +13,39 @@ TaskMaybeU32 mergedMark(TaskMaybeU32 mine, TaskMaybeU32 other) {
   return other.isSet() && other.value() > mine.value() ? other : mine;
 }
 
+void merge(TaskCounters& mine, TaskCounters const& later) {
+  mine.taskRunCount += later.taskRunCount;
+  mine.taskTotalRunTime += later.taskTotalRunTime;
+  mine.taskWorkCountTotal += later.taskWorkCountTotal;
+  mine.taskQuantumViolation500 += later.taskQuantumViolation500;
+  mine.taskQuantumViolation200 += later.taskQuantumViolation200;
+  mine.taskWorkCountDecayAvg = later.taskWorkCountDecayAvg;
+  mine.taskWorkPending = later.taskWorkPending;
+  mine.taskLastSchedulingLatency = later.taskLastSchedulingLatency;
+  mine.taskWorkCountHighWaterMark =
+      mergedMark(mine.taskWorkCountHighWaterMark, later.taskWorkCountHighWaterMark);
+  mine.taskWorkPendingHighWaterMark =
+      mergedMark(mine.taskWorkPendingHighWaterMark, later.taskWorkPendingHighWaterMark);
+  mine.taskRunTimeHighWaterMark =
+      std::max(mine.taskRunTimeHighWaterMark, later.taskRunTimeHighWaterMark);
+  mine.taskSchedulingLatencyHighWaterMark =
+      std::max(mine.taskSchedulingLatencyHighWaterMark, later.taskSchedulingLatencyHighWaterMark);
+}
+
 }  // namespace
+
+TaskStat::TaskStat() {
+  taskWorkCountHighWaterMark = TaskMaybeU32(0);
+  taskWorkPendingHighWaterMark = TaskMaybeU32(0);
+}
+
+TaskStat::TaskStat(ConstStringRef name, TaskKey key, TaskPriority priority,
+                   TaskCounters const& counters, TaskStatus status)
+    : TaskCounters(counters),
+      taskKey(key),
+      taskPriority(priority),
+      taskStatus(status),
+      taskName_(std::move(name)) {}
 
 TaskStat::TaskStat(ConstStringRef name, TaskKey key, TaskPriority priority, std::uint32_t runCount,
                    TaskTimeDuration totalRunTime, std::uint64_t workCountTotal,
@@ -22,42 +54,18 @@ TaskStat::TaskStat(ConstStringRef name, TaskKey key, TaskPriority priority, std:
                    std::uint32_t quantumViolation500, std::uint32_t quantumViolation200,
                    TaskTimeDuration runTimeHighWaterMark, TaskTimeDuration lastSchedulingLatency,
                    TaskTimeDuration schedulingLatencyHighWaterMark, TaskStatus status)
-    : taskKey(key),
-      taskPriority(priority),
-      taskStatus(status),
-      taskRunCount(runCount),
-      taskTotalRunTime(totalRunTime),
-      taskWorkCountTotal(workCountTotal),
-      taskWorkCountDecayAvg(workCountDecayAvg),
-      taskWorkCountHighWaterMark(workCountHighWaterMark),
-      taskWorkPending(workPending),
-      taskWorkPendingHighWaterMark(workPendingHighWaterMark),
-      taskQuantumViolation500(quantumViolation500),
-      taskQuantumViolation200(quantumViolation200),
-      taskName_(std::move(name)),
-      taskRunTimeHighWaterMark_(runTimeHighWaterMark),
-      taskLastSchedulingLatency_(lastSchedulingLatency),
-      taskSchedulingLatencyHighWaterMark_(schedulingLatencyHighWaterMark) {}
+    : TaskStat(std::move(name), key, priority,
+               {lastSchedulingLatency, schedulingLatencyHighWaterMark, totalRunTime,
+                runTimeHighWaterMark, runCount, quantumViolation500, quantumViolation200,
+                workCountDecayAvg, workCountTotal, workCountHighWaterMark, workPending,
+                workPendingHighWaterMark},
+               status) {}
 
 TaskStat& TaskStat::operator+=(TaskStat const& other) {
   BRELO_SCHEDULER_ASSERT(taskName_.string() == other.taskName_.string(), taskName_.string(),
                          " != ", other.taskName_.string());
-  taskRunCount += other.taskRunCount;
-  taskTotalRunTime += other.taskTotalRunTime;
-  taskWorkCountTotal += other.taskWorkCountTotal;
-  taskQuantumViolation500 += other.taskQuantumViolation500;
-  taskQuantumViolation200 += other.taskQuantumViolation200;
-  taskWorkCountDecayAvg = other.taskWorkCountDecayAvg;
-  taskWorkPending = other.taskWorkPending;
-  taskLastSchedulingLatency_ = other.taskLastSchedulingLatency_;
+  merge(*this, other);
   taskStatus = other.taskStatus;
-  taskWorkCountHighWaterMark =
-      mergedMark(taskWorkCountHighWaterMark, other.taskWorkCountHighWaterMark);
-  taskWorkPendingHighWaterMark =
-      mergedMark(taskWorkPendingHighWaterMark, other.taskWorkPendingHighWaterMark);
-  taskRunTimeHighWaterMark_ = std::max(taskRunTimeHighWaterMark_, other.taskRunTimeHighWaterMark_);
-  taskSchedulingLatencyHighWaterMark_ =
-      std::max(taskSchedulingLatencyHighWaterMark_, other.taskSchedulingLatencyHighWaterMark_);
   taskCompletedCount += 1;
   return *this;
 }
