@@ -42,7 +42,7 @@ class HelperTest : public testing::Test {
     std::string text = records.take() + result;
     for (auto const& [pattern, replacement] :
          {std::pair{"\n", "|"},
-          {"Brelo/\\w+\\.cpp:\\d+: |\\b(\\w+::)+~?\\w+\\(\\) ", ""},
+          {"Brelo/\\w+/\\w+\\.cpp:\\d+: |\\b(\\w+::)+~?\\w+\\(\\) ", ""},
           {"fd:\\d+", "fd:N"},
           {"\\b0 ([^|]*)\\|Brelo::(\\w+)Exception\\(\"\\1\"\\)$", "$2: $1"}})
       text = std::regex_replace(text, std::regex(pattern), replacement);
