@@ -11,12 +11,12 @@
 #include "Brelo/ConstStringCache.h"
 #include "Brelo/Export.h"
 #include "Brelo/TaskPriority.h"
-#include "Brelo/TaskSchedulerHistory.h"
 #include "Brelo/TaskTimeDuration.h"
 
 namespace Brelo {
 
 class TaskScheduler;
+enum class TaskSchedulerEventType : std::uint8_t;
 
 /// The root of all tasks: names, a priority and the scheduler that the task belongs to.
 ///

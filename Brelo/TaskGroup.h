@@ -4,7 +4,7 @@
 #include <string>
 
 #include "Brelo/Export.h"
-#include "Brelo/TaskScheduler.h"
+#include "Brelo/TaskSchedulerBase.h"
 
 namespace Brelo {
 

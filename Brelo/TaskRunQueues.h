@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 
+#include "Brelo/Export.h"
 #include "Brelo/TaskImpl.h"
 #include "Brelo/TaskPriority.h"
 
@@ -17,7 +18,7 @@ class TaskRunQueues {
   /// Tasks are queued on the persistent list, and picked from the current one, which is the
   /// persistent one at rest. Between the two moves the current list is the temporary one, so
   /// that exactly the tasks of the first move are run, and what is queued meanwhile waits.
-  class TaskRunQueue {
+  class BRELO_EXPORT TaskRunQueue {
    public:
     void enqueue(TaskImpl& task);  ///< at the end; the task is on no queue
     /// Takes a queued task off, to run it or not.
@@ -25,8 +26,11 @@ class TaskRunQueues {
     void removeToRun(TaskImpl& task);
     void removeUnrun(TaskImpl& task);
     /// @}
-    /// The next task of the current list, or null.
-    TaskImpl* first() { return currentRunQueue_->empty() ? nullptr : &currentRunQueue_->front(); }
+    /// The current list has a task; which is the next one.
+    /// @{
+    bool ready() const { return !currentRunQueue_->empty(); }
+    TaskImpl& first() { return currentRunQueue_->front(); }
+    /// @}
 
     /// Tasks on both lists.
     std::int64_t runnableCount() const {
@@ -45,19 +49,12 @@ class TaskRunQueues {
     void moveTemporaryToPersistent();
     /// @}
 
-    /// Picks in a row without a pass to a lower level; kept here for the scheduler.
-    /// @{
-    std::uint32_t consecutiveRuns() const { return consecutiveRuns_; }
-    void consecutiveRunsIs(std::uint32_t runs) { consecutiveRuns_ = runs; }
-    /// @}
-
    private:
     void assertTemporaryEmpty(char const* func) const;
 
     TaskImpl::RunQueueList persistentRunQueue_;
     TaskImpl::RunQueueList temporaryRunQueue_;
     TaskImpl::RunQueueList* currentRunQueue_ = &persistentRunQueue_;
-    std::uint32_t consecutiveRuns_ = 0;
     std::uint64_t scheduledCount_ = 0;
     std::uint64_t runCount_ = 0;
     std::uint64_t runCountBase_ = 0;
@@ -67,6 +64,12 @@ class TaskRunQueues {
   /// @{
   TaskRunQueue& operator[](TaskPriority priority) { return levels_[priority.value()]; }
   TaskRunQueue const& operator[](TaskPriority priority) const { return levels_[priority.value()]; }
+  /// @}
+
+  /// Of the level of that priority: whether a task can be taken now, and how many are queued.
+  /// @{
+  bool ready(TaskPriority priority) const { return (*this)[priority].ready(); }
+  std::uint32_t runnable(TaskPriority priority) const;
   /// @}
 
   /// All levels, `absolute` first.

@@ -9,7 +9,7 @@
 
 #include "Brelo/Export.h"
 #include "Brelo/Platform.h"
-#include "Brelo/TaskScheduler.h"
+#include "Brelo/TaskSchedulerBase.h"
 
 /// While it is not 0, no root checks which thread it is used on. Kept by the application,
 /// and read without synchronisation.
@@ -99,8 +99,8 @@ class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackH
   /// How many events the history holds at most; 100 at first, 0 for none. A change keeps
   /// the newest.
   /// @{
-  unsigned historyEntryCount() const { return history().capacity(); }
-  void historyEntryCountIs(unsigned count) { history().capacityIs(count); }
+  unsigned historyEntryCount() const;
+  void historyEntryCountIs(unsigned count);
   /// @}
   /// Drops all events.
   void clearHistory();

@@ -21,7 +21,7 @@
 #include <utility>
 
 #include "Brelo/Task.h"
-#include "Brelo/TaskSchedulerRoot.h"
+#include "Brelo/TaskScheduler.h"
 
 int checked(int result) {
   if (result < 0) throw std::system_error(errno, std::generic_category());

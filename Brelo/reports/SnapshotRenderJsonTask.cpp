@@ -7,6 +7,7 @@
 
 #include "Brelo/MemTrack.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/TaskSchedulerParts.h"
 
 namespace Brelo {
 
@@ -78,13 +79,13 @@ void TaskScheduler::snapshotRenderJsonAsync(
   if ((flags & O_NONBLOCK) == 0) fcntl(fd, F_SETFL, flags | O_NONBLOCK);
   root().sanityCheckCurrentRunningThread();
   auto const unregister = [this](SnapshotRenderJsonTask* task) {
-    renderJsonTasks_.erase(
+    parts_->renderJsonTasks_.erase(
         std::static_pointer_cast<SnapshotRenderJsonTask>(task->shared_from_this()));
   };
   auto const task = makeTracked<SnapshotRenderJsonTask>(
       this, ownTaskPriority_, fd, std::move(snapshots), unregister, std::move(done));
   task->scheduleTask();
-  renderJsonTasks_.insert(task);
+  parts_->renderJsonTasks_.insert(task);
 }
 
 void TaskScheduler::snapshotRenderJsonAsync(

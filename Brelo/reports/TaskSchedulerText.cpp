@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "Brelo/FdToStream.h"
-#include "Brelo/TaskSchedulerRoot.h"
+#include "Brelo/TaskScheduler.h"
 
 namespace Brelo {
 

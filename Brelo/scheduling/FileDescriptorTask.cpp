@@ -1,9 +1,10 @@
 #include "Brelo/FileDescriptorTask.h"
+#include "Brelo/TaskSchedulerHistory.h"
 
 #include <utility>
 
 #include "Brelo/Assert.h"
-#include "Brelo/TaskScheduler.h"
+#include "Brelo/TaskSchedulerBase.h"
 #include "Brelo/scheduling/FileDescriptorTaskInner.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"

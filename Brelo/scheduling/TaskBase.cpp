@@ -1,6 +1,7 @@
 #include "Brelo/TaskBase.h"
+#include "Brelo/TaskSchedulerHistory.h"
 
-#include "Brelo/TaskScheduler.h"
+#include "Brelo/TaskSchedulerBase.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "Brelo/MemTrack.h"
 #include "Brelo/Task.h"
 #include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"

@@ -1,11 +1,11 @@
 #include "Brelo/TaskImpl.h"
+#include "Brelo/TaskSchedulerHistory.h"
 
 #include "Brelo/TaskGroup.h"
-#include "Brelo/TaskScheduler.h"
+#include "Brelo/TaskSchedulerBase.h"
 #include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"
-#include "Zel/System.h"
 
 namespace Brelo {
 
@@ -102,7 +102,7 @@ void TaskImpl::taskDoRun(TaskTimePoint const& now, TaskTimePoint* finish) {
   BRELO_TRACE(schedulerTrace, 8, "TaskImpl", "Running {}", *this);
   taskRunStartTime_ = now;
   if (taskShouldYieldMode_ == yieldModeVirtualTime) {
-    taskScheduler_->virtualRunStartTimeIs(Zel::System::currentTime());
+    taskScheduler_->virtualRunStarts();
   }
   ++taskRunCount;
   taskCurrentlyRunning_ = true;
@@ -140,7 +140,7 @@ void TaskImpl::taskRunAndRecordFromTest() {
 TaskTimeDuration TaskImpl::taskCurrentRunTime() const {
   BRELO_SCHEDULER_ASSERT(taskCurrentlyRunning_, "Task: ", this, " not currently running");
   if (taskShouldYieldMode_ == yieldModeVirtualTime) {
-    return time2Duration(Zel::System::currentTime() - taskScheduler_->virtualRunStartTime());
+    return time2Duration(taskScheduler_->virtualRunTime());
   }
   return steadyNow() - taskRunStartTime_;
 }

@@ -4,9 +4,8 @@
 
 #include "Brelo/TaskGroup.h"
 #include "Brelo/TaskImpl.h"
-#include "Brelo/TaskScheduler.h"
+#include "Brelo/TaskSchedulerBase.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
-#include "Zel/System.h"
 
 namespace Brelo {
 
@@ -19,10 +18,9 @@ void TaskImpl::doUpdateSchedulingLatency(TaskTimePoint const& now) {
 }
 
 void TaskImpl::accountForRun(TaskTimePoint const& end) {
-  TaskTimeDuration const used =
-      taskShouldYieldMode_ == yieldModeVirtualTime
-          ? time2Duration(Zel::System::currentTime() - taskScheduler_->virtualRunStartTime())
-          : TaskTimeDuration(end - taskRunStartTime_);
+  TaskTimeDuration const used = taskShouldYieldMode_ == yieldModeVirtualTime
+                                    ? time2Duration(taskScheduler_->virtualRunTime())
+                                    : TaskTimeDuration(end - taskRunStartTime_);
   std::int64_t const ns = used.count();
   std::int64_t const quantum = taskQuantum_.count();
   // Divided rather than multiplied, so that no quantum is too large.

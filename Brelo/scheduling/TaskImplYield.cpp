@@ -1,12 +1,12 @@
 // The quantum of a task, and when it is asked to give way.
 
 #include "Brelo/TaskImpl.h"
-#include "Brelo/TaskScheduler.h"
+#include "Brelo/TaskSchedulerBase.h"
+#include "Brelo/TaskSchedulerHistory.h"
 #include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"
 #include "Zel/Rdtsc.h"
-#include "Zel/System.h"
 
 namespace Brelo {
 
@@ -34,8 +34,7 @@ bool TaskImpl::taskShouldYield() const {
     case yieldModeClock:
       return clockSaysYield();
     case yieldModeVirtualTime:
-      return Zel::System::currentTime() - taskScheduler_->virtualRunStartTime() >=
-             static_cast<double>(taskQuantum_.count()) / 1e9;
+      return taskScheduler_->virtualRunTime() >= static_cast<double>(taskQuantum_.count()) / 1e9;
     case yieldModeRatio:
       ++taskTestYieldCount_;
       return taskTestYieldCount_ % taskTestYieldRatioEffective_ == 0;
@@ -63,7 +62,7 @@ void TaskImpl::taskShouldYieldModeIs(TaskShouldYieldMode mode) {
   if (mode == taskShouldYieldMode_) return;
   taskShouldYieldMode_ = mode;
   if (mode == yieldModeVirtualTime && taskCurrentlyRunning_) {
-    taskScheduler_->virtualRunStartTimeIs(Zel::System::currentTime());
+    taskScheduler_->virtualRunStarts();
   }
 }
 

@@ -10,6 +10,12 @@ void TaskRunQueues::TaskRunQueue::enqueue(TaskImpl& task) {
   ++scheduledCount_;
 }
 
+std::uint32_t TaskRunQueues::runnable(TaskPriority priority) const {
+  std::int64_t const runnable = (*this)[priority].runnableCount();
+  BRELO_SCHEDULER_ASSERT(runnable >= 0, "Priority: ", priority, " runnableTasks: ", runnable);
+  return static_cast<std::uint32_t>(runnable);
+}
+
 void TaskRunQueues::TaskRunQueue::removeToRun(TaskImpl& task) {
   ++runCount_;
   BRELO_SCHEDULER_ASSERT(runnableCount() >= 0, "");

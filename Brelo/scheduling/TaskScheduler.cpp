@@ -1,12 +1,14 @@
-#include "Brelo/TaskScheduler.h"
+#include "Brelo/TaskSchedulerBase.h"
 
 #include <algorithm>
-#include <iterator>
 #include <utility>
 
+#include "Brelo/Platform.h"
+#include "Brelo/TaskSchedulerHistory.h"
 #include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"
+#include "Brelo/scheduling/TaskSchedulerParts.h"
 
 namespace Brelo {
 
@@ -18,6 +20,7 @@ TaskScheduler::TaskScheduler(std::string const& name, TaskSchedulerRoot* root,
     : schedulerHistory_(std::move(history)),
       schedulerName_(schedulerHistory_->stringCache().intern(name)),
       taskSchedulerRoot_(root),
+      parts_(std::make_unique<Parts>()),
       schedulerRunRequestTime_(steadyNow()) {}
 
 TaskScheduler::~TaskScheduler() = default;
@@ -29,6 +32,7 @@ void TaskScheduler::taskRegister(TaskImpl* task) {
   BRELO_TRACE(schedulerTrace, 4, "TaskScheduler", "{} Register {}", *this, *task);
   BRELO_SCHEDULER_ASSERT(!task->registered(), "Task: ", task, " already registered");
   registeredTasks_.pushFront(*task);
+  ++registeredTaskCount_;
   tasksPerPriorityInc(task->taskPriority());
   task->taskHistoryInsert(now, TaskSchedulerEventType::create);
 }
@@ -41,6 +45,7 @@ void TaskScheduler::taskUnregister(TaskImpl* task) {
   updateCompletedTaskStats(task);
   BRELO_SCHEDULER_ASSERT(task->registered(), "Task: ", task, " not registered");
   TaskImpl::RegisteredList::unlink(*task);
+  --registeredTaskCount_;
   task->taskHistoryInsert(now, TaskSchedulerEventType::destroy);
 }
 
@@ -99,42 +104,17 @@ void TaskScheduler::handleSchedulerRun() {
 }
 
 TaskImpl* TaskScheduler::pickOneTask(TaskTimePoint const& now, TaskPriority from) {
-  for (unsigned char level = from.value(); level < TaskPriority::levels; ++level) {
-    TaskPriority const priority(level);
-    TaskRunQueues::TaskRunQueue& queue = taskRunQueues_[priority];
-    TaskImpl* const task = queue.first();
-    if (task == nullptr) {
-      queue.consecutiveRunsIs(0);
-      continue;
-    }
-    unsigned const runs = queue.consecutiveRuns();
-    if (attemptLowerPriorityBump(priority, runs)) {
-      TaskPriority const below(static_cast<unsigned char>(level + 1));
-      if (TaskImpl* const lower = pickOneTask(now, below)) {
-        queue.consecutiveRunsIs(0);
-        return lower;
-      }
-    }
-    queue.consecutiveRunsIs(runs + 1);
-    taskSchedulerUnlinkTask(now, queue, task);
-    return task;
-  }
-  return nullptr;
+  TaskPriority const priority = parts_->fairness.pick(taskRunQueues_, from);
+  if (!priority.isLevel()) return nullptr;
+  TaskRunQueues::TaskRunQueue& queue = taskRunQueues_[priority];
+  TaskImpl& task = queue.first();
+  taskSchedulerUnlinkTask(now, queue, &task);
+  return &task;
 }
 
 bool TaskScheduler::attemptLowerPriorityBump(TaskPriority priority,
                                              unsigned consecutiveRuns) const {
-  // By level: one waiting task counts as much as eight of the level below. `absolute` has no
-  // weight since it is never passed over, `scavenge` none since it never causes a pass.
-  static constexpr std::uint32_t weights[] = {0, 64, 8, 1, 0};
-  if (priority != TaskPriority::high && priority != TaskPriority::normal) return false;
-  std::uint32_t lower = 0;
-  for (unsigned char level = priority.value() + 1; level <= TaskPriority::low.value(); ++level) {
-    lower += runnableTaskCount(TaskPriority(level)) * weights[level];
-  }
-  if (lower == 0) return false;
-  std::uint32_t const own = runnableTaskCount(priority) * weights[priority.value()];
-  return lower * consecutiveRuns > own;
+  return Impl::TaskFairness::attemptLowerPriorityBump(taskRunQueues_, priority, consecutiveRuns);
 }
 
 void TaskScheduler::enqueue(TaskImpl& task) {
@@ -170,9 +150,7 @@ void TaskScheduler::taskRunQueuesMoveTemporaryToPersistent() {
 
 std::uint32_t TaskScheduler::runnableTaskCount(TaskPriority priority) const {
   BRELO_SCHEDULER_ASSERT(priority.isLevel(), priority);
-  std::int64_t const runnable = taskRunQueues_[priority].runnableCount();
-  BRELO_SCHEDULER_ASSERT(runnable >= 0, "Priority: ", priority, " runnableTasks: ", runnable);
-  return static_cast<std::uint32_t>(runnable);
+  return taskRunQueues_.runnable(priority);
 }
 
 std::uint32_t TaskScheduler::runnableTaskCount() const {
@@ -188,14 +166,11 @@ std::uint64_t TaskScheduler::runTaskCount(TaskPriority priority) const {
 }
 
 void TaskScheduler::taskForceYieldInTestNotify(TaskImpl* task, bool on) {
-  if (on) {
-    bool const wasEmpty = forcedYieldTasks_.empty();
-    forcedYieldTasks_.insert(task);
-    if (wasEmpty) handleTaskForceYieldInTest();
-  } else {
-    forcedYieldTasks_.erase(task);
-    if (forcedYieldTasks_.empty()) handleTaskForceYieldInTest();
-  }
+  if (parts_->forcedYield.notify(task, on)) handleTaskForceYieldInTest();
+}
+
+bool TaskScheduler::hasForcedYieldTasks() const {
+  return !parts_->forcedYield.empty();
 }
 
 void TaskScheduler::taskShouldYieldModesReevaluate() {
@@ -203,9 +178,12 @@ void TaskScheduler::taskShouldYieldModesReevaluate() {
     task.taskShouldYieldModeReevaluate();
 }
 
-std::uint64_t TaskScheduler::registeredTaskCount() const {
-  return static_cast<std::uint64_t>(
-      std::distance(registeredTasks_.begin(), registeredTasks_.end()));
+void TaskScheduler::virtualRunStarts() {
+  virtualRunStartTime_ = time();
+}
+
+double TaskScheduler::virtualRunTime() const {
+  return time() - virtualRunStartTime_;
 }
 
 std::shared_ptr<_TaskBase> TaskScheduler::taskForTest(std::string const& name) {

@@ -4,7 +4,7 @@
 #include <iomanip>
 
 #include "Brelo/TaskBase.h"
-#include "Brelo/TaskScheduler.h"
+#include "Brelo/TaskSchedulerBase.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {

@@ -8,6 +8,9 @@
 #include <thread>
 
 #include "Brelo/Assert.h"
+#include "Brelo/MemTrack.h"
+#include "Brelo/TaskSchedulerHistory.h"
+#include "Brelo/TaskSchedulerQueueStats.h"
 #include "Brelo/Thread.h"
 #include "Brelo/TimerWheel.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
@@ -221,6 +224,14 @@ TaskSchedulerQueueStats TaskSchedulerRoot::queueStatsRoot() const {
 void TaskSchedulerRoot::doUpdateSchedulerLatency() {
   checkSchedulerLatency();
   schedulerRunRequestTimeIs(steadyNow());
+}
+
+unsigned TaskSchedulerRoot::historyEntryCount() const {
+  return history().capacity();
+}
+
+void TaskSchedulerRoot::historyEntryCountIs(unsigned count) {
+  history().capacityIs(count);
 }
 
 void TaskSchedulerRoot::clearHistory() {

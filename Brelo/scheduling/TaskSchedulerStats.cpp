@@ -1,67 +1,41 @@
 // A scheduler's statistics: of its tasks, of those that have ended, and their two resets.
 
-#include "Brelo/Task.h"
-#include "Brelo/TaskScheduler.h"
+#include <new>
+
+#include "Brelo/MemTrack.h"
+#include "Brelo/TaskSchedulerBase.h"
+#include "Brelo/TaskSchedulerQueueStats.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
+#include "Brelo/scheduling/TaskSchedulerParts.h"
 
 namespace Brelo {
 
-/// Walks the registered tasks in the background, a slice at a time.
-class TaskScheduler::ResetStatsTask : public Task {
- public:
-  ResetStatsTask(TaskScheduler* scheduler, TaskPriority priority)
-      : Task(scheduler, priority, scheduler->schedulerName() + ";ResetStats") {}
-
-  void taskExecute() override {
-    auto const scheduler = taskScheduler();
-    scheduler->handleResetStatsTaskRun();
-  }
-};
-
-namespace {
-
-using CountByPriority = std::map<TaskPriority, std::uint32_t>;
-
-std::uint32_t countOf(CountByPriority const& counts, TaskPriority priority) {
-  auto const found = counts.find(priority);
-  return found == counts.end() ? 0 : found->second;
-}
-
-void decrement(CountByPriority& counts, TaskPriority priority, char const* func) {
-  std::uint32_t& count = counts[priority];
-  if (count == 0) Impl::schedulerFail(func, __LINE__, "Priority: ", priority, " count: ", count);
-  --count;
-}
-
-}  // namespace
-
 std::uint32_t TaskScheduler::tasksPerPriority(TaskPriority priority) const {
-  return countOf(tasksPerPriority_, priority);
+  return parts_->tasksPerPriority_.of(priority);
 }
 
 std::uint32_t TaskScheduler::completedTasksPerPriority(TaskPriority priority) const {
-  return countOf(completedTasksPerPriority_, priority);
+  return parts_->completedTasksPerPriority_.of(priority);
 }
 
 void TaskScheduler::tasksPerPriorityInc(TaskPriority priority) {
-  ++tasksPerPriority_[priority];
+  parts_->tasksPerPriority_.inc(priority);
 }
 
 void TaskScheduler::tasksPerPriorityDec(TaskPriority priority) {
-  decrement(tasksPerPriority_, priority, __func__);
+  parts_->tasksPerPriority_.dec(priority, __func__);
 }
 
 void TaskScheduler::completedTasksPerPriorityInc(TaskPriority priority) {
-  ++completedTasksPerPriority_[priority];
+  parts_->completedTasksPerPriority_.inc(priority);
 }
 
 void TaskScheduler::completedTasksPerPriorityDec(TaskPriority priority) {
-  decrement(completedTasksPerPriority_, priority, __func__);
+  parts_->completedTasksPerPriority_.dec(priority, __func__);
 }
 
 void TaskScheduler::completedTaskStatsInc(ConstStringRef const& name, TaskStat stat) {
-  auto const [kept, inserted] = completedTaskStats_.try_emplace(name, std::move(stat));
-  if (!inserted) kept->second += stat;
+  parts_->completedTaskStats.inc(name, std::move(stat));
 }
 
 void TaskScheduler::updateCompletedTaskStats(TaskImpl* task) {
@@ -73,7 +47,11 @@ void TaskScheduler::updateCompletedTaskStats(TaskImpl* task) {
   BRELO_SCHEDULER_ASSERT(stat.taskCompletedCount == 0, "Task: ", task,
                          " completedCount: ", stat.taskCompletedCount);
   stat.taskCompletedCountIs(1);
-  completedTaskStatsInc(task->taskStatsNameRef(), stat);
+  try {
+    completedTaskStatsInc(task->taskStatsNameRef(), stat);
+  } catch (std::bad_alloc const&) {
+    // The task is in its destructor: it ends, and the first figures of its stats name are lost.
+  }
   BRELO_SCHEDULER_ASSERT(tasksPerPriority(priority) != 0, "Task: ", task,
                          " tasksPerPriority: ", tasksPerPriority(priority));
   tasksPerPriorityDec(priority);
@@ -81,10 +59,7 @@ void TaskScheduler::updateCompletedTaskStats(TaskImpl* task) {
 }
 
 unsigned TaskScheduler::getTaskStats(std::vector<TaskStat>* out, bool includeNeverRun) const {
-  std::size_t registered = 0;
-  for (auto const& [priority, count] : tasksPerPriority_)
-    registered += count;
-  out->reserve(out->size() + registered);
+  out->reserve(out->size() + registeredTaskCount_);
   unsigned skipped = 0;
   for (TaskImpl const& task : registeredTasks_) {
     if (task.taskRunCount == 0 && !includeNeverRun) {
@@ -99,17 +74,7 @@ unsigned TaskScheduler::getTaskStats(std::vector<TaskStat>* out, bool includeNev
 
 unsigned TaskScheduler::getCompletedTaskStats(std::vector<TaskStat>* out,
                                               bool includeNeverRun) const {
-  out->reserve(out->size() + completedTaskStats_.size());
-  unsigned skipped = 0;
-  for (auto const& [name, stat] : completedTaskStats_) {
-    if (stat.taskRunCount == 0 && !includeNeverRun) {
-      ++skipped;
-    } else {
-      out->push_back(stat);
-    }
-  }
-  out->shrink_to_fit();
-  return skipped;
+  return parts_->completedTaskStats.copyTo(out, includeNeverRun);
 }
 
 TaskStat TaskScheduler::taskStatForTest(std::string const& name) const {
@@ -120,10 +85,7 @@ TaskStat TaskScheduler::taskStatForTest(std::string const& name) const {
 }
 
 TaskStat TaskScheduler::completedTaskStatForTest(std::string const& name) const {
-  for (auto const& [kept, stat] : completedTaskStats_) {
-    if (kept.string() == name) return stat;
-  }
-  return {};
+  return parts_->completedTaskStats.of(name);
 }
 
 TaskSchedulerQueueStats TaskScheduler::queueStats() const {
@@ -146,8 +108,8 @@ void TaskScheduler::clearStatsCommon() {
   maxSchedulerSlip_ = {};
   for (auto& queue : taskRunQueues_)
     queue.clearRuns();
-  completedTaskStats_.clear();
-  completedTasksPerPriority_.clear();
+  parts_->completedTaskStats.clear();
+  parts_->completedTasksPerPriority_.clear();
 }
 
 void TaskScheduler::clearStats() {
@@ -157,36 +119,13 @@ void TaskScheduler::clearStats() {
 }
 
 bool TaskScheduler::resetStatsInProgress() const {
-  return resetStatsTask_ != nullptr && resetStatsTask_->taskScheduled();
+  return parts_->resetStatsTask_ != nullptr && parts_->resetStatsTask_->taskScheduled();
 }
 
 void TaskScheduler::resetStats() {
-  if (resetStatsTask_ == nullptr) {
-    resetStatsTask_ = makeTracked<ResetStatsTask>(this, ownTaskPriority_);
-  }
-  resetStatsTask_->scheduleTask();
-  resetStatsBookmark_.unlink();
-  resetStatsBookmark_.insertBefore(registeredTasks_.begin());
-}
-
-void TaskScheduler::handleResetStatsTaskRun() {
-  TaskImpl::RegisteredList::Iterator at(registeredTasks_, resetStatsBookmark_.node());
-  resetStatsBookmark_.unlink();
-  unsigned count = 0;
-  while (at != registeredTasks_.end()) {
-    if (count > 0 && resetStatsTask_->taskShouldYield()) break;
-    at->resetStats();
-    ++count;
-    ++at;
-  }
-  bool const done = at == registeredTasks_.end();
-  if (!done) resetStatsBookmark_.insertBefore(at);
-  resetStatsTask_->taskWorkCountInc(count);
-  if (done) {
-    clearStatsCommon();
-  } else {
-    resetStatsTask_->scheduleTask();
-  }
+  auto& task = parts_->resetStatsTask_;
+  if (task == nullptr) task = makeTracked<ResetStatsTask>(this, ownTaskPriority_);
+  task->restart();
 }
 
 }  // namespace Brelo

@@ -1,9 +1,11 @@
 #include "Brelo/TimerTask.h"
+#include "Brelo/TaskSchedulerHistory.h"
 
 #include <limits>
 #include <utility>
 
-#include "Brelo/TaskScheduler.h"
+#include "Brelo/TaskSchedulerBase.h"
+#include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"
 

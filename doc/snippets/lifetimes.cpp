@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "Brelo/Task.h"
-#include "Brelo/TaskSchedulerRoot.h"
+#include "Brelo/TaskScheduler.h"
 #include "Snippets.h"
 
 using namespace Brelo;

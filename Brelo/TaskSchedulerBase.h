@@ -1,0 +1,266 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Brelo/Export.h"
+#include "Brelo/TaskImpl.h"
+#include "Brelo/TaskRunQueues.h"
+
+namespace Brelo {
+
+class TaskSchedulerHistory;
+class TaskSchedulerPrintContext;
+class TaskSchedulerQueueStats;
+class TaskSchedulerRoot;
+class TaskSchedulerSnapshot;
+
+/// A cooperative scheduler: five run queues, of which each run picks and runs one task.
+///
+/// While anything is runnable exactly one request for a run is outstanding; the run that finds
+/// nothing makes the scheduler idle. Runs are asked for through `requestSchedulerRun()`: the
+/// root (TaskSchedulerRoot) asks the event platform, a group (TaskGroup) the scheduler above.
+///
+/// Owned through shared pointers, by its tasks among others. All of it belongs to the root's
+/// thread; nothing is locked. Wrong use is an assertion, not a result. Clients include
+/// Brelo/TaskScheduler.h, which also has what the operations here take and give.
+class BRELO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
+ public:
+  using TaskRunQueues = Brelo::TaskRunQueues;  ///< what the tasks are queued on
+
+  // What applications call.
+
+  std::string const& schedulerName() const { return schedulerName_.string(); }
+  /// The quantum of tasks made from now on; not checked. 20 ms at first, in a group that of the
+  /// scheduler above.
+  /// @{
+  void defaultTaskQuantumIs(TaskTimeDuration quantum) { defaultTaskQuantum_ = quantum; }
+  TaskTimeDuration defaultTaskQuantum() const { return defaultTaskQuantum_; }
+  /// @}
+  /// Freezes the statistics of this scheduler and of all below it. An empty name stands for the
+  /// scheduler's own; `displayOrder` is for the reader, `TaskSchedulerSnapshot::displayOrderUnset`
+  /// for none. Of a root, `includeHistory` adds the ring of events.
+  std::shared_ptr<TaskSchedulerSnapshot const> snapshot(std::string name, bool includeNeverRun,
+                                                        bool includeCompleted, bool includeHistory,
+                                                        unsigned displayOrder) const;
+  /// A new JSON document on the caller's stream, which must outlive it, or on a blocking
+  /// descriptor; 1 and 2 mean the standard streams.
+  /// @{
+  static std::shared_ptr<TaskSchedulerPrintContext> PrintContextIs(std::ostream& stream);
+  static std::shared_ptr<TaskSchedulerPrintContext> PrintContextIs(int fd, bool closeFd);
+  /// @}
+  /// A whole JSON document of this scheduler and of all below it. A descriptor must be blocking
+  /// and stays open.
+  /// @{
+  void statsRenderJson(std::ostream& stream, bool includeNeverRun, bool includeCompleted,
+                       bool includeHistory) const;
+  std::string statsRenderJsonToString(bool includeNeverRun, bool includeCompleted,
+                                      bool includeHistory) const;
+  void statsRenderJsonToBlockingFdForTest(int fd, bool includeNeverRun, bool includeCompleted,
+                                          bool includeHistory) const;
+  /// @}
+  /// Streams snapshots as one JSON document, however slow the reader is, by two tasks of this
+  /// scheduler. The descriptor is given up: it becomes non-blocking and is closed at the end, after
+  /// which `done` is called on the scheduler's thread. A reader that goes away ends the export
+  /// early and unreported; the process has to ignore SIGPIPE for that. Any other failure of a
+  /// write, ECONNRESET of a TCP socket among them, is an assertion. A reader that never reads keeps
+  /// the export waiting for good.
+  /// @{
+  void snapshotRenderJsonAsync(int fd,
+                               std::vector<std::shared_ptr<TaskSchedulerSnapshot const>> snapshots,
+                               std::function<void()> done);
+  void snapshotRenderJsonAsync(int fd,
+                               std::vector<std::shared_ptr<TaskSchedulerSnapshot const>> snapshots);
+  void snapshotRenderJsonAsync(int fd, std::shared_ptr<TaskSchedulerSnapshot const> snapshot);
+  /// @}
+  /// Zero all figures, at once (of groups in the background), or in the background by a task of
+  /// priority `normal` (in a group that enforces a priority, of that one). A call during a reset
+  /// starts it anew. A scheduler that has done this is not destroyed: the task holds it.
+  /// @{
+  void clearStats();
+  void resetStats();
+  virtual bool resetStatsInProgress() const;  ///< in the background
+  /// @}
+
+  // What tests call.
+
+  /// The first registered task of that name, newest first, or null.
+  std::shared_ptr<_TaskBase> taskForTest(std::string const& name);
+  /// The record of a name, or a default one.
+  /// @{
+  TaskStat taskStatForTest(std::string const& name) const;
+  TaskStat completedTaskStatForTest(std::string const& name) const;
+  /// @}
+
+  // What tasks call.
+
+  /// The top of the tree; a root is its own.
+  TaskSchedulerRoot& root() const { return *taskSchedulerRoot_; }
+  /// The ring of events, which the whole tree shares.
+  /// @{
+  TaskSchedulerHistory& history() const { return *schedulerHistory_; }
+  std::shared_ptr<TaskSchedulerHistory> const& schedulerHistory() const {
+    return schedulerHistory_;
+  }
+  /// @}
+  /// Puts a task that is on no queue on the one of its level.
+  void enqueue(TaskImpl& task);
+  /// Takes a queued task off, unrun.
+  void unscheduleTask(TaskTimePoint const& now, TaskImpl* task);
+  /// Takes a queued task off in order to run it: off the queue given, or that of its level.
+  /// @{
+  void taskSchedulerUnlinkTask(TaskTimePoint const& now, TaskRunQueues::TaskRunQueue& queue,
+                               TaskImpl* task);
+  void taskSchedulerUnlinkTask(TaskTimePoint const& now, TaskImpl* task);
+  /// @}
+  /// The task is made to yield in tests, or not any more.
+  void taskForceYieldInTestNotify(TaskImpl* task, bool on);
+  /// The host's time at the start of the run that is measured by it; what has passed since.
+  /// @{
+  void virtualRunStarts();
+  double virtualRunTime() const;
+  /// @}
+
+  // What the library calls: a run, its steps, and the figures.
+
+  /// Asks for one run; a second request before the run changes nothing.
+  virtual void requestSchedulerRun() = 0;
+  /// The same, with the time from which the slip of the run is counted.
+  void requestSchedulerRunAndRecord(TaskTimePoint const& time);
+  /// Takes the time as the run's start and notes the slip. Returns it.
+  TaskTimePoint checkSchedulerLatency();
+  /// One run: picks and runs at most one task.
+  void handleSchedulerRun();
+  /// Takes the next task of level `from` or below off its queue, or returns null.
+  TaskImpl* pickOneTask(TaskTimePoint const& now, TaskPriority from);
+  /// Whether this pick passes `priority` over for a lower level.
+  bool attemptLowerPriorityBump(TaskPriority priority, unsigned consecutiveRuns) const;
+  /// A run is coming; the one that finds nothing ends this. A rising edge requests it.
+  /// @{
+  void schedulerHasRunnableTasksIs(bool value, TaskTimePoint const& time);
+  bool schedulerHasRunnableTasks() const { return schedulerHasRunnableTasks_; }
+  /// @}
+  /// The two moves of all levels; see TaskRunQueues.
+  /// @{
+  void taskRunQueuesMovePersistentToTemporary();
+  void taskRunQueuesMoveTemporaryToPersistent();
+  /// @}
+  /// The set of tasks that are made to yield became empty or stopped being so.
+  virtual void handleTaskForceYieldInTest() = 0;
+  /// `taskShouldYieldModeReevaluate()` of every task registered here.
+  void taskShouldYieldModesReevaluate();
+  /// A task begins, with a priority that must be a level, or ends and leaves its figures.
+  /// @{
+  virtual void taskRegister(TaskImpl* task);
+  void taskUnregister(TaskImpl* task);
+  /// @}
+  /// Takes over the figures of a task that ends, if they are wanted. Those of a stats name for
+  /// which there is no memory are lost.
+  void updateCompletedTaskStats(TaskImpl* task);
+  /// Merges the record into the one kept under `name`.
+  void completedTaskStatsInc(ConstStringRef const& name, TaskStat stat);
+
+  /// Append a record for each registered task, or for each stats name of ended tasks; those that
+  /// never ran only if asked for. Return how many were left out.
+  /// @{
+  unsigned getTaskStats(std::vector<TaskStat>* out, bool includeNeverRun) const;
+  unsigned getCompletedTaskStats(std::vector<TaskStat>* out, bool includeNeverRun) const;
+  /// @}
+  /// Visits the groups whose parent tasks are registered here, newest first.
+  void forEachTaskGroup(
+      std::function<void(TaskImpl const& parentTask, TaskGroup const& group)> const& visit) const;
+  ConstStringRef const& schedulerNameRef() const { return schedulerName_; }
+  /// By level: tasks queued (of all levels without one); runs since the statistics were cleared;
+  /// live tasks, with those that ended without their figures being kept; tasks ended since the
+  /// statistics were cleared, whose figures were kept. All levels' figures at once. A priority that
+  /// is no level is an assertion for the first two, for the others a count of its own.
+  /// @{
+  std::uint32_t runnableTaskCount(TaskPriority priority) const;
+  std::uint32_t runnableTaskCount() const;
+  std::uint64_t runTaskCount(TaskPriority priority) const;
+  std::uint32_t tasksPerPriority(TaskPriority priority) const;
+  std::uint32_t completedTasksPerPriority(TaskPriority priority) const;
+  TaskSchedulerQueueStats queueStats() const;
+  /// @}
+  /// Change a count by one. Below zero it is an assertion.
+  /// @{
+  void tasksPerPriorityInc(TaskPriority priority);
+  void tasksPerPriorityDec(TaskPriority priority);
+  void completedTasksPerPriorityInc(TaskPriority priority);
+  void completedTasksPerPriorityDec(TaskPriority priority);
+  /// @}
+  std::uint64_t registeredTaskCount() const { return registeredTaskCount_; }  ///< live tasks
+  /// The longest delay between a request for a run and the run.
+  TaskTimeDuration maxSchedulerSlip() const { return maxSchedulerSlip_; }
+
+  virtual ~TaskScheduler();
+
+ protected:
+  /// Idle; `root` and the tree's history are those of the scheduler above, or a root's own.
+  TaskScheduler(std::string const& name, TaskSchedulerRoot* root,
+                std::shared_ptr<TaskSchedulerHistory> history);
+
+  /// Whether a task is made to yield in tests.
+  bool hasForcedYieldTasks() const;
+  /// From when the slip of the next run is counted.
+  void schedulerRunRequestTimeIs(TaskTimePoint const& time) { schedulerRunRequestTime_ = time; }
+  /// The priority of the tasks that the library itself makes on this scheduler.
+  void ownTaskPriorityIs(TaskPriority priority) { ownTaskPriority_ = priority; }
+
+ private:
+  class ResetStatsTask;
+  class SnapshotRenderJsonTask;
+  class SnapshotWriteJsonTask;
+  struct Parts;
+
+  void clearStatsCommon();
+
+  std::shared_ptr<TaskSchedulerHistory> schedulerHistory_;  // outlives all names below
+  ConstStringRef schedulerName_;
+  TaskSchedulerRoot* taskSchedulerRoot_;
+  std::unique_ptr<Parts> parts_;
+  std::shared_ptr<_TaskBase> currentTask_;
+  TaskTimePoint schedulerRunRequestTime_;
+  TaskTimePoint schedulerRunStartTime_;
+  TaskTimeDuration maxSchedulerSlip_;
+  TaskTimeDuration defaultTaskQuantum_{20'000'000};
+  double virtualRunStartTime_ = 0;
+  std::uint64_t registeredTaskCount_ = 0;
+  TaskPriority ownTaskPriority_ = TaskPriority::normal;
+  bool schedulerHasRunnableTasks_ = false;
+  TaskRunQueues taskRunQueues_;
+  TaskImpl::RegisteredList registeredTasks_;  // newest first
+};
+
+/// Writes the scheduler's name and a colon, as does the fmt form. Not for null.
+BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, TaskScheduler const* scheduler);
+
+namespace Impl {
+
+/// What `fmt::formatter` calls for a scheduler.
+BRELO_EXPORT fmt::format_context::iterator formatScheduler(TaskScheduler const& scheduler,
+                                                           fmt::format_context& context);
+
+}  // namespace Impl
+
+}  // namespace Brelo
+
+namespace fmt {
+
+/// Prints a scheduler of any class as the stream form does.
+template <class AnyScheduler>
+struct formatter<AnyScheduler,
+                 std::enable_if_t<std::is_base_of_v<Brelo::TaskScheduler, AnyScheduler>, char>> {
+  /// Takes no format specifier.
+  constexpr auto parse(format_parse_context& context) { return context.begin(); }
+  /// Returns where the text ends.
+  auto format(AnyScheduler const& scheduler, format_context& context) const {
+    return Brelo::Impl::formatScheduler(scheduler, context);
+  }
+};
+
+}  // namespace fmt
