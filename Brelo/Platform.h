@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Brelo/Export.h"
+#include "Brelo/Time.h"
 
 /// The event platform: a one-shot timer, a deferred callback and a descriptor watch, each a pair
 /// of a handler, which the client implements, and a control, which the client holds.
@@ -175,14 +176,6 @@ BRELO_EXPORT bool refCountingEnabled();
 /// @}
 
 }  // namespace Brelo::Platform
-
-namespace Brelo {
-
-/// Seconds since the Unix epoch from the host's clock, which never steps; on every thread and
-/// on either backend.
-BRELO_EXPORT double time();
-
-}  // namespace Brelo
 
 namespace fmt {
 

@@ -4,6 +4,8 @@
 
 #include <cerrno>
 
+#include "Zel/Activity.h"
+
 namespace ZelBrelo {
 
 void ActivityLock::lock() {
@@ -29,3 +31,13 @@ bool ActivityLock::owns_lock() const {
 }
 
 }  // namespace ZelBrelo
+
+namespace Brelo::Platform {
+
+Loco& loco() {
+  static ZelBrelo::ActivityLock lock(
+      Zel::ActivityImplFacility::activityManagerSm()->activityLock());
+  return lock;
+}
+
+}  // namespace Brelo::Platform

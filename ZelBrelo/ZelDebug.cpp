@@ -17,3 +17,11 @@ void ZelDebug::dump(Brelo::Platform::DebugStream& stream, unsigned short level, 
 }
 
 }  // namespace ZelBrelo
+
+namespace Brelo::Platform {
+
+std::shared_ptr<DebugHandler> getDebugHandler(std::string const& name) noexcept {
+  return std::make_shared<ZelBrelo::ZelDebug>(name);
+}
+
+}  // namespace Brelo::Platform

@@ -12,8 +12,8 @@
 #define UNW_LOCAL_ONLY
 #include <libunwind.h>
 
-#include "Brelo/Platform.h"
 #include "Brelo/Thread.h"
+#include "Brelo/Time.h"
 
 namespace Brelo {
 

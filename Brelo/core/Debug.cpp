@@ -3,7 +3,6 @@
 #include <iterator>
 
 #include "Zel/Trace.h"
-#include "ZelBrelo/ZelDebug.h"
 
 namespace Brelo {
 
@@ -16,10 +15,6 @@ DebugStream::DebugStream() {
 DebugHandler::DebugHandler(std::string const& name) : name_(name) {}
 
 DebugHandler::~DebugHandler() = default;
-
-std::shared_ptr<DebugHandler> getDebugHandler(std::string const& name) noexcept {
-  return std::make_shared<ZelBrelo::ZelDebug>(name);
-}
 
 void dumpDebugMsg(std::string_view message, unsigned short level, DebugHandler const& handler,
                   char const* file, char const* func, int line) noexcept {

@@ -108,10 +108,6 @@ bool refCountingEnabled() {
 
 }  // namespace Platform
 
-double time() {
-  return Zel::System::currentTime();
-}
-
 }  // namespace Brelo
 
 auto fmt::formatter<Brelo::Platform::EventPriority>::format(Brelo::Platform::EventPriority priority,
