@@ -55,7 +55,6 @@ void expectThrowsAndFullTracker() {
 }
 
 TEST(Assert, ThrowsOnAnyThreadWithATraceOnlyIfForced) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   BacktraceTracker::enabledIs(true);
   BacktraceTracker::capacityIs(1);
   Brelo::throwOnAssertFailIs(true);
@@ -76,7 +75,6 @@ TEST(Assert, ThrowsOnAnyThreadWithATraceOnlyIfForced) {
 }
 
 TEST(Assert, EndsTheProcessOnAnyThreadWithATraceForcedOrNot) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   BacktraceTracker::enabledIs(true);
   BacktraceTracker::capacityIs(1);
   BacktraceTracker::backtraceIs("full");

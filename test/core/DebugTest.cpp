@@ -14,7 +14,6 @@ using Brelo::DisplayPointer;
 using Brelo::Platform::getDebugHandler;
 
 TEST(Debug, LineCarriesClassFunctionAndPlace) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   BreloTest::TraceRecords records("%n/%l %f:%L %F|%m");
   auto const handler = getDebugHandler("DebugTest");
   DisplayPointer const pointer(reinterpret_cast<void const*>(0xAB12));

@@ -24,7 +24,6 @@ TEST(Thread, HasANameAndSingletonsOfItsOwnAndTheMainOneKeepsItsName) {
       pthread_getname_np(pthread_self(), kernels, sizeof kernels);
       EXPECT_TRUE(threadName() == name && kernels == name) << name;
     }
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_DEATH(threadNameIs("1234567890123456"), "failed:34 for name:1234567890123456");
     useThreadLocalSingletons();
     EXPECT_TRUE(hasThreadLocalSingletons());

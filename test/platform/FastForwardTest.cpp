@@ -142,7 +142,6 @@ TEST(LeFastForward, EachSwitchTellsItsOwnNotifiersAtAChangeAndRefusesTheWrongThr
   EXPECT_TRUE(Brelo::leFastForward());
   Brelo::setLeFastForward(false);
 
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
   auto const unchanged = [] { Brelo::setLeFastForward(false); };
   EXPECT_DEATH(onBackend(Backend::libevent, unchanged), " FastForward invoked from non-main");
   EXPECT_DEATH(onBackend(Backend::libevent, [] { setFastForward(false); }), "ThreadLocal fastF");

@@ -71,8 +71,7 @@ TEST(Libevent, TheLoopIsNotEnteredFromAHandlerAndMessagesAreTracedAsTheyAre) {
   });
 }
 
-TEST(LibeventDeathTest, MisuseEndsTheProcess) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
+TEST(Libevent, MisuseEndsTheProcess) {
   auto const dies = [](auto body, char const* text, Backend backend = Backend::libevent) {
     EXPECT_DEATH(onBackend(backend, body), text);
   };

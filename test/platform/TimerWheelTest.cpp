@@ -104,8 +104,7 @@ TEST_P(TimerWheel, OfOneExactTimeFireInTheOrderOfStartingAndStayBehindAnExceptio
   });
 }
 
-TEST(TimerWheelDeathTest, MisuseEndsTheProcess) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
+TEST(TimerWheel, MisuseEndsTheProcess) {
   auto wheel = newWheel();
   Event event;
   EXPECT_DEATH(Event().setTimeout(wheel, 9.0), "destroyed while inTimerWheel");

@@ -165,7 +165,6 @@ TEST_P(JsonExport, EndsQuietlyWithoutItsReader) {
 }
 
 TEST_P(JsonExport, EndsTheProcessWhereAWriteFailsForAnotherReason) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   run([] {
     auto const root = schedulerRootBrelo();
     Pipe pipe;

@@ -94,7 +94,6 @@ TEST(JsonReport, NestsGroupsAndParsesBack) {
 }
 
 TEST(Snapshot, OutlivesItsTasksAndKnowsItsThread) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
   auto const root = schedulerRootBreloNonShared("top");
   auto task = std::make_shared<IdleTask>(root, TaskPriority::normal, "short-lived");
   auto frozen = root->snapshot("renamed", true, false, true, 7);
@@ -130,7 +129,6 @@ TEST(Snapshot, OutlivesItsTasksAndKnowsItsThread) {
 }
 
 TEST(FdToStream, RefusesWhatItCannotWaitFor) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
   int pipe[2];
   ASSERT_EQ(pipe2(pipe, O_NONBLOCK), 0);
   EXPECT_DEATH(FdToStream(pipe[1], false),

@@ -26,8 +26,7 @@ TEST(ConstStringCache, HoldsExactlyTheStringsInUse) {
   EXPECT_EQ(cache.size(), 0u);
 }
 
-TEST(ConstStringCacheDeathTest, StopsAtBrokenCounts) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+TEST(ConstStringCache, StopsAtBrokenCounts) {
   std::optional<ConstStringCache> cache(std::in_place);
   ConstStringRef::Elem const stranger(&*cache, "stranger");
   EXPECT_DEATH(stranger.refCountDec(), "ConstStringRef::refCountDec\\(\\) ");

@@ -134,8 +134,7 @@ TEST_F(FileDescriptorTask, FiguresArePerDirection) {
   EXPECT_TRUE(task->taskQuantum() == write->taskQuantum() && !task->taskSuspended());
 }
 
-TEST_F(FileDescriptorTask, WrongUseEndsTheProcessDeathTest) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+TEST_F(FileDescriptorTask, WrongUseEndsTheProcess) {
   task->taskWatchFdIs(pair.near());
   EXPECT_DEATH(task->writeFdEvent(pair.near()), "called with taskWatchWritable off");
   EXPECT_DEATH(task->taskWorkPendingWritableIs(1), "WriteTask not created");

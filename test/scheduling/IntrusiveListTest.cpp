@@ -15,7 +15,6 @@ struct Item {
 using List = Brelo::BookmarkList<Item, Brelo::BookmarkListLinkNode<Item>, &Item::link, void>;
 
 TEST(IntrusiveList, KeepsOrderAndBookmarksWhileElementsComeAndGo) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   Item a{'a'}, c{'c'};
   std::optional<Item> b(Item{'b'});
   std::optional<List> list(std::in_place);

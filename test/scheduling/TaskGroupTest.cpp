@@ -17,8 +17,6 @@ auto makeGroup(char const* name, std::shared_ptr<Brelo::TaskScheduler> above) {
 }
 
 struct TaskGroup : testing::Test {
-  TaskGroup() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-
   std::shared_ptr<Brelo::TaskSchedulerRoot> root = Brelo::schedulerRootBreloNonShared("root");
   std::shared_ptr<Brelo::TaskGroup> group = makeGroup("group", root);
   std::shared_ptr<Brelo::TaskImpl> parent = registeredTask(*root, "TaskGroup;group");
@@ -69,7 +67,7 @@ TEST_F(TaskGroup, MayBeDroppedFromInsideOneOfItsTasks) {
   EXPECT_TRUE(last.expired());
 }
 
-TEST_F(TaskGroup, AnOrphanedParentRunsEmptyDeathTest) {
+TEST_F(TaskGroup, AnOrphanedParentRunsEmpty) {
   task.reset();
   group->requestSchedulerRun();
   group.reset();
@@ -90,7 +88,7 @@ TEST_F(TaskGroup, ASuspendedRootStopsTheRunsOfASliceThatIsUnderWay) {
   EXPECT_EQ(next->taskRunCount, 1U);
 }
 
-TEST_F(TaskGroup, AnExceptionLeavesTheRestForTheNextRequestOrShowsAtTheNextMoveDeathTest) {
+TEST_F(TaskGroup, AnExceptionLeavesTheRestForTheNextRequestOrShowsAtTheNextMove) {
   auto const next = workTask(group, "next");
   task->work = [](WorkTask&) { throw 1; };
   for (bool const multipleRuns : {true, false}) {
@@ -104,7 +102,7 @@ TEST_F(TaskGroup, AnExceptionLeavesTheRestForTheNextRequestOrShowsAtTheNextMoveD
   EXPECT_DEATH(group->taskGroupRunFromTest(), "temporary run queue should always be empty");
 }
 
-TEST_F(TaskGroup, AnEnforcedPriorityBindsAllButTheLibrarysOwnTasksDeathTest) {
+TEST_F(TaskGroup, AnEnforcedPriorityBindsAllButTheLibrarysOwnTasks) {
   // A scheduler that has reset its statistics lives on with its reset task.
   static auto const low = Brelo::TaskGroup::TaskGroupIs("low", TaskPriority::low, true, root);
   EXPECT_DEATH(makeGroup("g", low), "taskPriority\\( normal \\) != taskGroupPriority\\( low \\)");

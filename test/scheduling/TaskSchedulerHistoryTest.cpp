@@ -13,7 +13,6 @@ namespace {
 using Type = Brelo::TaskSchedulerEventType;
 
 TEST(History, KeepsTheNewestEventsAndTheirNames) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   auto const root = Brelo::schedulerRootBreloNonShared("root");
   auto task = BreloTest::workTask(root, "job");
   Brelo::TaskSchedulerHistory history(3);

@@ -30,8 +30,7 @@ TEST(Root, EachThreadHasOneOfItsOwn) {
   EXPECT_TRUE(ofThread.expired()) << "a root dies with its thread";
 }
 
-TEST(RootDeathTest, IsUsedOnItsOwnThreadOnlyWithThreeExcuses) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+TEST(Root, IsUsedOnItsOwnThreadOnlyWithThreeExcuses) {
   auto const root = schedulerRootBreloNonShared("r");
   auto const task = workTask(root, "a");
   auto const onThread = [](auto body) { std::thread(body).join(); };

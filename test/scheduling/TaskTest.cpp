@@ -25,7 +25,6 @@ class Task : public testing::Test {
  protected:
   std::shared_ptr<CountingRoot> const root = std::make_shared<CountingRoot>("r");
 };
-using TaskDeathTest = Task;
 
 TEST_F(Task, UnschedulingTheOnlyTaskLeavesOneEmptyRun) {
   auto const task = workTask(root, "a");
@@ -155,8 +154,7 @@ TEST_P(TaskOnLoop, ExceptionLeavesTheSchedulerStandingUntilARunIsRequested) {
   });
 }
 
-TEST_F(TaskDeathTest, WrongUseEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+TEST_F(Task, WrongUseEndsTheProcess) {
   auto const task = std::make_shared<HookedTask>(root, TaskPriority::normal, "a");
   EXPECT_DEATH(workTask(root, "b", {}, TaskPriority(5)), "`invalidPriority=5' failed");
   EXPECT_DEATH(workTask(nullptr, "b"), "Brelo/TaskScheduler:.*`Need a TaskScheduler' failed");

@@ -80,8 +80,7 @@ TEST_F(TaskYield, ARatioForcesAllGroupsAboveWinsOverTheRootsAndCountsInEightBits
   EXPECT_TRUE(top->taskForceYieldInTest());
 }
 
-TEST_F(TaskYield, QuantaHaveBoundsAndQuestionsATimeDeathTest) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+TEST_F(TaskYield, QuantaHaveBoundsAndQuestionsATime) {
   EXPECT_DEATH(task->taskQuantumIs(1'000'000'001ns), "Quantum: 1000000001");
   task->taskRunFromTest();
   EXPECT_DEATH(task->taskShouldYield(), "taskCurrentlyRunning: 0 taskRunCount: 1");

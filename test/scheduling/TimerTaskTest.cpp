@@ -103,8 +103,7 @@ TEST_F(TimerTask, RunsComeInTheOrderOfTheirTimesAndSuspensionKeepsThem) {
   Brelo::Platform::doEventLoop();
 }
 
-TEST_F(TimerTask, BadDelaysAndPercentagesEndTheProcessDeathTest) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+TEST_F(TimerTask, BadDelaysAndPercentagesEndTheProcess) {
   EXPECT_DEATH(timer->scheduleTaskLowestDelay(HUGE_VAL), "delayIntoFuture: inf");
   EXPECT_DEATH(timer->scheduleTaskJitterUp(1.0, 101), "maxJitterPercentage: e > 100");
 }
