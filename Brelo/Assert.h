@@ -9,7 +9,8 @@
 #include "Brelo/Export.h"
 
 /// What must never happen: a failed assertion traces its text at level 0 and then either ends
-/// the process or throws an `AssertException`. Any thread may assert; nothing here returns.
+/// the process or throws an `AssertException`. Any thread may assert; nothing here returns or
+/// throws anything else, whatever has become of standard error.
 ///
 /// | throwOnAssertFail | forceTraceOnAssert | traced at level 0 | then                           |
 /// |-------------------|--------------------|-------------------|--------------------------------|

@@ -26,7 +26,11 @@ char const* AssertException::name() const noexcept {
 
 void AssertException::throwException(std::string const& message) {
   if (throwOnAssertFail) throw AssertException(message);
-  fmt::print(stderr, "Brelo::Assert aborting because: {}\n", message);
+  try {
+    fmt::print(stderr, "Brelo::Assert aborting because: {}\n", message);
+  } catch (...) {
+    // Nobody may read standard error, but that does not save the process.
+  }
   std::terminate();
 }
 
@@ -52,10 +56,13 @@ void Impl::vfmassert(char const* cls, char const* file, char const* func, int li
 
 void debugAndAssert(Platform::DebugHandler& handler, Platform::DebugStream& stream,
                     char const* file, char const* func, int line) {
-  Platform::DebugStream text;
-  text << file << ":" << func << ":" << line << ": " << stream.str();
-  if (traceWanted()) handler.dump(text, 0, file, func, line);
-  AssertException::throwException(text.str());
+  auto const tracedText = [&]() noexcept {
+    Platform::DebugStream text;
+    text << file << ":" << func << ":" << line << ": " << stream.str();
+    if (traceWanted()) handler.dump(text, 0, file, func, line);
+    return text.str();
+  };
+  AssertException::throwException(tracedText());
 }
 
 void debugAndAssert(Platform::DebugStream& stream, char const* file, char const* func, int line) {

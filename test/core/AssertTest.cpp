@@ -1,13 +1,18 @@
 #include "Brelo/Assert.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <csignal>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Brelo/Backtrace.h"
+#include "support/ChildProcess.h"
 #include "support/TraceRecords.h"
 
 using Brelo::BacktraceTracker;
@@ -91,6 +96,46 @@ TEST(Assert, EndsTheProcessOnAnyThreadWithATraceForcedOrNot) {
   }
   EXPECT_DEATH(Brelo::fmassert(nullptr, "f.cpp", "func", 12, "{} < {}", 1, 2),
                HasSubstr("Assert/0 f.cpp:12 f.cpp:12: 1 < 2\n"));
+}
+
+/// A pipe that does not block and takes one long record, but not another.
+void standardErrorIsAlmostFullPipe() {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+  ASSERT_EQ(fcntl(ends[0], F_SETPIPE_SZ, 4096), 4096);
+  dup2(ends[1], STDERR_FILENO);
+}
+
+void standardErrorIsBrokenPipe() {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  dup2(ends[1], STDERR_FILENO);
+  close(ends[0]);
+}
+
+TEST(Assert, IsNotSurvivedWhereStandardErrorTakesNothing) {
+  signal(SIGPIPE, SIG_IGN);
+  std::string const text(3000, 'x');
+  void (*const fates[])() = {[] { close(STDERR_FILENO); },
+                             [] { dup2(open("/dev/full", O_WRONLY), STDERR_FILENO); },
+                             standardErrorIsBrokenPipe, standardErrorIsAlmostFullPipe};
+  std::function<void()> const failures[] = {
+      [&] { Brelo::fmassert(nullptr, "f.cpp", "func", 12, "{}", text); },
+      [&] {
+        Brelo::Platform::DebugStream stream;
+        stream << text;
+        Brelo::debugAndAssert(stream, "f.cpp", "func", 12);
+      }};
+  for (auto const& fate : fates) {
+    for (auto const& failure : failures) {
+      EXPECT_EXIT((fate(), failure()), testing::KilledBySignal(SIGABRT), "");
+      EXPECT_TRUE(BreloTest::passesInChild([&] {
+        Brelo::throwOnAssertFailIs(true);
+        fate();
+        EXPECT_THROW(failure(), Brelo::AssertException);
+      }));
+    }
+  }
 }
 
 }  // namespace
