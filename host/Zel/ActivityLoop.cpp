@@ -58,7 +58,6 @@ class ActivityLoop::Hold {
 struct ActivityLoop::Run {
   Hold hold;
   std::optional<double> end;
-  DescriptorSet::Found found;
 };
 
 // One pass of the loop:
@@ -66,12 +65,16 @@ struct ActivityLoop::Run {
 // 1. Look at the descriptors: without waiting if a clock notifiee is due, and otherwise
 //    until one becomes ready, the first notifiee is due or the execution time is over. Under
 //    virtual time do not wait but, if nothing is ready, move the clock. The activity lock is
-//    let go of during a wait. What is due now, after the wait, belongs to this pass.
-// 2. Tell the time to every notifiee that is due, the earliest `timeMin` first, among equals
-//    the one that asked first. It is disarmed before it is told. One that a handler disarms
-//    or arms anew is passed over, and in the latter case waits for a later pass.
-// 3. Tell the descriptors what step 1 found, readable before writable. One that a handler
+//    let go of during a wait. The time after the wait is the time of this pass.
+// 2. Tell the descriptors what step 1 found, readable before writable. One that a handler
 //    has unbound, bound or turned off since is passed over.
+// 3. Tell the time to every notifiee that is due, those included that step 2 armed for a time
+//    already past: the earliest `timeMin` first, among equals the one that asked first. It is
+//    disarmed before it is told. One that a handler of this step disarms or arms anew is
+//    passed over, and in the latter case waits for a later pass.
+//
+// So a readiness and the run that it asks for share a pass, and the readiness is not reported
+// once more after that run has drained it.
 //
 // A pass that begins at the end of the execution time or later is the last one, so what has
 // been armed for a time before the end is told.
@@ -79,32 +82,43 @@ struct ActivityLoop::Run {
 // Not ordered: descriptors among each other, except that objects on one number are told in
 // the order of binding. Nothing is looked at again between step 1 and the end of step 3.
 //
-// A run inside a handler takes over what is left of step 2; step 3 of the outer pass goes on
-// after it with what its own step 1 found. After an exception the next pass, in whatever
-// run, goes on with what is left of step 2 and finds anew what is left of step 3.
+// A run inside a handler, or the first one after an exception, begins with what the pass that
+// was interrupted has left of steps 2 and 3. So nobody who throws at each pass keeps the others
+// from being told.
 bool ActivityLoop::pass(Run& run) {
   if (run.end || clock_.undecided()) clock_.nowIs(System::currentTime());
-  descriptors_.prepare(run.found);
+  descriptors_.prepare();
   clock_.collect();
   if (clock_.due()) {
     run.hold.shareIfWanted();
-    descriptors_.poll(run.found);
+    descriptors_.poll();
   } else if (!waitForFirst(run)) {
     return false;
   }
-
   double const began = clock_.now();
-  while (clock_.tellNext()) {
-  }
-  descriptors_.deliver(run.found);
+  tell();
   return !run.end || began < *run.end;
 }
 
+/// Steps 2 and 3.
+void ActivityLoop::tell() {
+  if (descriptors_.found()) {
+    descriptors_.deliver();
+    clock_.collect();
+  }
+  while (clock_.tellNext()) {
+  }
+}
+
 void ActivityLoop::run() {
-  Run run{Hold(lock_), std::nullopt, {}};
+  Run run{Hold(lock_), std::nullopt};
   if (auto const seconds = config_.takeExecutionTime()) {
     run.end = System::currentTime() + std::max(*seconds, 0.0);
     if (*seconds < infinity) run.end = std::min(*run.end, ClockQueue::lastTime);
+  }
+  if (descriptors_.found() || clock_.due()) {
+    clock_.collect();
+    tell();
   }
   while (pass(run)) {
   }
@@ -122,7 +136,7 @@ bool ActivityLoop::waitForFirst(Run& run) {
   bool const skip = config_.virtualTime();
   std::int64_t const left = roundUpToNanoseconds(std::max(first - clock_.now(), 0.0));
   look(run, skip ? 0 : left);
-  if (skip && run.found.count == 0) advanceCurrentTime(left);
+  if (skip && !descriptors_.found()) advanceCurrentTime(left);
   clock_.nowIs(System::currentTime());
   clock_.collect();
   return true;
@@ -130,10 +144,10 @@ bool ActivityLoop::waitForFirst(Run& run) {
 
 void ActivityLoop::look(Run& run, std::int64_t nanoseconds) {
   if (nanoseconds == 0 || descriptors_.isReady()) {
-    descriptors_.poll(run.found);
+    descriptors_.poll();
   } else {
-    run.hold.letGoDuring([&] { descriptors_.wait(run.found, nanoseconds); });
-    descriptors_.sift(run.found);
+    run.hold.letGoDuring([&] { descriptors_.wait(nanoseconds); });
+    descriptors_.sift();
   }
 }
 

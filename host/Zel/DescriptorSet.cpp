@@ -60,7 +60,7 @@ void DescriptorSet::wantsLess(FileDescriptor const& descriptor) {
   watched.tooMuch = true;
 }
 
-void DescriptorSet::prepare(Found& found) {
+void DescriptorSet::prepare() {
   for (int const number : tooMuch_) {
     Watch& watched = watch(number);
     watched.tooMuch = false;
@@ -78,18 +78,18 @@ void DescriptorSet::prepare(Found& found) {
       throw std::system_error(error, std::generic_category(), "failed to renew the epoll set");
     }
   }
-  found.count = 0;
-  found.look = ++looks_;
+  count_ = told_ = 0;
+  ++looks_;
 }
 
-void DescriptorSet::wait(Found& found, std::int64_t nanoseconds) {
+void DescriptorSet::wait(std::int64_t nanoseconds) {
   // The kernel may stretch a wait by a thousandth of its length. What is left out here is
   // waited for once more, and being short, precisely.
   if (nanoseconds > 50 * millisecond) nanoseconds -= nanoseconds / 500;
   timespec const limit{nanoseconds / second, nanoseconds % second};
   timespec const* const limitOrNone = nanoseconds == forEver ? nullptr : &limit;
-  note(found, polled_ == 0 ? ppoll(nullptr, 0, limitOrNone, nullptr)
-                           : waitInSet(found.events.data(), capacity(), limitOrNone));
+  note(polled_ == 0 ? ppoll(nullptr, 0, limitOrNone, nullptr)
+                    : waitInSet(found_.data(), capacity(), limitOrNone));
 }
 
 void DescriptorSet::noteError() {
@@ -111,7 +111,7 @@ int DescriptorSet::waitInSet(epoll_event* events, int capacity, timespec const* 
                     static_cast<int>(std::min<std::int64_t>(milliseconds, INT_MAX)));
 }
 
-void DescriptorSet::sift(Found& found) {
+void DescriptorSet::sift() {
   // A number that was closed while a duplicate keeps its file open stays in the epoll set,
   // out of reach: only a new set is rid of it.
   auto const isStale = [this](epoll_event const& event) {
@@ -119,27 +119,28 @@ void DescriptorSet::sift(Found& found) {
     return watched.events == 0 || watched.alwaysReady ||
            watched.generation != static_cast<std::uint32_t>(event.data.u64 >> 32);
   };
-  auto* const begin = found.events.data();
-  auto* const end = std::remove_if(begin, begin + found.count, isStale);
-  if (end != begin + found.count) stale_ = true;
-  found.count = static_cast<std::size_t>(end - begin);
+  auto* const begin = found_.data();
+  auto* const end = std::remove_if(begin, begin + count_, isStale);
+  if (end != begin + count_) stale_ = true;
+  count_ = static_cast<std::size_t>(end - begin);
 
-  std::size_t const room = found.events.size() - found.count;
+  std::size_t const room = found_.size() - count_;
   for (std::size_t left = std::min(alwaysReady_.size(), room); left != 0; --left) {
     turn_ = (turn_ + 1) % alwaysReady_.size();
-    epoll_event& event = found.events[found.count++];
+    epoll_event& event = found_[count_++];
     event.events = EPOLLIN | EPOLLOUT;
     event.data.u64 = static_cast<std::uint32_t>(alwaysReady_[turn_]);
   }
 }
 
-void DescriptorSet::deliver(Found const& found) {
-  for (std::size_t i = 0; i < found.count; ++i) {
-    std::uint32_t const events = found.events[i].events;
-    std::uint64_t const key = found.events[i].data.u64;
-    forEach(watch(static_cast<int>(key)).descriptors, [&](FileDescriptor& descriptor) {
+void DescriptorSet::deliver() {
+  while (found()) {
+    epoll_event const event = found_[told_++];
+    std::uint64_t const look = looks_;
+    forEach(watch(static_cast<int>(event.data.u64)).descriptors, [&](FileDescriptor& descriptor) {
+      if (look != looks_) return;  // a handler has run the loop, which has looked anew
       Ptr<FileDescriptor> const alive(&descriptor);
-      descriptor.readyIs(events, found.look);
+      descriptor.readyIs(event.events, look);
     });
   }
 }

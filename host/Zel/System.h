@@ -17,8 +17,8 @@ ZEL_EXPORT double currentTime();
 ///
 /// Handlers run inside, with the activity lock held. What a handler throws leaves from here,
 /// and the loop can be entered again; nothing that was due or ready is lost by it. May be
-/// called from inside a handler: the inner run also serves what the outer one had found due.
-/// One thread at a time. Throws `std::system_error` if the system refuses an epoll set.
+/// called from inside a handler: the inner run begins with what the outer one had found due or
+/// ready. One thread at a time. Throws `std::system_error` if the system refuses an epoll set.
 ZEL_EXPORT void doRun();
 
 /// The value of an environment variable, empty if it is not set. Any thread, while nobody

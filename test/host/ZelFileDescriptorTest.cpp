@@ -7,6 +7,8 @@
 #include <ctime>
 #include <functional>
 #include <random>
+#include <stdexcept>
+#include <string>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -133,6 +135,64 @@ TEST(ZelFileDescriptor, RandomChangesAgreeWithPollAlsoInAForkedChild) {
   EXPECT_TRUE(BreloTest::passesInChild([&] { watches.run(4000); }));
   EXPECT_TRUE(BreloTest::passesInChild([&] { watches.watches.clear(); }));
   watches.run(4000);
+}
+
+struct ClockWatch : Zel::Clock::NotifieeConst {
+  explicit ClockWatch(std::function<void()> doing) : told(std::move(doing)) {
+    notifierIs(Zel::activityManager()->clock());
+    isRegisteredNotifieeIs(true);
+  }
+  void onAttribute(Zel::AttributeId, void const*) override { told(); }
+  std::function<void()> told;
+};
+
+TEST(ZelFileDescriptor, AReadinessAndTheCallThatItAsksForShareAPass) {
+  std::string told;
+  int const event = eventfd(1, EFD_NONBLOCK);
+  Zel::Ptr<ClockWatch> const clock(new ClockWatch([&] {
+    told += 'c';
+    clock->timeMinIs(0.0);  // belongs to the next pass
+    eventfd_t taken;
+    eventfd_read(event, &taken);
+  }));
+  WatchPtr const watch(new Watch(event, [&](Watch&, bool) {
+    told += 'd';
+    clock->timeMinIs(0.0);
+  }));
+  runFor(0);
+  EXPECT_EQ(told, "dc");
+  runFor(0);
+  EXPECT_EQ(told, "dcc");
+}
+
+TEST(ZelFileDescriptor, WhoThrowsAtEachPassKeepsNobodyFromBeingTold) {
+  std::vector<int> times(4);
+  auto const tell = [&](std::size_t who) {
+    ++times[who];
+    throw std::runtime_error("told");
+  };
+  Zel::Ptr<ClockWatch> const clock(new ClockWatch([&] { clock->timeMinIs(0.0), tell(0); }));
+  clock->timeMinIs(0.0);
+  std::vector<WatchPtr> watches;
+  for (std::size_t i = 1; i < times.size(); ++i)
+    watches.push_back(new Watch(eventfd(1, 0), [&tell, i](Watch&, bool) { tell(i); }));
+  for (int runs = 0; runs < 8; ++runs)
+    EXPECT_THROW(runFor(0), std::runtime_error);
+  EXPECT_EQ(times, std::vector<int>(4, 2));
+}
+
+TEST(ZelFileDescriptor, ARunInsideAHandlerTakesOverWhatThePassHasFound) {
+  std::vector<WatchPtr> watches;
+  for (int i = 0; i < 3; ++i) {
+    watches.push_back(new Watch(eventfd(1, EFD_NONBLOCK), [&](Watch& told, bool) {
+      eventfd_t taken;
+      EXPECT_EQ(eventfd_read(told.object->descriptor(), &taken), 0) << "told of what has gone";
+      runFor(0);
+    }));
+  }
+  runFor(0);
+  for (WatchPtr const& watch : watches)
+    EXPECT_EQ(watch->times, 1);
 }
 
 TEST(ZelFileDescriptor, NumberClosedTooEarlyKeepsNothingBusy) {

@@ -6,6 +6,8 @@
 #include <random>
 #include <stdexcept>
 
+#include "Brelo/FileDescriptorTask.h"
+#include "Brelo/TaskScheduler.h"
 #include "support/Backend.h"
 #include "support/Handlers.h"
 
@@ -118,6 +120,31 @@ TEST_P(Platform, AWatchFollowsItsDescriptorAndKeepsItsWishes) {
     watch.control->setReads(false);
     shutdown(silent.near(), SHUT_RDWR);
     doEventLoop();  // with neither direction wanted the hang-up is nobody's affair
+  });
+}
+
+TEST_P(Platform, EachMessageIsOneRunOfADescriptorTask) {
+  run([] {
+    struct Reader : Brelo::FileDescriptorTask {
+      using FileDescriptorTask::FileDescriptorTask;
+      void taskExecuteReadable() override {
+        char byte;
+        messages += read(taskWatchFd(), &byte, 1) == 1;
+      }
+      void taskExecuteWritable() override {}
+      unsigned messages = 0;
+    };
+    SocketPair pair;
+    auto const root = Brelo::schedulerRootBreloNonShared("root");
+    auto const task = std::make_shared<Reader>(root, Brelo::TaskPriority::normal, "reader");
+    task->taskWatchFdIs(pair.near());
+    for (unsigned sent = 1; sent <= 1000; ++sent) {
+      pair.send();
+      for (int passes = 0; passes < 4; ++passes)
+        doEventLoop(0.0);
+      ASSERT_EQ(task->messages, sent);
+    }
+    EXPECT_EQ(task->taskRunCountReadable(), 1000U);
   });
 }
 

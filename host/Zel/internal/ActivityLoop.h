@@ -12,8 +12,8 @@ namespace Zel {
 /// The loop behind `System::doRun()`.
 ///
 /// One in the process. It keeps nothing between passes, so that a run can begin inside
-/// another and an exception can leave one anywhere; what is armed, due and watched is with
-/// the queue and the set.
+/// another and an exception can leave one anywhere; what is armed, due, watched and found is
+/// with the queue and the set.
 class ActivityLoop {
  public:
   ActivityLoop(ActivityManagerConfig& config, ClockQueue& clock, DescriptorSet& descriptors,
@@ -29,6 +29,7 @@ class ActivityLoop {
   [[gnu::always_inline]] inline bool pass(Run& run);  ///< false: it was the last
   bool waitForFirst(Run& run);
   void look(Run& run, std::int64_t nanoseconds);
+  void tell();
 
   ActivityManagerConfig& config_;
   ClockQueue& clock_;

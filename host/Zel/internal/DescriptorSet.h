@@ -24,13 +24,6 @@ namespace Zel {
 /// by a forked child once more. Operations that return an int return an errno, or 0.
 class DescriptorSet {
  public:
-  /// What one look has found, good for one `deliver`.
-  struct Found {
-    std::array<epoll_event, 128> events;
-    std::size_t count = 0;
-    std::uint64_t look = 0;
-  };
-
   static constexpr std::int64_t forEver = -1;
 
   /// The descriptor's number is taken to be open. After an error it is not bound.
@@ -42,7 +35,7 @@ class DescriptorSet {
   int wantsMore(FileDescriptor const& descriptor);
   void wantsLess(FileDescriptor const& descriptor);
 
-  /// Something can become ready. Exact between `prepare` and `deliver`.
+  /// Something can become ready. Exact after `prepare`, until a wish changes.
   bool watching() const { return polled_ != 0 || !alwaysReady_.empty(); }
   /// A look would not wait.
   bool isReady() const { return !alwaysReady_.empty(); }
@@ -52,16 +45,19 @@ class DescriptorSet {
   /// A look is `prepare` and then `poll`, or `wait` and `sift`. `wait`, the only one that may
   /// block, touches nothing but the epoll set; it waits for so many nanoseconds, and may end early
   /// with nothing found.
-  void prepare(Found& found);
-  void poll(Found& found) {
-    if (polled_ != 0) note(found, epollNow(epoll_, found.events.data(), capacity()));
-    if (found.count != 0 || isReady()) sift(found);
+  void prepare();
+  void poll() {
+    if (polled_ != 0) note(epollNow(epoll_, found_.data(), capacity()));
+    if (count_ != 0 || isReady()) sift();
   }
-  void wait(Found& found, std::int64_t nanoseconds);
-  void sift(Found& found);
+  void wait(std::int64_t nanoseconds);
+  void sift();
 
-  /// Tells the descriptors what was found for them, except what has been turned on since.
-  void deliver(Found const& found);
+  /// The latest look has found something that has not been told.
+  bool found() const { return told_ != count_; }
+  /// Tells what the latest look has found, each once, except to what has been turned on since. An
+  /// exception leaves the rest found, and a call inside another one takes over from it.
+  void deliver();
 
   /// In a forked child: gives up the epoll set, which is still the parent's, too.
   void forked() noexcept;
@@ -84,12 +80,12 @@ class DescriptorSet {
   void record(int number, std::uint32_t events, bool alwaysReady);
   /// How much a look may find in the epoll set: half at least, and room for the others.
   int capacity() const {
-    constexpr std::size_t most = std::tuple_size_v<decltype(Found::events)>;
+    constexpr std::size_t most = std::tuple_size_v<decltype(found_)>;
     return static_cast<int>(most - std::min(alwaysReady_.size(), most / 2));
   }
-  static void note(Found& found, int count) {
+  void note(int count) {
     if (count < 0) return noteError();
-    found.count = static_cast<std::size_t>(count);
+    count_ = static_cast<std::size_t>(count);
   }
   static void noteError();
   int renew();
@@ -104,6 +100,9 @@ class DescriptorSet {
   std::vector<int> alwaysReady_;  ///< numbers
   std::size_t turn_ = 0;          ///< among `alwaysReady_`
   std::vector<int> tooMuch_;      ///< numbers
+  std::array<epoll_event, 128> found_;
+  std::size_t count_ = 0;  ///< of what was found
+  std::size_t told_ = 0;   ///< of these
 };
 
 DescriptorSet& descriptorSet();
