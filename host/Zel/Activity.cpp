@@ -9,6 +9,7 @@
 #include "Zel/internal/ActivityLoop.h"
 #include "Zel/internal/ClockQueue.h"
 #include "Zel/internal/DescriptorSet.h"
+#include "Zel/internal/TimerSlack.h"
 
 namespace Zel {
 namespace {
@@ -42,6 +43,7 @@ void beforeFork() {
 void inForkedChild() {
   runtime().sm->activityLock()->forkedIs(heldWhenForking);
   runtime().descriptors.forked();
+  TimerSlack::forked();
 }
 
 }  // namespace

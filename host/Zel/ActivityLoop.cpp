@@ -8,6 +8,7 @@
 
 #include "Zel/System.h"
 #include "Zel/internal/SystemClock.h"
+#include "Zel/internal/TimerSlack.h"
 
 namespace Zel {
 namespace {
@@ -58,6 +59,7 @@ class ActivityLoop::Hold {
 struct ActivityLoop::Run {
   Hold hold;
   std::optional<double> end;
+  TimerSlack slack;
 };
 
 // One pass of the loop:
@@ -111,7 +113,7 @@ void ActivityLoop::tell() {
 }
 
 void ActivityLoop::run() {
-  Run run{Hold(lock_), std::nullopt};
+  Run run{Hold(lock_), std::nullopt, {}};
   if (auto const seconds = config_.takeExecutionTime()) {
     run.end = System::currentTime() + std::max(*seconds, 0.0);
     if (*seconds < infinity) run.end = std::min(*run.end, ClockQueue::lastTime);
@@ -146,6 +148,7 @@ void ActivityLoop::look(Run& run, std::int64_t nanoseconds) {
   if (nanoseconds == 0 || descriptors_.isReady()) {
     descriptors_.poll();
   } else {
+    if (nanoseconds != DescriptorSet::forEver) run.slack.takeOff();
     run.hold.letGoDuring([&] { descriptors_.wait(nanoseconds); });
     descriptors_.sift();
   }

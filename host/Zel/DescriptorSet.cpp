@@ -83,9 +83,9 @@ void DescriptorSet::prepare() {
 }
 
 void DescriptorSet::wait(std::int64_t nanoseconds) {
-  // The kernel may stretch a wait by a thousandth of its length. What is left out here is
-  // waited for once more, and being short, precisely.
-  if (nanoseconds > 50 * millisecond) nanoseconds -= nanoseconds / 500;
+  // The kernel may stretch a wait by a thousandth of its length. Without that it ends just before
+  // its time as a rule, and the rest, being short, is waited for precisely.
+  if (nanoseconds > millisecond) nanoseconds -= nanoseconds / 1000;
   timespec const limit{nanoseconds / second, nanoseconds % second};
   timespec const* const limitOrNone = nanoseconds == forEver ? nullptr : &limit;
   note(polled_ == 0 ? ppoll(nullptr, 0, limitOrNone, nullptr)

@@ -18,7 +18,9 @@ ZEL_EXPORT double currentTime();
 /// Handlers run inside, with the activity lock held. What a handler throws leaves from here,
 /// and the loop can be entered again; nothing that was due or ready is lost by it. May be
 /// called from inside a handler: the inner run begins with what the outer one had found due or
-/// ready. One thread at a time. Throws `std::system_error` if the system refuses an epoll set.
+/// ready. One thread at a time. Waits are made without the thread's timer slack, which a run takes
+/// off and gives back; a thread started by a handler may inherit that it has none. Throws
+/// `std::system_error` if the system refuses an epoll set.
 ZEL_EXPORT void doRun();
 
 /// The value of an environment variable, empty if it is not set. Any thread, while nobody

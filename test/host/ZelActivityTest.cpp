@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <csignal>
@@ -136,6 +138,27 @@ TEST_F(ZelActivity, RunLastsForItsExecutionTimeOnceAndSignalsDoNotEndIt) {
   doRun();
   EXPECT_GE(currentTime(), start + 0.2);
   ualarm(0, 0);
+}
+
+TEST_F(ZelActivity, WaitsHaveNoSlackAndTheThreadAndItsChildrenKeepTheirOwn) {
+  auto const slack = [] { return prctl(PR_GET_TIMERSLACK); };
+  int const own = 5'000'000;
+  prctl(PR_SET_TIMERSLACK, own);
+  double least = never, due = 0;
+  Ptr<Timer> const timer = timerAt(0.0, [&] {
+    if (due != 0) least = std::min(least, currentTime() - due);
+    timer->timeMinIs(due = currentTime() + 0.001);
+    if (told.size() < 6) told += 't';
+    if (told.size() < 6) return;
+    EXPECT_TRUE(BreloTest::passesInChild([&] { EXPECT_EQ(slack(), own); }));
+    throw std::runtime_error("told");
+  });
+  EXPECT_THROW(doRun(), std::runtime_error);
+  EXPECT_LT(least, 0.0025);
+  EXPECT_EQ(slack(), own);
+  timer->told = [&] { prctl(PR_SET_TIMERSLACK, 7); };
+  doRun();
+  EXPECT_EQ(slack(), 7) << "changed by a handler";
 }
 
 TEST_F(ZelActivity, RunWithoutAPauseSharesTheLockAndEndsInTime) {
