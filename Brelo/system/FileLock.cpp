@@ -4,10 +4,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <utility>
 
 #include "Brelo/Assert.h"
 #include "Brelo/UtilPaths.h"
+#include "Brelo/system/OwnedFd.h"
 #include "Brelo/system/UmaskGuard.h"
 
 #define TRACE(level, ...) BRELO_TRACE(*debugHandler_, (level), "FileLock", __VA_ARGS__)
@@ -16,23 +16,6 @@
 namespace Brelo {
 
 namespace {
-
-/// A descriptor on its way to its owner; closes it on the others.
-class NewDescriptor {
- public:
-  explicit NewDescriptor(int fd) : fd_(fd) {}
-  NewDescriptor(NewDescriptor const&) = delete;
-  NewDescriptor& operator=(NewDescriptor const&) = delete;
-  ~NewDescriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-
-  int get() const { return fd_; }
-  int release() { return std::exchange(fd_, -1); }
-
- private:
-  int fd_;
-};
 
 int openShared(std::string const& path) {
   Impl::UmaskGuard const guard;
@@ -76,7 +59,7 @@ bool FileLock::lock(bool reentrant) {
   if (Util::mkpath(dir_, 0777) < 0) {
     FAIL("unexpected mkpath() error {}: {}", dir_, strerror(errno));
   }
-  NewDescriptor fd(openShared(file_));
+  Impl::OwnedFd fd(openShared(file_));
   if (fd.get() < 0) {
     TRACE(1, "error: could not open lock file:{} {}", file_, strerror(errno));
     return false;

@@ -10,38 +10,16 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
-#include <utility>
 
 #include "Brelo/UtilFiles.h"
+#include "Brelo/system/OwnedFd.h"
 #include "Brelo/system/UtilTrace.h"
 
 namespace Brelo::Util {
 
+using Impl::OwnedFd;
 using Impl::utilTrace;
 using Platform::DebugHandler;
-
-namespace {
-
-/// A descriptor that a failure on the way closes, `errno` left as it is.
-class OwnedFd {
- public:
-  explicit OwnedFd(int fd) : fd_(fd) {}
-  OwnedFd(OwnedFd const&) = delete;
-  OwnedFd& operator=(OwnedFd const&) = delete;
-  ~OwnedFd() {
-    int const saved = errno;
-    if (fd_ >= 0) close(fd_);
-    errno = saved;
-  }
-
-  int get() const { return fd_; }
-  int release() { return std::exchange(fd_, -1); }
-
- private:
-  int fd_;
-};
-
-}  // namespace
 
 int socket(DebugHandler& handler, int domain, int type, int protocol) {
   static constexpr char path[] = "/proc/self/ns/net";
