@@ -19,7 +19,7 @@ namespace {
 
 int openShared(std::string const& path) {
   Impl::UmaskGuard const guard;
-  return open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+  return open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666);
 }
 
 /// Sets the whole file's lock; `type` is F_WRLCK or F_UNLCK.

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "Brelo/system/SharedModes.h"
 #include "Brelo/system/UmaskGuard.h"
 #include "Brelo/system/UtilTrace.h"
 
@@ -20,7 +21,7 @@ int mkpath(std::string const& path, unsigned int mode) {
   auto const slash = path.rfind('/');
   if (slash == std::string::npos || mkpath(path.substr(0, slash), mode) < 0) return -1;
   if (mkdir(path.c_str(), mode) != 0 && errno != EEXIST) return -1;
-  chmod(path.c_str(), mode);  // mkdir() leaves out the set-id bits
+  Impl::directoryModeIs(path, mode);  // mkdir() leaves out the set-id bits
   return 0;
 }
 

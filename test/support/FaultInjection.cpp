@@ -88,6 +88,7 @@ unsigned openDescriptors() {
 // clang-format off
 INTERPOSE(int, bind, -1, (int fd, sockaddr const* address, socklen_t length), fd, address, length)
 INTERPOSE(int, chmod, -1, (char const* path, mode_t mode), path, mode)
+INTERPOSE(int, fchmod, -1, (int fd, mode_t mode), fd, mode)
 INTERPOSE(FILE*, fopen, nullptr, (char const* path, char const* mode), path, mode)
 INTERPOSE(FILE*, fopen64, nullptr, (char const* path, char const* mode), path, mode)  // the file streams' own
 INTERPOSE(int, fstat, -1, (int fd, struct stat* status), fd, status)

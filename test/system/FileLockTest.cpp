@@ -83,6 +83,9 @@ TEST_F(FileLocks, FailAsTheTableSays) {
       row({{"fcntl", {0, EBADF}}}, lock,
           "Assert: unexpected error:Bad file descriptor file:d/lock"),
   });
+  EXPECT_EQ(symlink("lock", "d/link"), 0);
+  EXPECT_EQ(outcome([&] { return FileLock(*handler, "d", "link").lock(false); }),
+            "1 error: could not open lock file:d/link Too many levels of symbolic links|false");
   EXPECT_TRUE(held.lock(false));
   BreloTest::tryFaults({row({{"fcntl", {ENOLCK}}}, release,
                             "Assert: unexpected error: No locks available file:d/lock fd:N")});

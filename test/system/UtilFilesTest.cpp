@@ -97,6 +97,22 @@ TEST_F(UtilFiles, AreRefusedOnAReadOnlyFileSystemAndToAStranger) {
   }));
 }
 
+TEST_F(UtilFiles, MadeDirectoriesNeverLendTheirModeToALinkInTheirPlace) {
+  EXPECT_EQ(mkpath("victim/shut", 0700), 0);
+  EXPECT_TRUE(touch(*handler, "victim/file"));
+  std::filesystem::permissions("victim/file", std::filesystem::perms(0600));
+  EXPECT_EQ(symlink("victim", "p"), 0);
+  EXPECT_EQ(symlink("file", "victim/link"), 0);
+  EXPECT_EQ(symlink(".", "victim/dir"), 0);
+  // By the time that it is to be made, someone has put a link there.
+  for (std::string const path : {"p", "p/", "p/.", "p/shut/..", "p/link", "p/dir//", "p/file"}) {
+    BreloTest::FaultInjection const late({{"mkdir", {ENOENT, EEXIST, EEXIST}}});
+    EXPECT_EQ(mkpath(path, 02777), path.find('/') == std::string::npos ? -1 : 0) << path;
+  }
+  EXPECT_EQ(unsigned(std::filesystem::status("victim").permissions()), 0700U);
+  EXPECT_EQ(unsigned(std::filesystem::status("victim/file").permissions()), 0600U);
+}
+
 TEST_F(UtilFiles, FailAsTheTableSays) {
   write("f", "d")();
   EXPECT_TRUE(mkpath("a/b/c", 0700) == 0 && touch(*handler, "a/b/file"));
@@ -135,7 +151,8 @@ TEST_F(UtilFiles, FailAsTheTableSays) {
       row({{"mkdir", {EROFS}}}, make("p/new"), "-1 Read-only file system"),
       row({{"mkdir", {ENOENT, EACCES}}}, make("p/new"), "-1 Permission denied"),
       row({{"mkdir", {ENOENT, 0, ENOSPC}}}, make("p/new"), "-1 No space left on device"),
-      row({{"mkdir", {ENOENT, EEXIST, EEXIST}}, {"chmod", {EPERM}}}, make("p/new"), "0"),
+      row({{"mkdir", {ENOENT, 0, 0}}, {"fchmod", {EPERM}}}, make("p/new"),
+          "1 unable to set mode of p/new: Operation not permitted|0"),
       row({}, make("a/b/file/x/y"), "-1 Not a directory"),
       row({}, make(""), "-1 No such file or directory"),
       row({{"rmdir", {EBUSY}}}, trim("/nowhere/x", "x"),
