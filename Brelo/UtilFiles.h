@@ -9,14 +9,14 @@
 /// Small operations on files with one policy for failure: it is traced through the handler given,
 /// and the result says so; what throws says so below.
 ///
-/// Nothing is kept between calls, and any thread may call. Files that are made here get exactly
-/// the mode 0666: `touch` and `fileWrite` set the process's umask to 0 for their time, so files
-/// that other threads make meanwhile escape the mask as well.
+/// Nothing is kept between calls, and any thread may call. `touch` and `fileWrite` give a file that
+/// they make exactly the mode 0666, whatever the umask, but for one made through a link to nothing;
+/// one that exists keeps its own.
 
 namespace Brelo::Util {
 
 /// Makes an empty file unless there is one, whose contents and times are left alone. False if it
-/// cannot be opened or closed.
+/// cannot be opened or closed, as a FIFO that nobody reads. Does not wait for a reader.
 BRELO_EXPORT bool touch(Platform::DebugHandler& handler, std::string const& path);
 
 /// Makes the file, or replaces its contents, with a single write. A short write is traced and is

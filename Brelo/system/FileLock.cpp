@@ -8,7 +8,7 @@
 #include "Brelo/Assert.h"
 #include "Brelo/UtilPaths.h"
 #include "Brelo/system/OwnedFd.h"
-#include "Brelo/system/UmaskGuard.h"
+#include "Brelo/system/SharedModes.h"
 
 #define TRACE(level, ...) BRELO_TRACE(*debugHandler_, (level), "FileLock", __VA_ARGS__)
 #define FAIL(...) fmassert(*debugHandler_, "FileLock", __FILE__, __func__, __LINE__, __VA_ARGS__)
@@ -16,11 +16,6 @@
 namespace Brelo {
 
 namespace {
-
-int openShared(std::string const& path) {
-  Impl::UmaskGuard const guard;
-  return open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666);
-}
 
 /// Sets the whole file's lock; `type` is F_WRLCK or F_UNLCK.
 int setLock(int fd, short type) {
@@ -59,7 +54,7 @@ bool FileLock::lock(bool reentrant) {
   if (Util::mkpath(dir_, 0777) < 0) {
     FAIL("unexpected mkpath() error {}: {}", dir_, strerror(errno));
   }
-  Impl::OwnedFd fd(openShared(file_));
+  Impl::OwnedFd fd(Impl::openShared(file_, O_RDWR | O_NOFOLLOW));
   if (fd.get() < 0) {
     TRACE(1, "error: could not open lock file:{} {}", file_, strerror(errno));
     return false;

@@ -10,7 +10,7 @@
 #include <exception>
 #include <fstream>
 
-#include "Brelo/system/UmaskGuard.h"
+#include "Brelo/system/SharedModes.h"
 #include "Brelo/system/UtilTrace.h"
 
 namespace Brelo::Util {
@@ -18,8 +18,6 @@ namespace Brelo::Util {
 using Platform::DebugHandler;
 
 namespace {
-
-constexpr mode_t sharedMode = 0666;
 
 /// The whole rest of the stream. Reading ends with the end-of-file bit, or it failed.
 std::string readAll(std::istream& in) {
@@ -34,8 +32,8 @@ std::string readAll(std::istream& in) {
 }  // namespace
 
 bool touch(DebugHandler& handler, std::string const& path) {
-  Impl::UmaskGuard const guard;
-  int const fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, sharedMode);
+  // Not to wait for the reader of a FIFO.
+  int const fd = Impl::openShared(path, O_WRONLY | O_NONBLOCK);
   if (fd < 0) {
     BRELO_UTIL_TRACE(handler, 0, "unable to open {} reason: {}", path, Brelo::strerror(errno));
     return false;
@@ -50,26 +48,22 @@ bool touch(DebugHandler& handler, std::string const& path) {
 void fileWrite(DebugHandler& handler, std::string const& path, std::string const& data,
                bool noThrow) {
   bool failed = false;
-  {
-    Impl::UmaskGuard const guard;
-    int const fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, sharedMode);
-    if (fd < 0) {
+  int const fd = Impl::openShared(path, O_RDWR | O_TRUNC);
+  if (fd < 0) {
+    failed = true;
+    BRELO_UTIL_TRACE(handler, 0, "unable to open {} reason:{}", path, Brelo::strerror(errno));
+  } else {
+    ssize_t const written = write(fd, data.data(), data.size());
+    if (written < 0) {
       failed = true;
-      BRELO_UTIL_TRACE(handler, 0, "unable to open {} reason:{}", path, Brelo::strerror(errno));
-    } else {
-      ssize_t const written = write(fd, data.data(), data.size());
-      if (written < 0) {
-        failed = true;
-        BRELO_UTIL_TRACE(handler, 0, "unable to write to {} reason:{}", path,
-                         Brelo::strerror(errno));
-      } else if (static_cast<std::size_t>(written) < data.size()) {
-        BRELO_UTIL_TRACE(handler, 0, "wrote:{} bytes to file:{} but wanted to write:{}", written,
-                         path, data.size());
-      }
-      if (close(fd) != 0) {
-        failed = true;
-        BRELO_UTIL_TRACE(handler, 0, "unable to close fd:{} reason:{}", fd, Brelo::strerror(errno));
-      }
+      BRELO_UTIL_TRACE(handler, 0, "unable to write to {} reason:{}", path, Brelo::strerror(errno));
+    } else if (static_cast<std::size_t>(written) < data.size()) {
+      BRELO_UTIL_TRACE(handler, 0, "wrote:{} bytes to file:{} but wanted to write:{}", written,
+                       path, data.size());
+    }
+    if (close(fd) != 0) {
+      failed = true;
+      BRELO_UTIL_TRACE(handler, 0, "unable to close fd:{} reason:{}", fd, Brelo::strerror(errno));
     }
   }
   if (failed && !noThrow) BRELO_THROW(handler, "Brelo::Util", "{}", data);

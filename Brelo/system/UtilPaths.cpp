@@ -6,7 +6,6 @@
 #include <cerrno>
 
 #include "Brelo/system/SharedModes.h"
-#include "Brelo/system/UmaskGuard.h"
 #include "Brelo/system/UtilTrace.h"
 
 namespace Brelo::Util {
@@ -15,8 +14,7 @@ using Impl::utilTrace;
 
 int mkpath(std::string const& path, unsigned int mode) {
   BRELO_UTIL_TRACE(utilTrace, 9, "creating path: {} mode: {:o}", path, mode);
-  Impl::UmaskGuard const guard;
-  if (mkdir(path.c_str(), mode) == 0 || errno == EEXIST) return 0;
+  if (Impl::makeDirectory(path, mode) == 0 || errno == EEXIST) return 0;
   if (errno != ENOENT) return -1;
   auto const slash = path.rfind('/');
   if (slash == std::string::npos || mkpath(path.substr(0, slash), mode) < 0) return -1;

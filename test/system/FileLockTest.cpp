@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "Brelo/UtilPaths.h"
 #include "support/ChildProcess.h"
 #include "support/HelperTest.h"
 
@@ -72,6 +73,7 @@ TEST_F(FileLocks, FailAsTheTableSays) {
   EXPECT_EQ(FileLock(*handler, "", "name").file(), "name");
   EXPECT_THROW(FileLock(*handler, "", "a/b"), Brelo::AssertException);
   held.closeFd();  // nothing to do
+  EXPECT_EQ(Brelo::Util::mkpath("d", 0700), 0);
   BreloTest::tryFaults({
       row({}, release,
           "Assert: attempting to release a lock that is not currently held. File:d/lock"),

@@ -4,6 +4,10 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <array>
+#include <atomic>
+#include <thread>
+
 #include "Brelo/FileLock.h"
 #include "Brelo/UtilPaths.h"
 #include "support/ChildProcess.h"
@@ -25,7 +29,11 @@ class UtilFiles : public BreloTest::HelperTest {
   }
 };
 
-TEST_F(UtilFiles, AreMadeForAllUsersAndTheUmaskIsPutBack) {
+unsigned modeOf(std::string const& path) {
+  return unsigned(std::filesystem::symlink_status(path).permissions());
+}
+
+TEST_F(UtilFiles, AreMadeForAllUsersWhateverTheUmask) {
   write("written", "12345")();
   std::filesystem::last_write_time("written", {});
   EXPECT_TRUE(touch(*handler, "written") && touch(*handler, "touched"));
@@ -34,7 +42,51 @@ TEST_F(UtilFiles, AreMadeForAllUsersAndTheUmaskIsPutBack) {
   EXPECT_EQ(mkpath("a/b//c/", 02753), 0);
   for (auto const& [name, mode] :
        {std::pair{"touched", 0666U}, {"written", 0666U}, {"a", 0753U}, {"a/b/c", 02753U}})
-    EXPECT_EQ(unsigned(std::filesystem::status(name).permissions()), mode) << name;
+    EXPECT_EQ(modeOf(name), mode) << name;
+  EXPECT_EQ(chmod("a", 02700), 0);
+  EXPECT_EQ(mkpath("a/heir", 01777), 0);
+  EXPECT_EQ(modeOf("a/heir"), 03777U) << "the group's bit comes from above";
+  EXPECT_EQ(symlink("target", "link"), 0);
+  EXPECT_TRUE(touch(*handler, "link"));
+  EXPECT_EQ(modeOf("target"), 0600U);
+
+  std::filesystem::permissions(".", std::filesystem::perms::all);
+  EXPECT_TRUE(BreloTest::passesInChild([] {
+    EXPECT_TRUE(getuid() != 0 || seteuid(65534) == 0);
+    umask(0777);
+    EXPECT_EQ(mkpath("unreadable/to/owner", 0333), 0);
+    EXPECT_EQ(modeOf("unreadable/to/owner"), 0333U);
+    umask(077);
+  }));
+}
+
+TEST_F(UtilFiles, AreMadeByManyThreadsAndTheUmaskStays) {
+  constexpr int rounds = 10;
+  std::atomic<int> ready{0};
+  auto const make = [&](int round) {
+    std::string const base = fmt::format("r{}", round);
+    for (++ready; ready < 4 * (round + 1);)
+      std::this_thread::yield();
+    EXPECT_EQ(mkpath(base + "/d", 0777), 0);
+    EXPECT_TRUE(touch(*handler, base + "/d/touched"));
+    write(base + "/d/written", "text")();
+    Brelo::FileLock(*handler, base + "/l", "lock").lock(false);
+  };
+  std::array<std::thread, 4> threads;
+  for (auto& thread : threads)
+    thread = std::thread([&] {
+      for (int round = 0; round < rounds; ++round)
+        make(round);
+    });
+  for (auto& thread : threads)
+    thread.join();
+  for (int round = 0; round < rounds; ++round)
+    for (auto const& [name, mode] : {std::pair{"d", 0777U},
+                                     {"d/touched", 0666U},
+                                     {"d/written", 0666U},
+                                     {"l", 0777U},
+                                     {"l/lock", 0666U}})
+      EXPECT_EQ(modeOf(fmt::format("r{}/{}", round, name)), mode) << name;
 }
 
 TEST_F(UtilFiles, AreWrittenOnceAndReadUpToTheFirstNul) {
@@ -109,14 +161,16 @@ TEST_F(UtilFiles, MadeDirectoriesNeverLendTheirModeToALinkInTheirPlace) {
     BreloTest::FaultInjection const late({{"mkdir", {ENOENT, EEXIST, EEXIST}}});
     EXPECT_EQ(mkpath(path, 02777), path.find('/') == std::string::npos ? -1 : 0) << path;
   }
-  EXPECT_EQ(unsigned(std::filesystem::status("victim").permissions()), 0700U);
-  EXPECT_EQ(unsigned(std::filesystem::status("victim/file").permissions()), 0600U);
+  EXPECT_EQ(modeOf("victim"), 0700U);
+  EXPECT_EQ(modeOf("victim/file"), 0600U);
 }
 
 TEST_F(UtilFiles, FailAsTheTableSays) {
   write("f", "d")();
   EXPECT_TRUE(mkpath("a/b/c", 0700) == 0 && touch(*handler, "a/b/file"));
   auto const touchIt = [&] { return touch(*handler, "f"); };
+  EXPECT_EQ(mkfifo("fifo", 0600), 0);
+  auto const touchFifo = [&] { return touch(*handler, "fifo"); };
   auto const put = write("f", "d");
   auto const exists = [&] { return fileExists(*handler, "f"); };
   auto const remove = [&] { return fileRemove(*handler, "f"); };
@@ -128,6 +182,7 @@ TEST_F(UtilFiles, FailAsTheTableSays) {
   auto const ask = [&] { return getCwd(*handler); };
   BreloTest::tryFaults({
       row({{"open", {EMFILE}}}, touchIt, "0 unable to open f reason: Too many open files|false"),
+      row({}, touchFifo, "0 unable to open fifo reason: No such device or address|false"),
       row({{"close", {EIO}}}, touchIt, "0 unable to close fd:N reason:Input/output error|false"),
       row({{"open", {EROFS}}}, put, "0 unable to open f reason:Read-only file system|Runtime: d"),
       row({{"write", {EIO}}, {"close", {EDQUOT}}}, put,
@@ -151,8 +206,11 @@ TEST_F(UtilFiles, FailAsTheTableSays) {
       row({{"mkdir", {EROFS}}}, make("p/new"), "-1 Read-only file system"),
       row({{"mkdir", {ENOENT, EACCES}}}, make("p/new"), "-1 Permission denied"),
       row({{"mkdir", {ENOENT, 0, ENOSPC}}}, make("p/new"), "-1 No space left on device"),
-      row({{"mkdir", {ENOENT, 0, 0}}, {"fchmod", {EPERM}}}, make("p/new"),
-          "1 unable to set mode of p/new: Operation not permitted|0"),
+      row(
+          {{"fchmod", {EPERM}}}, [] { return mkpath("fixed", 0777); },
+          "1 unable to set mode of fixed: Operation not permitted|0"),
+      row({{"open", {EMFILE}}}, make("plain"),
+          "1 unable to set mode of plain: Too many open files|0"),
       row({}, make("a/b/file/x/y"), "-1 Not a directory"),
       row({}, make(""), "-1 No such file or directory"),
       row({{"rmdir", {EBUSY}}}, trim("/nowhere/x", "x"),
