@@ -1,5 +1,5 @@
-// The reports: what one task costs in a snapshot and in the JSON document, and how long an export
-// to a slow reader holds the loop.
+// The reports: what one task costs in a snapshot, in the JSON document and in the text report, and
+// how long an export to a slow reader holds the loop.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -88,6 +88,17 @@ double jsonObjects(std::uint64_t count) {
   std::ostream text(&sink);
   Run run(1);
   frozen->renderJson(*Brelo::TaskScheduler::PrintContextIs(text));
+  run.finished();
+  return run.seconds();
+}
+
+/// From the live tasks to the last line.
+double textRows(std::uint64_t count) {
+  BusyTree const tree(count);
+  BufferSink sink;
+  std::ostream text(&sink);
+  Run run(1);
+  tree.root->statsRenderTextForDebug(text, true, true, false, false);
   run.finished();
   return run.seconds();
 }
@@ -187,8 +198,10 @@ void addReports(Catalogue& catalogue) {
                     rapidJsonBuffer);
   catalogue.measure("JSON object", "per task of 10,000", "rapidjson-ostream", tasks,
                     rapidJsonOStream);
+  catalogue.measure("text row", "per task of 10,000", "brelo", tasks, textRows);
   catalogue.aim({"JSON object", "per task of 10,000", "brelo", 1.5, "rapidjson-buffer"});
   catalogue.aim({"snapshot", "per task of 10,000", "brelo", 100, ""});
+  catalogue.aim({"text row", "per task of 10,000", "brelo", 1500, ""});
   std::vector<Figure> const hold = {{"export hold", "10,000 tasks, 1 kB a step", "ns"}};
   catalogue.measureFigures(hold, "brelo-libevent", 1, longestHold, Backend::libevent);
   catalogue.measureFigures(hold, "brelo-host", 1, longestHold);

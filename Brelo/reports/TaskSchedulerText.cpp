@@ -1,10 +1,13 @@
 // The text report of a whole scheduler tree, for people.
 
+#include <fmt/compile.h>
+
 #include <algorithm>
-#include <boost/format.hpp>
 #include <iostream>
+#include <iterator>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Brelo/FdToStream.h"
@@ -13,8 +16,6 @@
 namespace Brelo {
 
 namespace {
-
-using boost::format;
 
 double seconds(TaskTimeDuration duration) {
   return static_cast<double>(duration.count()) / 1e9;
@@ -43,17 +44,50 @@ constexpr LegendLine legend[] = {
     {"MaxWorkPending", "=    high watermark of work units pending processing"},
 };
 
-void renderPriorities(std::ostream& stream, TaskSchedulerQueueStats const& queueStats) {
-  stream << format("%-8s %13s %13s %9s %15s\n") % "Priority" % "RunnableCount" % "IdleCount" %
-                "DoneCount" % "TotalRunCount";
-  stream << std::string(62, '-') << "\n";
+/// A line in the making, written out at its end.
+class Line {
+ public:
+  explicit Line(std::ostream& stream) : stream_(stream) {}
+
+  template <class Format, class... Values>
+  Line& format(Format const& format, Values const&... values) {
+    fmt::format_to(std::back_inserter(text_), format, values...);
+    return *this;
+  }
+  Line& add(std::string_view text) {
+    text_.append(text.data(), text.data() + text.size());
+    return *this;
+  }
+  /// The text, and blanks up to the width.
+  Line& addLeft(std::string_view text, std::size_t width) {
+    add(text);
+    for (std::size_t i = text.size(); i < width; ++i)
+      text_.push_back(' ');
+    return *this;
+  }
+  void end() {
+    text_.push_back('\n');
+    stream_.write(text_.data(), static_cast<std::streamsize>(text_.size()));
+    text_.clear();
+  }
+
+ private:
+  std::ostream& stream_;
+  fmt::memory_buffer text_;
+};
+
+void renderPriorities(Line& line, TaskSchedulerQueueStats const& queueStats) {
+  line.add("Priority RunnableCount     IdleCount DoneCount   TotalRunCount").end();
+  line.add(std::string(62, '-')).end();
   for (unsigned char level = 0; level < 5; ++level) {
     TaskPriority const priority(level);
     auto const found = queueStats.find(priority);
     TaskSchedulerPriorityStats const stats =
         found == queueStats.end() ? TaskSchedulerPriorityStats() : found->second;
-    stream << format("%-8s %13u %13u %9u %15lu\n") % priority.toStrep() % stats.runnableTasks %
-                  stats.idleTasks % stats.completedTasks % stats.totalRunCount;
+    line.addLeft(priority.toStrep(), 8)
+        .format(FMT_COMPILE(" {:>13} {:>13} {:>9} {:>15}"), stats.runnableTasks, stats.idleTasks,
+                stats.completedTasks, stats.totalRunCount)
+        .end();
   }
 }
 
@@ -61,80 +95,76 @@ std::string rowName(TaskStat const& task, bool showTaskKey) {
   return showTaskKey ? task.taskName() + task.taskKey.toStrep() : task.taskName();
 }
 
-std::size_t nameWidth(std::vector<TaskStat const*> const& tasks, std::string const& title,
+std::size_t nameWidth(std::vector<TaskStat const*> const& tasks, std::string_view title,
                       bool showTaskKey) {
   auto const longest =
       std::max_element(tasks.begin(), tasks.end(), [](TaskStat const* a, TaskStat const* b) {
-        return a->taskName().size() < b->taskName().size();
+        return a->taskNameRef().string().size() < b->taskNameRef().string().size();
       });
   if (longest == tasks.end()) return title.size();
   return std::max(rowName(**longest, showTaskKey).size(), title.size());
 }
 
-std::string blanks(std::size_t width, std::string const& text) {
-  return std::string(width > text.size() ? width - text.size() : 0, ' ');
+std::uint64_t wholeMilliseconds(TaskTimeDuration duration) {
+  return static_cast<std::uint64_t>(static_cast<std::int64_t>(seconds(duration) * 1000.0));
 }
 
-void renderRow(std::ostream& stream, TaskStat const& task, std::size_t width, bool completed,
+void renderRow(Line& line, TaskStat const& task, std::size_t width, bool completed,
                bool showTaskKey) {
-  std::string const name = rowName(task, showTaskKey);
-  format row(completed ? "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %4u %10s %8s %6s %9s %10s"
-                       : "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %10s %8s %6s %9s %10s");
-  row % name % blanks(width, name) % task.taskStatusString() % task.taskRunCount %
-      seconds(task.taskTotalRunTime) % seconds(task.taskLastSchedulingLatency()) %
-      seconds(task.taskSchedulingLatencyHighWaterMark()) % task.taskQuantumViolation200 %
-      task.taskQuantumViolation500 %
-      static_cast<std::uint64_t>(seconds(task.taskRunTimeHighWaterMark()) * 1000.0);
-  if (completed) row % task.taskCompletedCount;
+  line.addLeft(rowName(task, showTaskKey), width)
+      .format(FMT_COMPILE(" {:>2} {:>10} {:>13.3f} {:>6.3f} {:>7.3f} {:>4} {:>4} {:>5}"),
+              task.taskStatusString(), task.taskRunCount, seconds(task.taskTotalRunTime),
+              seconds(task.taskLastSchedulingLatency()),
+              seconds(task.taskSchedulingLatencyHighWaterMark()), task.taskQuantumViolation200,
+              task.taskQuantumViolation500, wholeMilliseconds(task.taskRunTimeHighWaterMark()));
+  if (completed) line.format(FMT_COMPILE(" {:>4}"), task.taskCompletedCount);
   if (task.taskWorkCountHighWaterMark.isSet()) {
-    row % str(format("%lu") % task.taskWorkCountTotal) %
-        str(format("%6.1f") % task.taskWorkCountDecayAvg) %
-        str(format("%u") % task.taskWorkCountHighWaterMark.value());
+    line.format(FMT_COMPILE(" {:>10} {:>8.1f} {:>6}"), task.taskWorkCountTotal,
+                double{task.taskWorkCountDecayAvg}, task.taskWorkCountHighWaterMark.value());
   } else {
-    row % "-" % "-" % "-";
+    line.add("          -        -      -");
   }
   if (task.taskWorkPendingHighWaterMark.isSet()) {
-    row % str(format("%u") % task.taskWorkPending) %
-        str(format("%u") % task.taskWorkPendingHighWaterMark.value());
+    line.format(FMT_COMPILE(" {:>9} {:>10}"), task.taskWorkPending,
+                task.taskWorkPendingHighWaterMark.value());
   } else {
-    row % "-" % "-";
+    line.add("         -          -");
   }
-  stream << row << "\n";
+  line.end();
 }
 
 void statsRenderTextTasks(std::ostream& stream, std::vector<TaskStat> const& tasks,
-                          std::string const& title, unsigned skipped, bool completed,
+                          std::string_view title, unsigned skipped, bool completed,
                           bool showTaskKey) {
   std::vector<TaskStat const*> const sorted = heaviestFirst(tasks);
   std::size_t const width = nameWidth(sorted, title, showTaskKey);
-  format header(completed ? "%s%s %2s %10s %13s %14s %4s %4s %5s %4s %26s %20s"
-                          : "%s%s %2s %10s %13s %14s %4s %4s %5s %26s %20s");
-  header % title % blanks(width, title) % "SP" % "RunCount" % "TotalSec" % "Last/Max-Delay" %
-      "200%" % "500%" % "MaxMs";
-  if (completed) header % "Completed";
-  header % "Total/DecayA/Max-WorkCount" % "Last/Max-WorkPending";
-  stream << header << "\n";
+  Line line(stream);
+  line.addLeft(title, width)
+      .add(" SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs")
+      .add(completed ? " Completed" : "")
+      .add(" Total/DecayA/Max-WorkCount Last/Max-WorkPending")
+      .end();
   // The word "Completed" is wider than its column and shifts the headers behind it by 5.
-  stream << std::string(width + 107 + (completed ? 5 : 0), '-') << "\n";
+  line.add(std::string(width + 107 + (completed ? 5 : 0), '-')).end();
   for (TaskStat const* task : sorted)
-    renderRow(stream, *task, width, completed, showTaskKey);
-  if (skipped != 0) {
-    stream << format("Skipped %u task%s with no runs\n") % skipped % (skipped == 1 ? "" : "s")
-           << "\n";
-  }
+    renderRow(line, *task, width, completed, showTaskKey);
+  if (skipped == 0) return;
+  line.format(FMT_COMPILE("Skipped {} task{} with no runs\n"), skipped, skipped == 1 ? "" : "s")
+      .end();
 }
 
 void statsRenderTextImpl(std::ostream& stream, TaskSchedulerQueueStats const& queueStats,
                          TaskTimeDuration slip, std::vector<TaskStat>* tasks, unsigned skipped,
                          std::vector<TaskStat>* completed, unsigned skippedCompleted,
                          bool showTaskKey) {
-  renderPriorities(stream, queueStats);
-  stream << format("Maximum scheduler slip %.6f seconds\n") % seconds(slip) << "\n";
-  for (LegendLine const& line : legend) {
-    if (line.completedOnly && completed == nullptr) continue;
-    stream << format("%-17s %s\n") % line.column % line.meaning;
+  Line line(stream);
+  renderPriorities(line, queueStats);
+  line.format(FMT_COMPILE("Maximum scheduler slip {:.6f} seconds\n"), seconds(slip)).end();
+  for (LegendLine const& entry : legend) {
+    if (entry.completedOnly && completed == nullptr) continue;
+    line.addLeft(entry.column, 17).add(" ").add(entry.meaning).end();
   }
-  stream << "\n";
+  line.end();
   statsRenderTextTasks(stream, *tasks, "TaskName", skipped, false, showTaskKey);
   if (completed != nullptr) {
     statsRenderTextTasks(stream, *completed, "TaskName (completed)", skippedCompleted, true, false);
