@@ -24,11 +24,11 @@ std::vector<double> onFreshThread(Backend backend, FiguresBody const& body, std:
 
 }  // namespace
 
-double Measurement::median() const {
+double Measurement::value() const {
   std::vector<double> sorted = samples;
   std::sort(sorted.begin(), sorted.end());
-  std::size_t const half = sorted.size() / 2;
-  return sorted.size() % 2 == 1 ? sorted[half] : (sorted[half - 1] + sorted[half]) / 2;
+  if (figure.ofFaults || sorted.size() == 1) return sorted.back();
+  return sorted[1];
 }
 
 void Catalogue::measure(std::string unit, std::string form, std::string who, std::uint64_t count,

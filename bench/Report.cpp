@@ -25,13 +25,13 @@ void printRow(std::ostream& out, std::string const& what, std::string const& our
 }
 
 std::string who(Measurement const& measurement) {
-  return fmt::format("{} {}", measurement.who, number(measurement.median()));
+  return fmt::format("{} {}", measurement.who, number(measurement.value()));
 }
 
 nlohmann::json toJson(Measurement const& measurement) {
   return {{"unit", measurement.figure.unit},     {"form", measurement.figure.form},
           {"counts", measurement.figure.counts}, {"who", measurement.who},
-          {"median", measurement.median()},      {"samples", measurement.samples}};
+          {"value", measurement.value()},        {"samples", measurement.samples}};
 }
 
 nlohmann::json toJson(Comparison const& row) {
@@ -39,10 +39,10 @@ nlohmann::json toJson(Comparison const& row) {
                            {"form", row.ours->figure.form},
                            {"counts", row.ours->figure.counts},
                            {"who", row.ours->who},
-                           {"median", row.ours->median()}};
+                           {"value", row.ours->value()}};
   if (row.peer != nullptr) {
     object["peer"] = row.peer->who;
-    object["peerMedian"] = row.peer->median();
+    object["peerValue"] = row.peer->value();
     object["ratio"] = row.ratio();
   }
   if (row.aim != nullptr) {
@@ -83,12 +83,11 @@ void printTable(std::vector<Comparison> const& comparisons, std::ostream& out) {
   printRow(out, "---", "---", "---", "---:", "---:", "---");
   for (Comparison const& row : comparisons) {
     Figure const& figure = row.ours->figure;
-    printRow(
-        out, fmt::format("{}: {}, {}", figure.unit, figure.form, figure.counts), who(*row.ours),
-        row.peer != nullptr ? who(*row.peer) : "",
-        row.peer != nullptr && row.peer->median() > 0 ? fmt::format("{:.2f}", row.ratio()) : "",
-        row.aim != nullptr ? "<= " + number(row.aim->limit) : "",
-        row.aim != nullptr ? (row.met() ? "met" : "not met") : "");
+    printRow(out, fmt::format("{}: {}, {}", figure.unit, figure.form, figure.counts),
+             who(*row.ours), row.peer != nullptr ? who(*row.peer) : "",
+             row.peer != nullptr && row.peer->value() > 0 ? fmt::format("{:.2f}", row.ratio()) : "",
+             row.aim != nullptr ? "<= " + number(row.aim->limit) : "",
+             row.aim != nullptr ? (row.met() ? "met" : "not met") : "");
   }
 }
 

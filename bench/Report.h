@@ -29,8 +29,8 @@ struct Comparison {
   Measurement const* peer;  // null for none
   Aim const* aim;           // null for none
 
-  double ratio() const { return ours->median() / peer->median(); }
-  bool met() const { return (peer != nullptr ? ratio() : ours->median()) <= aim->limit; }
+  double ratio() const { return ours->value() / peer->value(); }
+  bool met() const { return (peer != nullptr ? ratio() : ours->value()) <= aim->limit; }
 };
 
 /// Of all that was measured in this run.
@@ -38,7 +38,7 @@ std::vector<Comparison> compare(Catalogue const& catalogue);
 
 /// One table, in Markdown.
 void printTable(std::vector<Comparison> const& comparisons, std::ostream& out);
-/// A JSON document with all medians under "measurements" and the table under "comparisons". Throws
+/// A JSON document with all samples under "measurements" and the table under "comparisons". Throws
 /// `std::runtime_error` if the file cannot be written.
 void writeResults(Catalogue const& catalogue, std::vector<Comparison> const& comparisons,
                   std::string const& path);
