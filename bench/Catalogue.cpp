@@ -68,6 +68,11 @@ void Catalogue::measureBackends(std::string const& unit, std::string const& form
   measure(unit, form, "brelo-host", count, body, Backend::host);
 }
 
+bool Catalogue::hasUnit(std::string const& unit) const {
+  return std::any_of(measurements_.begin(), measurements_.end(),
+                     [&](Measurement const& each) { return each.figure.unit == unit; });
+}
+
 Aim const* Catalogue::findAim(Measurement const& ours, std::string const& peer) const {
   auto const found = std::find_if(aims_.begin(), aims_.end(), [&](Aim const& aim) {
     return aim.unit == ours.figure.unit && aim.form == ours.figure.form && aim.who == ours.who &&

@@ -72,6 +72,7 @@ class Catalogue {
 
   std::deque<Measurement> const& measurements() const { return measurements_; }
   std::vector<Aim> const& aims() const { return aims_; }
+  bool hasUnit(std::string const& unit) const;
   /// Null for none.
   Aim const* findAim(Measurement const& ours, std::string const& peer) const;
 

@@ -1,8 +1,8 @@
 // The project beside libevent, libuv and Boost.Asio, in one run of one program.
 //
-//     brelo_bench [--small] [--results=PATH] [Google Benchmark's options, such as
-//     --benchmark_filter]
+//     brelo_bench [--small] [--results=PATH] [Google Benchmark's options] [UNIT...]
 //
+// Without a unit it runs all of them, and `--benchmark_filter` can choose single measurements.
 // `--small` shows in a few seconds that everything runs; its figures mean nothing.
 
 #include <benchmark/benchmark.h>
@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -22,7 +23,8 @@ namespace {
 struct Options {
   bool small = false;
   std::string results = "build/bench/results.json";
-  std::vector<char*> harness;  // what is left for Google Benchmark
+  std::vector<std::string> units;  // none for all
+  std::vector<char*> harness;      // what is left for Google Benchmark
 };
 
 Options readOptions(int argc, char** argv) {
@@ -36,6 +38,8 @@ Options readOptions(int argc, char** argv) {
       options.small = true;
     } else if (argument.rfind(resultsOption, 0) == 0) {
       options.results = argument.substr(resultsOption.size());
+    } else if (argument.rfind('-', 0) != 0) {
+      options.units.push_back(argument);
     } else {
       options.harness.push_back(argv[i]);
     }
@@ -43,7 +47,17 @@ Options readOptions(int argc, char** argv) {
   return options;
 }
 
-int runAll(int argc, char** argv) {
+/// Throws `std::runtime_error` if there is no unit of a name.
+void chooseUnits(std::vector<std::string> const& units, Bench::Catalogue const& catalogue) {
+  std::string names;
+  for (std::string const& unit : units) {
+    if (!catalogue.hasUnit(unit)) throw std::runtime_error("there is no unit \"" + unit + '"');
+    names += (names.empty() ? "" : "|") + unit;
+  }
+  if (!units.empty()) benchmark::SetBenchmarkFilter("^(" + names + ")/");
+}
+
+int runUnits(int argc, char** argv) {
   Options options = readOptions(argc, argv);
   int harnessCount = static_cast<int>(options.harness.size());
   benchmark::Initialize(&harnessCount, options.harness.data());
@@ -64,6 +78,7 @@ int runAll(int argc, char** argv) {
   Bench::addThrow(catalogue);
   Bench::addHash(catalogue);
 
+  chooseUnits(options.units, catalogue);
   Bench::QuietReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   auto const comparisons = Bench::compare(catalogue);
@@ -76,7 +91,7 @@ int runAll(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
-    return runAll(argc, argv);
+    return runUnits(argc, argv);
   } catch (std::exception const& error) {
     std::cerr << "brelo_bench: " << error.what() << '\n';
     return EXIT_FAILURE;
