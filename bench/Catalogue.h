@@ -29,6 +29,11 @@ struct Figure {
   std::string baseForm() const { return form.substr(0, form.find(" as ")); }
 };
 
+/// Of all who are measured, the project.
+inline bool isOurs(std::string const& who) {
+  return who.rfind("brelo", 0) == 0;
+}
+
 /// One figure of one library.
 struct Measurement {
   Figure figure;
@@ -38,7 +43,7 @@ struct Measurement {
   /// The second smallest sample, since a machine that does other things too only ever adds. Of
   /// faults the largest: none is excused.
   double value() const;
-  bool isOurs() const { return who.rfind("brelo", 0) == 0; }
+  bool isOurs() const { return Bench::isOurs(who); }
 };
 
 /// What the project is to reach: at most `limit` times the value of the peer or, without a peer,

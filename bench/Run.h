@@ -15,8 +15,8 @@ inline double clockSeconds(clockid_t clock) {
 /// Counts the operations of one run and takes the time from its own construction to the end of
 /// the last one, so that neither setting up nor taking down is measured.
 ///
-/// The time is the CPU time of the process. No unit but the expiries ever waits, and there the
-/// waits are left out on purpose; what else the machine does is not in the figures.
+/// The time is the CPU time of the process. Only the expiries and the server ever wait, and there
+/// the waits are left out on purpose; what else the machine does is not in the figures.
 class Run {
  public:
   explicit Run(std::uint64_t operations) : left_(operations), start_(cpuSeconds()) {}

@@ -10,6 +10,7 @@ void addTimerRestart(Catalogue& catalogue);
 void addTimerExpiry(Catalogue& catalogue);
 void addLateness(Catalogue& catalogue);
 void addDescriptorWake(Catalogue& catalogue);
+void addServer(Catalogue& catalogue);
 void addGroupRun(Catalogue& catalogue);
 void addShouldYield(Catalogue& catalogue);
 void addReports(Catalogue& catalogue);

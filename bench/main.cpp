@@ -16,6 +16,7 @@
 
 #include "Catalogue.h"
 #include "Report.h"
+#include "ServerClient.h"
 #include "Units.h"
 
 namespace {
@@ -72,6 +73,7 @@ int runUnits(int argc, char** argv) {
   Bench::addTimerExpiry(catalogue);
   Bench::addLateness(catalogue);
   Bench::addDescriptorWake(catalogue);
+  Bench::addServer(catalogue);
   Bench::addGroupRun(catalogue);
   Bench::addShouldYield(catalogue);
   Bench::addReports(catalogue);
@@ -90,6 +92,9 @@ int runUnits(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && argv[1] == std::string(Bench::serverClientOption)) {
+    return Bench::runServerClient({argv + 2, argv + argc});
+  }
   try {
     return runUnits(argc, argv);
   } catch (std::exception const& error) {
