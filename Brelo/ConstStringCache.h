@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Brelo/Export.h"
+#include "Brelo/IntrusiveLinkedListBase.h"
 
 namespace Brelo {
 
@@ -26,35 +27,45 @@ class BRELO_EXPORT ConstStringRef {
   /// A copy counts once more; a move takes over and leaves null behind.
   /// @{
   ConstStringRef(ConstStringRef const& other) noexcept;
-  ConstStringRef(ConstStringRef&& other) noexcept : elem_(std::exchange(other.elem_, nullptr)) {}
+  ConstStringRef(ConstStringRef&& other) noexcept : bits_(std::exchange(other.bits_, 0)) {}
   ConstStringRef& operator=(ConstStringRef const& other) { return *this = ConstStringRef(other); }
   ConstStringRef& operator=(ConstStringRef&& other) noexcept {
     ConstStringRef taken(std::move(other));
-    std::swap(elem_, taken.elem_);
+    std::swap(bits_, taken.bits_);
     return *this;
   }
   /// @}
   /// With the last handle the string leaves its cache.
   ~ConstStringRef();
 
-  std::string const& string() const;                ///< empty for null; valid while a handle is
-  bool isNull() const { return elem_ == nullptr; }  ///< not so for an interned empty string
+  std::string const& string() const;          ///< empty for null; valid while a handle is
+  bool isNull() const { return bits_ == 0; }  ///< not so for an interned empty string
+  /// A handle that does not count, for who sees to it that a counted one is there for as long. It
+  /// does not touch the string; a copy of it counts.
+  ConstStringRef uncounted() const {
+    ConstStringRef ref;
+    if (!isNull()) ref.bits_ = bits_ | uncountedBit;
+    return ref;
+  }
 
   /// Whether both are the same string of the same cache, or both are null.
   /// @{
   friend bool operator==(ConstStringRef const& a, ConstStringRef const& b) {
-    return a.elem_ == b.elem_;
+    return a.elem() == b.elem();
   }
-  friend bool operator!=(ConstStringRef const& a, ConstStringRef const& b) {
-    return a.elem_ != b.elem_;
-  }
+  friend bool operator!=(ConstStringRef const& a, ConstStringRef const& b) { return !(a == b); }
   /// @}
 
  private:
   friend class ConstStringCache;
-  explicit ConstStringRef(Elem const& elem);
+  friend class ConstStringKeeper;
+  // In the address of an element, which is aligned.
+  static constexpr std::uintptr_t uncountedBit = 1;
 
-  Elem const* elem_ = nullptr;
+  explicit ConstStringRef(Elem const& elem);
+  Elem const* elem() const { return reinterpret_cast<Elem const*>(bits_ & ~uncountedBit); }
+
+  std::uintptr_t bits_ = 0;
 };
 
 /// One interned string with its count, at a fixed address for as long as a handle refers to it.
@@ -79,12 +90,15 @@ class ConstStringRef::Elem {
   }
 
  private:
+  friend class ConstStringKeeper;
   void refCountLast() const;
 
   ConstStringCache* cache_;
   std::string const string_;
   std::size_t const hash_;  // of the string's bytes, computed once
   mutable std::uint64_t refCount_ = 0;
+  mutable ListLinkNode<Elem> keptLink_;  // the next two for ConstStringKeeper
+  mutable std::uint64_t keptSince_ = 0;
 };
 
 /// The strings of one scheduler tree, each once, for as long as something refers to it.
@@ -116,16 +130,43 @@ class BRELO_EXPORT ConstStringCache {
   std::unordered_set<ConstStringRef::Elem, ElemHasher, ElemEqual> elems_;
 };
 
-inline ConstStringRef::ConstStringRef(Elem const& elem) : elem_(&elem) {
+/// Keeps strings until a moment has passed, with no memory of its own: each string is kept once,
+/// from the latest moment given.
+class BRELO_EXPORT ConstStringKeeper {
+ public:
+  ConstStringKeeper() = default;
+  ConstStringKeeper(ConstStringKeeper const&) = delete;
+  ConstStringKeeper& operator=(ConstStringKeeper const&) = delete;
+  ~ConstStringKeeper() { releaseAll(); }
+
+  /// Takes a counted handle over; `moment` is not earlier than any before.
+  void keep(ConstStringRef string, std::uint64_t moment) noexcept;
+  bool empty() const { return kept_.empty(); }  ///< nothing is kept
+  /// Lets go of what was given at `moment` or earlier.
+  void release(std::uint64_t moment) noexcept;
+  void releaseAll() noexcept;  ///< lets go of everything
+
+ private:
+  using Elem = ConstStringRef::Elem;
+  using Kept = List<Elem, ListLinkNode<Elem>, &Elem::keptLink_, void>;
+
+  void releaseFirst() noexcept;
+
+  Kept kept_;  // by moment
+};
+
+inline ConstStringRef::ConstStringRef(Elem const& elem)
+    : bits_(reinterpret_cast<std::uintptr_t>(&elem)) {
   elem.refCountInc();
 }
 
-inline ConstStringRef::ConstStringRef(ConstStringRef const& other) noexcept : elem_(other.elem_) {
-  if (elem_ != nullptr) elem_->refCountInc();
+inline ConstStringRef::ConstStringRef(ConstStringRef const& other) noexcept
+    : bits_(other.bits_ & ~uncountedBit) {
+  if (!isNull()) elem()->refCountInc();
 }
 
 inline ConstStringRef::~ConstStringRef() {
-  if (elem_ != nullptr) elem_->refCountDec();
+  if (!isNull() && (bits_ & uncountedBit) == 0) elem()->refCountDec();
 }
 
 }  // namespace Brelo

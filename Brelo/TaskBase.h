@@ -29,7 +29,7 @@ class BRELO_EXPORT _TaskBase : public std::enable_shared_from_this<_TaskBase> {
 
   /// The name under which the task's figures are kept after it has ended; the task's own name
   /// until it is set.
-  virtual void taskStatsNameIs(std::string name);
+  virtual void taskStatsNameIs(std::string name) = 0;
   /// A run is coming.
   virtual bool taskScheduled() const = 0;
   /// The task should return from its run soon. Cheap enough for an inner loop; to be asked

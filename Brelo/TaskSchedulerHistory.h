@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <ostream>
 #include <string>
+#include <utility>
 
 #include "Brelo/ConstStringCache.h"
 #include "Brelo/Export.h"
@@ -51,8 +52,10 @@ BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, TaskSchedulerEventTy
 /// The flight recorder of one scheduler tree: a ring of the latest events, newest first, and the
 /// cache of the tree's names, so that an event can name a task that has since gone.
 ///
-/// Belongs to the tree's thread. Recording allocates nothing, copies no string and reads no
-/// clock: the caller gives the steady-clock time that it has at hand.
+/// Belongs to the tree's thread. Recording allocates nothing, copies no string, touches none and
+/// reads no clock: the caller gives the steady-clock time that it has at hand. The events of the
+/// ring do not count on their strings: a task or scheduler that ends hands its own over
+/// (`nameEnded`), and it is kept until its last event has made room. A copy of an event counts.
 class BRELO_EXPORT TaskSchedulerHistory {
  public:
   /// What happened to whom, and when. A plain value, but for the name's reference into the cache.
@@ -74,6 +77,10 @@ class BRELO_EXPORT TaskSchedulerHistory {
     std::string display() const;
 
    private:
+    friend class TaskSchedulerHistory;
+    Event(TaskTimePoint const& time, TaskSchedulerEventType type, ConstStringRef id)
+        : eventType_(type), eventTime_(time), eventId_(std::move(id)) {}
+
     TaskSchedulerEventType eventType_;
     TaskTimePoint eventTime_;
     ConstStringRef eventId_;
@@ -82,18 +89,19 @@ class BRELO_EXPORT TaskSchedulerHistory {
   using Ring = boost::circular_buffer<Event, Allocator<Event>>;
 
   /// Zero for a ring that records nothing.
-  explicit TaskSchedulerHistory(unsigned capacity);
+  explicit TaskSchedulerHistory(unsigned capacity) : events_(capacity) {}
 
   /// Records an event; the oldest one makes room.
   /// @{
-  void insert(TaskTimePoint const& time, TaskSchedulerEventType type, _TaskBase const& task) {
-    events_.push_front(Event(time, type, task));
-  }
+  void insert(TaskTimePoint const& time, TaskSchedulerEventType type, _TaskBase const& task);
   void insert(TaskTimePoint const& time, TaskSchedulerEventType type,
-              TaskScheduler const& scheduler) {
-    events_.push_front(Event(time, type, scheduler));
-  }
+              TaskScheduler const& scheduler);
   /// @}
+  /// When the latest event was recorded, also if the ring keeps none: the time of the present step,
+  /// for what follows from an event at once.
+  TaskTimePoint const& latestTime() const { return latestTime_; }
+  /// For who ends: takes over the string that its events carry. No more of them will come.
+  void nameEnded(ConstStringRef name) noexcept;
 
   /// The names of the whole tree.
   ConstStringCache& stringCache() { return stringCache_; }
@@ -106,14 +114,21 @@ class BRELO_EXPORT TaskSchedulerHistory {
   void capacityIs(unsigned capacity);
   /// @}
   /// Drops all events.
-  void clear() { events_.clear(); }
+  void clear();
   /// The events for people, newest first, with the age of each against the newest; flushes after
   /// each line.
   void renderText(std::ostream& stream) const;
 
  private:
+  void record(TaskTimePoint const& time, TaskSchedulerEventType type, ConstStringRef const& id,
+              TaskSchedulerHistory const& itsOwn);
+  void releaseOverwritten() noexcept;
+
   ConstStringCache stringCache_;
+  ConstStringKeeper endedNames_;  // by `recorded_`
   Ring events_;
+  std::uint64_t recorded_ = 0;  // events ever
+  TaskTimePoint latestTime_;
 };
 
 }  // namespace Brelo

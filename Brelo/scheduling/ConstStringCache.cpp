@@ -6,7 +6,7 @@ namespace Brelo {
 
 std::string const& ConstStringRef::string() const {
   static std::string const empty;
-  return elem_ == nullptr ? empty : elem_->string();
+  return isNull() ? empty : elem()->string();
 }
 
 ConstStringRef::Elem::Elem(ConstStringCache* cache, std::string string)
@@ -19,6 +19,34 @@ void ConstStringRef::Elem::refCountLast() const {
   }
   refCount_ = 0;
   cache_->eraseElem(*this);
+}
+
+void ConstStringKeeper::keep(ConstStringRef string, std::uint64_t moment) noexcept {
+  // The elements of a hash set are constant; the link of one is not a part of its value.
+  auto& elem = const_cast<Elem&>(*string.elem());
+  elem.keptSince_ = moment;
+  if (elem.keptLink_.isLinked()) {
+    Kept::unlink(elem);
+  } else {
+    string.bits_ = 0;
+  }
+  kept_.pushBack(elem);
+}
+
+void ConstStringKeeper::release(std::uint64_t moment) noexcept {
+  while (!kept_.empty() && kept_.front().keptSince_ <= moment)
+    releaseFirst();
+}
+
+void ConstStringKeeper::releaseAll() noexcept {
+  while (!kept_.empty())
+    releaseFirst();
+}
+
+void ConstStringKeeper::releaseFirst() noexcept {
+  Elem& first = kept_.front();
+  Kept::unlink(first);
+  first.refCountDec();
 }
 
 ConstStringCache::~ConstStringCache() {

@@ -1,4 +1,6 @@
 #include "Brelo/TaskBase.h"
+
+#include <utility>
 #include "Brelo/TaskSchedulerHistory.h"
 
 #include "Brelo/TaskSchedulerBase.h"
@@ -16,7 +18,9 @@ _TaskBase::_TaskBase(std::shared_ptr<TaskScheduler> scheduler, TaskPriority prio
   taskHistoryName_ = cache.intern(priority.oneCharString() + " " + name);
 }
 
-_TaskBase::~_TaskBase() = default;
+_TaskBase::~_TaskBase() {
+  taskScheduler_->history().nameEnded(std::move(taskHistoryName_));
+}
 
 std::shared_ptr<TaskScheduler> _TaskBase::sharedScheduler(TaskScheduler* scheduler) {
   return scheduler == nullptr ? nullptr : scheduler->shared_from_this();

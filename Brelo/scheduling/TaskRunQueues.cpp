@@ -18,7 +18,6 @@ std::uint32_t TaskRunQueues::runnable(TaskPriority priority) const {
 
 void TaskRunQueues::TaskRunQueue::removeToRun(TaskImpl& task) {
   ++runCount_;
-  BRELO_SCHEDULER_ASSERT(runnableCount() >= 0, "");
   TaskImpl::RunQueueList::unlink(task);
 }
 

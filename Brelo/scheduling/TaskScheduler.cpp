@@ -23,7 +23,9 @@ TaskScheduler::TaskScheduler(std::string const& name, TaskSchedulerRoot* root,
       parts_(std::make_unique<Parts>()),
       schedulerRunRequestTime_(steadyNow()) {}
 
-TaskScheduler::~TaskScheduler() = default;
+TaskScheduler::~TaskScheduler() {
+  schedulerHistory_->nameEnded(std::move(schedulerName_));
+}
 
 void TaskScheduler::taskRegister(TaskImpl* task) {
   root().sanityCheckCurrentRunningThread();
@@ -65,7 +67,13 @@ void TaskScheduler::schedulerHasRunnableTasksIs(bool value, TaskTimePoint const&
 
 void TaskScheduler::requestSchedulerRunAndRecord(TaskTimePoint const& time) {
   schedulerRunRequestTime_ = time;
-  requestSchedulerRun();
+  try {
+    requestSchedulerRun();
+  } catch (...) {
+    // No run is coming: the next task that is queued asks again.
+    schedulerHasRunnableTasks_ = false;
+    throw;
+  }
 }
 
 TaskTimePoint TaskScheduler::checkSchedulerLatency() {
@@ -88,19 +96,21 @@ void TaskScheduler::handleSchedulerRun() {
     schedulerHasRunnableTasksIs(false, schedulerRunStartTime_);
     return;
   }
-  currentTask_ = task->shared_from_this();
-  TaskTimePoint finish;
+  // The task lives over its run. It may be the last owner of this scheduler, of which nothing is
+  // touched once the task has gone. A run inside this one gives the place back.
+  auto outer = std::exchange(currentTask_, task->shared_from_this());
+  std::shared_ptr<_TaskBase> last;
   try {
+    TaskTimePoint finish;
     task->taskDoRun(schedulerRunStartTime_, &finish);
+    BRELO_TRACE(schedulerTrace, 8, "TaskScheduler", "{} Scheduler completed task, request run",
+                *this);
+    requestSchedulerRunAndRecord(finish);
   } catch (...) {
-    auto const last = std::move(currentTask_);
+    last = std::exchange(currentTask_, std::move(outer));
     throw;
   }
-  BRELO_TRACE(schedulerTrace, 8, "TaskScheduler", "{} Scheduler completed task, request run",
-              *this);
-  requestSchedulerRunAndRecord(finish);
-  // The task may be the last owner of this scheduler: nothing is touched after it has gone.
-  auto const last = std::move(currentTask_);
+  last = std::exchange(currentTask_, std::move(outer));
 }
 
 TaskImpl* TaskScheduler::pickOneTask(TaskTimePoint const& now, TaskPriority from) {
@@ -135,6 +145,7 @@ void TaskScheduler::taskSchedulerUnlinkTask(TaskTimePoint const& now, TaskImpl* 
 void TaskScheduler::taskSchedulerUnlinkTask(TaskTimePoint const& now,
                                             TaskRunQueues::TaskRunQueue& queue, TaskImpl* task) {
   queue.removeToRun(*task);
+  BRELO_SCHEDULER_ASSERT(queue.runnableCount() >= 0, "");
   task->doUpdateSchedulingLatency(now);
 }
 

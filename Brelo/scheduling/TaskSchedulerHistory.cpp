@@ -79,10 +79,44 @@ std::string TaskSchedulerHistory::Event::display() const {
   return fmt::format("{:<12} {}", eventTypeDisplay(), eventId_.string());
 }
 
-TaskSchedulerHistory::TaskSchedulerHistory(unsigned capacity) : events_(capacity) {}
+void TaskSchedulerHistory::insert(TaskTimePoint const& time, TaskSchedulerEventType type,
+                                  _TaskBase const& task) {
+  BRELO_SCHEDULER_ASSERT(eventNeedTask(type), "EventType: ", type);
+  record(time, type, task.taskHistoryName(), task.taskScheduler()->history());
+}
+
+void TaskSchedulerHistory::insert(TaskTimePoint const& time, TaskSchedulerEventType type,
+                                  TaskScheduler const& scheduler) {
+  BRELO_SCHEDULER_ASSERT(!eventNeedTask(type), "EventType: ", type);
+  record(time, type, scheduler.schedulerNameRef(), scheduler.history());
+}
+
+void TaskSchedulerHistory::record(TaskTimePoint const& time, TaskSchedulerEventType type,
+                                  ConstStringRef const& id, TaskSchedulerHistory const& itsOwn) {
+  latestTime_ = time;
+  // A subject of another tree hands its name over to that tree's history.
+  events_.push_front(Event(time, type, &itsOwn == this ? id.uncounted() : id));
+  ++recorded_;
+  if (!endedNames_.empty()) releaseOverwritten();
+}
+
+void TaskSchedulerHistory::nameEnded(ConstStringRef name) noexcept {
+  if (!name.isNull() && !events_.empty()) endedNames_.keep(std::move(name), recorded_);
+}
+
+void TaskSchedulerHistory::releaseOverwritten() noexcept {
+  if (recorded_ >= events_.capacity()) endedNames_.release(recorded_ - events_.capacity());
+}
 
 void TaskSchedulerHistory::capacityIs(unsigned capacity) {
-  if (capacity != this->capacity()) events_.set_capacity(capacity);
+  if (capacity == this->capacity()) return;
+  events_.set_capacity(capacity);
+  releaseOverwritten();
+}
+
+void TaskSchedulerHistory::clear() {
+  events_.clear();
+  endedNames_.releaseAll();
 }
 
 void TaskSchedulerHistory::renderText(std::ostream& stream) const {

@@ -54,4 +54,52 @@ TEST(History, KeepsTheNewestEventsAndTheirNames) {
   EXPECT_EQ(times(), "");
 }
 
+TEST(History, NamesOfWhatHasEndedStayUntilTheirLastEventHasMadeRoom) {
+  auto const root = Brelo::schedulerRootBreloNonShared("root");
+  root->historyEntryCountIs(4);
+  auto& cache = root->history().stringCache();
+  auto const steady = BreloTest::workTask(root, "steady");
+  auto const names = cache.size();
+  auto const events = [&](int count) {
+    for (; count > 0; --count)
+      steady->taskHistoryInsert({}, Type::schedule);
+  };
+  auto const ended = [&](char const* name) {
+    auto const task = BreloTest::workTask(root, name);
+    task->includeInCompletedTaskIs(false);
+  };
+  events(9);
+  ended("once");
+  events(3);
+  EXPECT_EQ(cache.size(), names + 1);
+  EXPECT_EQ(root->history().events().back().eventId().string(), "N once");
+  events(1);
+  EXPECT_EQ(cache.size(), names);
+
+  // A name that comes back stays from its latest end; a copy of an event keeps it for itself.
+  ended("twice");
+  events(2);
+  ended("twice");
+  events(3);
+  auto copy = root->history().events().back();
+  events(1);
+  EXPECT_EQ(copy.eventId().string(), "N twice");
+  EXPECT_EQ(cache.size(), names + 1);
+  copy = root->history().events().back();
+  EXPECT_EQ(cache.size(), names);
+
+  ended("shrunk");
+  root->historyEntryCountIs(1);
+  EXPECT_EQ(cache.size(), names + 1);
+  root->historyEntryCountIs(0);
+  EXPECT_EQ(cache.size(), names);
+  root->historyEntryCountIs(4);
+  ended("cleared");
+  Brelo::TaskGroup::TaskGroupIs("group", Brelo::TaskPriority::low, false, root);
+  root->clearStats();  // of the group's parent task
+  EXPECT_EQ(cache.size(), names + 3);
+  root->clearHistory();
+  EXPECT_EQ(cache.size(), names);
+}
+
 }  // namespace
