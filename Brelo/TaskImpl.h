@@ -104,6 +104,7 @@ class BRELO_EXPORT TaskImpl : public _TaskBase, public TaskCounters {
   /// For the scheduler: the parts of a run, and where the task is.
   /// @{
   void taskDoRun(TaskTimePoint const& now, TaskTimePoint* finish);
+  TaskTimePoint const& taskRunStartTime() const { return taskRunStartTime_; }
   void doUpdateSchedulingLatency(TaskTimePoint const& now);
   bool onRunQueue() const { return taskRunQueueLink_.isLinked(); }
   bool registered() const { return taskRegisteredLink_.isLinked(); }
@@ -116,6 +117,12 @@ class BRELO_EXPORT TaskImpl : public _TaskBase, public TaskCounters {
   TaskImpl(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
            std::string const& name);
 
+  /// `scheduleTask()` and `unscheduleTask()` of this class, for who has read the clock in the same
+  /// step.
+  /// @{
+  void scheduleTaskAt(TaskTimePoint const& now);
+  void unscheduleTaskAt(TaskTimePoint const& now);
+  /// @}
   /// Leaves the scheduler as the destructor would, without ending the object.
   void handleDestroy();
   /// Takes the task off its run queue, if it is there, and says nothing of busy and idle.
@@ -123,7 +130,8 @@ class BRELO_EXPORT TaskImpl : public _TaskBase, public TaskCounters {
 
  private:
   void handleInitialized();
-  void accountForRun(TaskTimePoint const& end);
+  TaskTimeDuration runTimeUntil(TaskTimePoint const& now) const;
+  bool countViolation(TaskTimeDuration used);
   bool clockSaysYield() const;
 
   bool taskSuspended_ : 1;

@@ -146,7 +146,8 @@ class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackH
   unsigned randomSeed_ = 0;  // fixed, so that the jitter of timers can be repeated
 };
 
-/// The calling thread's root, made at the thread's first call.
+/// The calling thread's root, made at the thread's first call. After the thread's own objects have
+/// gone, as in the destructor of a static one, each call makes a root that the caller alone owns.
 BRELO_EXPORT std::shared_ptr<TaskSchedulerRoot> schedulerRootBrelo();
 
 /// A new root at each call, owned by the caller alone.

@@ -64,10 +64,10 @@ class BRELO_EXPORT TimerTask : public TaskImpl, TimerWheelEvent {
   /// When the task is due, on the clock of `Brelo::time()`: now if it is queued, positive
   /// infinity if no run is coming.
   double currentExpirationTime() const;
-
- private:
+  /// The wheel's notification: queues the task.
   void timeout() override;
 
+ private:
   template <class T>
   void scheduleTaskDelayedPrivate(T delay, bool force);
   template <class T>

@@ -41,16 +41,25 @@ std::shared_ptr<TaskGroup> TaskGroup::TaskGroupIs(std::string name, TaskPriority
                                 std::move(parent));
 }
 
+namespace {
+
+TaskScheduler& existing(std::shared_ptr<TaskScheduler> const& scheduler) {
+  BRELO_SCHEDULER_ASSERT(scheduler != nullptr, "Need a TaskScheduler");
+  return *scheduler;
+}
+
+}  // namespace
+
 TaskGroup::TaskGroup(std::string name, TaskPriority priority, bool taskGroupPriorityEnforced,
                      std::shared_ptr<TaskScheduler> parent)
-    : TaskScheduler(name, &parent->root(), parent->schedulerHistory()),
+    : TaskScheduler(name, &existing(parent).root(), parent->schedulerHistory()),
       parentScheduler_(std::move(parent)),
       taskGroupPriority_(priority),
       taskGroupPriorityEnforced_(taskGroupPriorityEnforced) {
   defaultTaskQuantumIs(parentScheduler_->defaultTaskQuantum());
   if (taskGroupPriorityEnforced_) ownTaskPriorityIs(taskGroupPriority_);
-  root().registerScheduler(this);
   parentTask_ = makeTracked<ParentTask>(parentScheduler_, priority, name, this);
+  root().registerScheduler(this);
 }
 
 TaskGroup::~TaskGroup() {

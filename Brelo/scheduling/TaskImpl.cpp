@@ -1,4 +1,6 @@
 #include "Brelo/TaskImpl.h"
+
+#include <algorithm>
 #include "Brelo/TaskSchedulerHistory.h"
 
 #include "Brelo/TaskGroup.h"
@@ -28,7 +30,11 @@ void TaskImpl::handleInitialized() {
 
 TaskImpl::~TaskImpl() {
   taskForceYieldInTestIs(false);
-  if (taskMagicNumber_ == taskMagicNumberConstructed) handleDestroy();
+  if (taskMagicNumber_ == taskMagicNumberConstructed) {
+    handleDestroy();
+  } else {
+    unscheduleTask();
+  }
 }
 
 void TaskImpl::handleDestroy() {
@@ -53,8 +59,12 @@ bool TaskImpl::taskScheduled() const {
 
 void TaskImpl::scheduleTask() {
   sanityCheckCurrentRunningThread();
+  if (!onRunQueue()) scheduleTaskAt(steadyNow());
+}
+
+void TaskImpl::scheduleTaskAt(TaskTimePoint const& now) {
+  sanityCheckCurrentRunningThread();
   if (onRunQueue()) return;
-  TaskTimePoint const now = steadyNow();
   if (taskSuspended_) {
     taskHistoryInsert(now, TaskSchedulerEventType::scheduleWhileSuspended);
     return;
@@ -63,13 +73,21 @@ void TaskImpl::scheduleTask() {
   taskHistoryInsert(now, TaskSchedulerEventType::schedule);
   taskScheduleTime_ = now;
   taskScheduler_->enqueue(*this);
-  taskScheduler_->schedulerHasRunnableTasksIs(true, now);
+  try {
+    taskScheduler_->schedulerHasRunnableTasksIs(true, now);
+  } catch (...) {
+    unscheduleTaskPrivate(now);
+    throw;
+  }
   taskBusyIs(taskScheduled(), now);
 }
 
 void TaskImpl::unscheduleTask() {
+  unscheduleTaskAt(steadyNow());
+}
+
+void TaskImpl::unscheduleTaskAt(TaskTimePoint const& now) {
   sanityCheckCurrentRunningThread();
-  TaskTimePoint const now = steadyNow();
   unscheduleTaskPrivate(now);
   taskBusyIs(taskScheduled(), now);
 }
@@ -113,7 +131,17 @@ void TaskImpl::taskDoRun(TaskTimePoint const& now, TaskTimePoint* finish) {
                          " taskMagicNumberConstructed: ", taskMagicNumberConstructed);
   TaskTimePoint const end = steadyNow();
   *finish = end;
-  accountForRun(end);
+  TaskTimeDuration const used = runTimeUntil(end);
+  if (!countViolation(used)) {
+    BRELO_TRACE(schedulerTrace, 7, "TaskImpl", "Ran {} used {}", *this, used);
+  } else {
+    double const percent =
+        static_cast<double>(used.count()) / static_cast<double>(taskQuantum_.count()) * 100;
+    BRELO_TRACE(schedulerTrace, 5, "TaskImpl", "Ran {} used {} {}% violation", *this, used,
+                static_cast<std::int64_t>(percent));
+  }
+  taskRunTimeHighWaterMark = std::max(taskRunTimeHighWaterMark, used);
+  taskTotalRunTime += used;
   taskHistoryInsert(end, TaskSchedulerEventType::runEnd);
   taskBusyIs(taskScheduled(), end);
 }
@@ -139,10 +167,14 @@ void TaskImpl::taskRunAndRecordFromTest() {
 
 TaskTimeDuration TaskImpl::taskCurrentRunTime() const {
   BRELO_SCHEDULER_ASSERT(taskCurrentlyRunning_, "Task: ", this, " not currently running");
+  return runTimeUntil(steadyNow());
+}
+
+TaskTimeDuration TaskImpl::runTimeUntil(TaskTimePoint const& now) const {
   if (taskShouldYieldMode_ == yieldModeVirtualTime) {
     return time2Duration(taskScheduler_->virtualRunTime());
   }
-  return steadyNow() - taskRunStartTime_;
+  return now - taskRunStartTime_;
 }
 
 TaskGroup* TaskImpl::isTaskGroup() const {

@@ -4,12 +4,8 @@
 
 #include "Brelo/TaskGroup.h"
 #include "Brelo/TaskImpl.h"
-#include "Brelo/TaskSchedulerBase.h"
-#include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {
-
-using Impl::schedulerTrace;
 
 void TaskImpl::doUpdateSchedulingLatency(TaskTimePoint const& now) {
   taskLastSchedulingLatency = now - taskScheduleTime_;
@@ -17,23 +13,13 @@ void TaskImpl::doUpdateSchedulingLatency(TaskTimePoint const& now) {
       std::max(taskSchedulingLatencyHighWaterMark, taskLastSchedulingLatency);
 }
 
-void TaskImpl::accountForRun(TaskTimePoint const& end) {
-  TaskTimeDuration const used = taskShouldYieldMode_ == yieldModeVirtualTime
-                                    ? time2Duration(taskScheduler_->virtualRunTime())
-                                    : TaskTimeDuration(end - taskRunStartTime_);
+bool TaskImpl::countViolation(TaskTimeDuration used) {
   std::int64_t const ns = used.count();
   std::int64_t const quantum = taskQuantum_.count();
   // Divided rather than multiplied, so that no quantum is too large.
-  if (quantum == 0 || ns / 2 < quantum) {
-    BRELO_TRACE(schedulerTrace, 7, "TaskImpl", "Ran {} used {}", *this, used);
-  } else {
-    BRELO_TRACE(
-        schedulerTrace, 5, "TaskImpl", "Ran {} used {} {}% violation", *this, used,
-        static_cast<std::int64_t>(static_cast<double>(ns) / static_cast<double>(quantum) * 100));
-    ++(ns / 5 < quantum ? taskQuantumViolation200 : taskQuantumViolation500);
-  }
-  taskRunTimeHighWaterMark = std::max(taskRunTimeHighWaterMark, used);
-  taskTotalRunTime += used;
+  if (quantum == 0 || ns / 2 < quantum) return false;
+  ++(ns / 5 < quantum ? taskQuantumViolation200 : taskQuantumViolation500);
+  return true;
 }
 
 void TaskImpl::taskWorkCountInc(unsigned long count) {

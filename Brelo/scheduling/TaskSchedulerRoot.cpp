@@ -28,6 +28,20 @@ namespace {
 
 constexpr unsigned initialHistoryEntries = 100;
 
+thread_local bool threadRootEnded = false;
+
+struct ThreadRoot {
+  ~ThreadRoot() { threadRootEnded = true; }
+  std::shared_ptr<TaskSchedulerRoot> root;
+};
+
+std::string threadRootName() {
+  if (isMainThread()) return "main";
+  std::ostringstream name;
+  name << "thread:" << std::this_thread::get_id();
+  return name.str();
+}
+
 bool virtualTimeEnabled() {
   static auto const manager = Zel::activityManager();
   return manager->virtualTime();
@@ -44,17 +58,10 @@ std::shared_ptr<TaskSchedulerRoot> schedulerRootBreloNonShared(std::string name)
 }
 
 std::shared_ptr<TaskSchedulerRoot> schedulerRootBrelo() {
-  thread_local std::shared_ptr<TaskSchedulerRoot> root;
-  if (root == nullptr) {
-    std::ostringstream name;
-    if (isMainThread()) {
-      name << "main";
-    } else {
-      name << "thread:" << std::this_thread::get_id();
-    }
-    root = schedulerRootBreloNonShared(name.str());
-  }
-  return root;
+  thread_local ThreadRoot thread;
+  if (threadRootEnded) return schedulerRootBreloNonShared(threadRootName());
+  if (thread.root == nullptr) thread.root = schedulerRootBreloNonShared(threadRootName());
+  return thread.root;
 }
 
 TaskSchedulerRoot::TaskSchedulerRoot(std::string const& name)

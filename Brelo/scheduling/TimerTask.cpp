@@ -1,6 +1,7 @@
 #include "Brelo/TimerTask.h"
 #include "Brelo/TaskSchedulerHistory.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
@@ -53,6 +54,18 @@ TaskTimeDuration percentOf(TaskTimeDuration delay, int percent, unsigned char ma
 }
 double percentOf(double delay, int percent, unsigned char maxPercent) {
   return maxPercent * delay * percent / 10000.0;
+}
+
+// The latest delay that is not never.
+constexpr TaskTimeDuration longest{std::numeric_limits<std::int64_t>::max() - 1};
+
+TaskTimeDuration sum(TaskTimeDuration delay, TaskTimeDuration offset) {
+  std::int64_t total;
+  if (__builtin_add_overflow(delay.count(), offset.count(), &total)) return longest;
+  return std::min(TaskTimeDuration(total), longest);
+}
+double sum(double delay, double offset) {
+  return std::min(delay + offset, std::numeric_limits<double>::max());
 }
 
 }  // namespace
@@ -121,8 +134,8 @@ void TimerTask::scheduleTaskDelayedPrivate(T delay, bool force) {
     BRELO_TRACE(schedulerTrace, 8, "TimerTask", "Already on runQueue {}", *this);
     return;
   }
-  if (force) unscheduleTaskPrivate(now);
   if (doStartTimer(toSeconds(delay), force)) {
+    if (force) unscheduleTaskPrivate(now);
     taskTimerRunning_ = true;
     BRELO_TRACE(schedulerTrace, 8, "TimerTask", "Timer started {} delay {}", *this, delay);
     taskHistoryInsert(now, TaskSchedulerEventType::timerStart);
@@ -151,8 +164,8 @@ void TimerTask::_scheduleTaskJitterUp(T delay, unsigned char maxJitterPercentage
   if (isNever(delay)) return stopTimerTask();
   T const offset = jitterOffset(delay, maxJitterPercentage);
   BRELO_TRACE(schedulerTrace, 9, "TimerTask", "Timer jitterUp {} delay {} + {} = {}", *this, delay,
-              offset, delay + offset);
-  scheduleTaskDelayedPrivate(delay + offset, true);
+              offset, sum(delay, offset));
+  scheduleTaskDelayedPrivate(sum(delay, offset), true);
 }
 
 template <class T>
