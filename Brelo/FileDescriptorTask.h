@@ -44,8 +44,8 @@ class BRELO_EXPORT FileDescriptorTask : public _TaskBase, Platform::FdEventHandl
   /// @}
 
   /// The work of a direction. A run may come without an event, and several events before a run
-  /// are one run. Input that is left brings another event; output that is left has to ask for
-  /// one by `taskWatchWritableIs(true)`.
+  /// are one run: input is looked at again when the run starts. Input that is left then brings
+  /// another event; output that is left has to ask for one by `taskWatchWritableIs(true)`.
   /// @{
   virtual void taskExecuteReadable() = 0;
   virtual void taskExecuteWritable() = 0;
@@ -57,8 +57,8 @@ class BRELO_EXPORT FileDescriptorTask : public _TaskBase, Platform::FdEventHandl
   /// @}
 
   /// Watches `fd`, which becomes non-blocking. A descriptor other than the present one takes
-  /// queued runs of either direction off. A descriptor that is not open is a failure of the
-  /// platform's kind.
+  /// queued runs of either direction off; the interest in both directions stays. -1 is
+  /// `taskWatchFdDel()`. A descriptor that is not open is a failure of the platform's kind.
   void taskWatchFdIs(int fd);
   int taskWatchFd() const { return fdControl_->getFd(); }  ///< -1 without one
   /// Forgets the descriptor and takes queued runs off. To be called before it is closed.
@@ -126,12 +126,15 @@ class BRELO_EXPORT FileDescriptorTask : public _TaskBase, Platform::FdEventHandl
   void checkCreateWriteTask();
   WriteTask& existingWriteTask(char const* func);
   TaskImpl& executingTask() const;
-  void unscheduleBoth();
+  void dropWatch();
+  void pauseReads();
+  void resumeReads();
   void _taskExecuteReadable();
   void _taskExecuteWritable();
 
   bool taskWatchReadable_ = false;
   bool taskWatchWritable_ = false;
+  bool readsPaused_ = false;  // the platform's watch is off until the read task runs
   std::shared_ptr<Platform::FdControl> fdControl_;
   std::shared_ptr<ReadTask> readTask_;
   std::shared_ptr<WriteTask> writeTask_;

@@ -1,5 +1,6 @@
 #include "Brelo/FileDescriptorTask.h"
 #include "Brelo/TaskSchedulerHistory.h"
+#include "Brelo/TaskSchedulerRoot.h"
 
 #include <utility>
 
@@ -56,32 +57,51 @@ void FileDescriptorTask::taskStatsNameIs(std::string name) {
 
 void FileDescriptorTask::taskWatchFdIs(int fd) {
   if (fd == taskWatchFd()) return;
-  unscheduleBoth();
+  dropWatch();
   fdControl_->setFd(fd);
+  // Where a write event has come and not been run, the platform's watch is used up.
+  if (taskWatchWritable_) fdControl_->setWrites(true);
 }
 
 void FileDescriptorTask::taskWatchFdDel() {
-  unscheduleBoth();
+  dropWatch();
   fdControl_->delFd();
 }
 
-void FileDescriptorTask::unscheduleBoth() {
+void FileDescriptorTask::dropWatch() {
+  bool const paused = std::exchange(readsPaused_, false);
   readTask_->unscheduleTask();
   if (writeTask_ != nullptr) writeTask_->unscheduleTask();
+  if (!paused) return;
+  fdControl_->delFd();
+  fdControl_->setReads(true);
+}
+
+void FileDescriptorTask::pauseReads() {
+  if (readsPaused_) return;
+  readsPaused_ = true;
+  fdControl_->setReads(false);
+}
+
+void FileDescriptorTask::resumeReads() {
+  if (!readsPaused_) return;
+  readsPaused_ = false;
+  fdControl_->setReads(true);
 }
 
 void FileDescriptorTask::taskWatchReadableIs(bool on) {
   if (on == taskWatchReadable_) return;
-  taskWatchReadable_ = on;
   fdControl_->setReads(on);
+  taskWatchReadable_ = on;
+  readsPaused_ = false;
   if (!on) readTask_->unscheduleTask();
 }
 
 void FileDescriptorTask::taskWatchWritableIs(bool on) {
   if (on == taskWatchWritable_) return;
   checkCreateWriteTask();
-  taskWatchWritable_ = on;
   fdControl_->setWrites(on);
+  taskWatchWritable_ = on;
   if (!on) writeTask_->unscheduleTask();
 }
 
@@ -109,15 +129,22 @@ bool FileDescriptorTask::taskScheduled() const {
 void FileDescriptorTask::readFdEvent(int fd) {
   BRELO_SCHEDULER_ASSERT(taskWatchReadable_, "readFdEvent() called with taskWatchReadable off");
   BRELO_SCHEDULER_ASSERT(fd == taskWatchFd(), "Notified about ", fd, " watching ", taskWatchFd());
-  taskHistoryInsert(steadyNow(), TaskSchedulerEventType::fdReadable);
-  scheduleTaskReadable();
+  TaskTimePoint const now = steadyNow();
+  bool const cannotRunYet =
+      readTask_->onRunQueue() || readTask_->taskSuspended() || taskScheduler_->root().suspended();
+  taskHistoryInsert(now, TaskSchedulerEventType::fdReadable);
+  readTask_->scheduleTaskAt(now);
+  // What is known already need not be told at each pass until the run.
+  if (cannotRunYet) pauseReads();
 }
 
 void FileDescriptorTask::writeFdEvent(int fd) {
   BRELO_SCHEDULER_ASSERT(taskWatchWritable_, "writeFdEvent() called with taskWatchWritable off");
   BRELO_SCHEDULER_ASSERT(fd == taskWatchFd(), "Notified about ", fd, " watching ", taskWatchFd());
-  taskHistoryInsert(steadyNow(), TaskSchedulerEventType::fdWritable);
-  scheduleTaskWritable();
+  TaskTimePoint const now = steadyNow();
+  taskHistoryInsert(now, TaskSchedulerEventType::fdWritable);
+  checkCreateWriteTask();
+  writeTask_->scheduleTaskAt(now);
 }
 
 void FileDescriptorTask::_taskExecuteReadable() {
@@ -125,6 +152,7 @@ void FileDescriptorTask::_taskExecuteReadable() {
     BRELO_FAIL("FileDescriptorTask", "ReadTask should only run if taskWatchReadable");
   }
   if (executingTask_ != nullptr) BRELO_FAIL("FileDescriptorTask", "Executing task already set");
+  resumeReads();
   executingTask_ = readTask_.get();
   taskExecuteReadable();
   executingTask_ = nullptr;
@@ -162,6 +190,11 @@ void FileDescriptorTask::taskQuantumIs(TaskTimeDuration quantum) {
 
 void FileDescriptorTask::taskSuspendedIs(bool suspended) {
   readTask_->taskSuspendedIs(suspended);
+  if (!suspended) {
+    resumeReads();
+    // To resume asks for a run, which there is none of without interest.
+    if (!taskWatchReadable_) readTask_->unscheduleTask();
+  }
   if (writeTask_ != nullptr) writeTask_->taskSuspendedIs(suspended);
 }
 

@@ -1,10 +1,9 @@
 #include "Brelo/scheduling/FileDescriptorTaskInner.h"
 
-#include "Brelo/scheduling/SteadyNow.h"
+#include "Brelo/TaskSchedulerBase.h"
+#include "Brelo/TaskSchedulerHistory.h"
 
 namespace Brelo {
-
-using Impl::steadyNow;
 
 FileDescriptorTask::ReadWriteTaskBase::ReadWriteTaskBase(FileDescriptorTask* owner,
                                                          char const* suffix)
@@ -17,7 +16,14 @@ FileDescriptorTask::ReadWriteTaskBase::ReadWriteTaskBase(FileDescriptorTask* own
 
 void FileDescriptorTask::ReadWriteTaskBase::handleTaskBusy() {
   if (fileDescriptorTask_ == nullptr) return;
-  fileDescriptorTask_->taskBusyIs(fileDescriptorTask_->taskScheduled(), steadyNow());
+  fileDescriptorTask_->taskBusyIs(fileDescriptorTask_->taskScheduled(),
+                                  taskScheduler()->history().latestTime());
+}
+
+void FileDescriptorTask::ReadTask::handleTaskBusy() {
+  // Idle is also what a run that was taken back leaves.
+  if (fileDescriptorTask_ != nullptr && !taskBusy()) fileDescriptorTask_->resumeReads();
+  ReadWriteTaskBase::handleTaskBusy();
 }
 
 void FileDescriptorTask::ReadTask::handleResetStats() {

@@ -10,6 +10,9 @@ namespace Brelo {
 
 class FileDescriptorTask::ReadWriteTaskBase : public Task {
  public:
+  using Task::scheduleTaskAt;
+  using Task::unscheduleTaskAt;
+
   void handleTaskBusy() override;
   void orphanIs() { fileDescriptorTask_ = nullptr; }
 
@@ -23,6 +26,7 @@ class FileDescriptorTask::ReadTask : public ReadWriteTaskBase {
  public:
   ReadTask(FileDescriptorTask* owner, char const* suffix) : ReadWriteTaskBase(owner, suffix) {}
 
+  void handleTaskBusy() override;
   void handleResetStats() override;
   void taskExecute() override;
 };

@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Brelo/TaskScheduler.h"
 #include "support/Backend.h"
@@ -62,6 +65,100 @@ TEST_P(FileDescriptorTaskLoop, EchoesWithReadsThatStayOnAndOneShotWrites) {
     EXPECT_EQ(s.task->taskWorkCountWritableTotal(), 10U);
     EXPECT_EQ(s.task->taskWorkCountReadableTotal(), 3 * s.task->taskRunCountReadable());
   });
+}
+
+/// Reads a byte at each run and counts what it is told.
+struct Client {
+  struct Task : Descriptor {
+    using Descriptor::Descriptor;
+    void readFdEvent(int fd) override { ++reported, Descriptor::readFdEvent(fd); }
+    unsigned reported = 0;
+  };
+
+  explicit Client(std::shared_ptr<Brelo::TaskSchedulerRoot> const& root)
+      : task(std::make_shared<Task>(root)) {
+    task->readable = [this] {
+      char byte;
+      task->log += read(pair.near(), &byte, 1) == 1 ? "r" : "e";
+    };
+    task->taskWatchFdIs(pair.near());
+  }
+  unsigned takeReported() { return std::exchange(task->reported, 0); }
+  /// How often the input of a run was told of.
+  unsigned takeReportedOfRun() {
+    EXPECT_TRUE(runUntil([this] { return task->log == "+r-"; }));
+    task->log.clear();
+    return takeReported();
+  }
+  SocketPair pair;
+  std::shared_ptr<Task> task;
+};
+
+TEST_P(FileDescriptorTaskLoop, ReportsEachOfManyReadyOnesAtMostTwice) {
+  run([] {
+    auto const root = Brelo::schedulerRootBreloNonShared("root");
+    std::vector<std::unique_ptr<Client>> clients(100);
+    for (auto& client : clients)
+      client = std::make_unique<Client>(root);
+    for (int round = 0; round < 3; ++round) {
+      for (auto& client : clients)
+        client->pair.send();
+      for (auto& client : clients) {
+        EXPECT_LE(client->takeReportedOfRun(), 2U);
+      }
+    }
+  });
+}
+
+TEST_P(FileDescriptorTaskLoop, TellsWhatCannotRunOnceAndWaitsThenAsIfThereWereNothing) {
+  run([] {
+    auto const root = Brelo::schedulerRootBreloNonShared("root");
+    Client client(root);
+    auto const timesToldIn10Ms = [&] {
+      client.pair.send();
+      for (int i = 0; i < 10; ++i)
+        Brelo::Platform::doEventLoop(0.001);
+      return client.takeReported();
+    };
+    client.task->taskSuspendedIs(true);
+    EXPECT_EQ(timesToldIn10Ms(), 1U);
+    client.task->taskSuspendedIs(false);
+    client.takeReportedOfRun();
+    root->suspendedIs(true);
+    EXPECT_EQ(timesToldIn10Ms(), 1U);
+    root->suspendedIs(false);
+    client.takeReportedOfRun();
+
+    // A run that is taken back leaves the watch as it was.
+    root->suspendedIs(true);
+    EXPECT_EQ(timesToldIn10Ms(), 1U);
+    registeredTask(*root, "fd:read")->unscheduleTask();
+    root->suspendedIs(false);
+    client.task->log.clear();
+    client.takeReportedOfRun();
+  });
+}
+
+TEST_P(FileDescriptorTaskLoop, AWriteWishThatStandsIsGivenToTheNextDescriptor) {
+  run([] {
+    Setting s;
+    s.task->taskWatchFdIs(s.pair.near());
+    s.task->taskWatchWritableIs(true);
+    s.root->suspendedIs(true);
+    EXPECT_TRUE(runUntil([&] { return s.task->taskScheduledWritable(); }));
+    s.root->suspendedIs(false);
+    s.task->taskWatchFdIs(s.pair.ends[1]);
+    EXPECT_FALSE(s.task->taskScheduledWritable());
+    EXPECT_TRUE(runUntil([&] { return s.task->log.find("w") != std::string::npos; }));
+  });
+}
+
+TEST_F(FileDescriptorTask, ResumedWithoutReadInterestItHasNoReadRun) {
+  task->taskSuspendedIs(true);
+  task->taskWatchReadableIs(false);
+  task->taskSuspendedIs(false);
+  runUntilIdle(*root);
+  EXPECT_EQ(task->log.find("r"), std::string::npos);
 }
 
 TEST_F(FileDescriptorTask, EventsFoldIntoOneRunAndChangesTakeRunsBack) {
