@@ -24,9 +24,10 @@ class BRELO_EXPORT FileLock : public Debuggable {
   ~FileLock();
 
   /// Takes the lock, making the file and its directories, for all users, if they are missing; `dir`
-  /// must not be empty. False if it is held elsewhere or the file cannot be opened, as a link, which
-  /// is never followed; any other failure is an assertion. With `reentrant`, true if this process has taken it already; without,
-  /// an object's own lock conflicts like any other. One `release` undoes any number of entries.
+  /// must not be empty. False if it is held elsewhere or the file cannot be opened, as a link,
+  /// which is never followed; any other failure is an assertion. With `reentrant`, true if this
+  /// process has taken it already; without, an object's own lock conflicts like any other. One
+  /// `release` undoes any number of entries.
   bool lock(bool reentrant);
   /// Gives up the lock. Not holding it is an assertion, as is another process's lock.
   void release();

@@ -12,9 +12,10 @@ namespace Brelo::Util {
 
 /// Makes the directory and those above it that are missing, with exactly those permissions,
 /// whatever the umask; what cannot have them is traced at level 1 and left as the umask made it.
-/// Returns 0, also if the path exists already, as whatever; its mode is left alone then. A link that
-/// another user puts in the place of a directory just made is not followed: what it leads to keeps
-/// its mode. Fails with ENOENT on a path that has nothing left to begin with, as an empty one.
+/// Returns 0, also if the path exists already, as whatever; its mode is left alone then. A link
+/// that another user puts in the place of a directory just made is not followed: what it leads to
+/// keeps its mode. Fails with ENOENT on a path that has nothing left to begin with, as an empty
+/// one.
 BRELO_EXPORT int mkpath(std::string const& path, unsigned int mode);
 
 /// Removes the directories named by the end `trailingPath` of `absolutePath`, deepest first, and

@@ -22,7 +22,8 @@ constexpr int high = 1, normal = 2, low = 3, scavenge = 4;
 struct Model {
   void const* pick() {
     std::vector<int> tried;  // each gives way to the next; the last one runs
-    for (int level = 0; level < TaskPriority::levels && (tried.empty() || givesWay(tried.back())); ++level) {
+    for (int level = 0; level < TaskPriority::levels && (tried.empty() || givesWay(tried.back()));
+         ++level) {
       if (now[level].empty()) {
         streak[level] = 0;
       } else {
