@@ -61,8 +61,8 @@ class BRELO_EXPORT TrackedBacktrace {
 
 /// The latest backtraces of the process with their messages, those of all exceptions of the library
 /// among them, also of exceptions that were caught and swallowed. Off until it is enabled; free of
-/// cost while off. Any thread may use it. Its lock is not recursive: a stream given to `printAll`
-/// must not throw an exception of the library.
+/// cost while off. Any thread may use it, static destructors and what outlives them too, as may a
+/// forked child.
 class BRELO_EXPORT BacktraceTracker {
  public:
   /// False at first.
@@ -83,7 +83,7 @@ class BRELO_EXPORT BacktraceTracker {
   static std::vector<TrackedBacktrace> tracked() noexcept;
   /// Drops all records; while disabled the room with them.
   static void clear();
-  /// Writes all records, oldest first, and flushes.
+  /// Writes all records, oldest first, and flushes. What is recorded meanwhile is not among them.
   static void printAll(std::ostream& stream) noexcept;
 };
 

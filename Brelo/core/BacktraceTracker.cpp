@@ -1,3 +1,5 @@
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
 #include <boost/circular_buffer.hpp>
@@ -15,8 +17,26 @@ constexpr unsigned defaultCapacity = 100;
 
 using Guard = std::lock_guard<Locking::Lock>;
 
-Locking::Lock trackerLock;
-boost::circular_buffer<TrackedBacktrace> buffer;
+struct Records {
+  Locking::Lock lock;
+  boost::circular_buffer<TrackedBacktrace> buffer;
+};
+
+// Never destroyed: threads throw after the static objects have gone, too.
+Records& records() {
+  static Records& instance = []() -> Records& {
+    // A child must not inherit the lock from a thread that it does not have.
+    ::pthread_atfork([] { records().lock.lock(); }, [] { records().lock.unlock(); },
+                     [] { records().lock.unlock(); });
+    return *new Records;
+  }();
+  return instance;
+}
+
+// Ahead of the fork handlers of those who throw under a lock, so that theirs is never waited for
+// with this one held.
+[[maybe_unused]] Records& registeredAtLoad = records();
+
 std::atomic<bool> trackerEnabled{false};
 
 }  // namespace
@@ -30,7 +50,8 @@ bool BacktraceTracker::enabled() {
 }
 
 void BacktraceTracker::enabledIs(bool enabled) noexcept {
-  Guard const guard(trackerLock);
+  auto& [lock, buffer] = records();
+  Guard const guard(lock);
   if (enabled) {
     if (buffer.capacity() == 0) buffer.set_capacity(defaultCapacity);
   } else if (buffer.empty()) {
@@ -40,14 +61,16 @@ void BacktraceTracker::enabledIs(bool enabled) noexcept {
 }
 
 unsigned BacktraceTracker::capacity() {
-  Guard const guard(trackerLock);
+  auto& [lock, buffer] = records();
+  Guard const guard(lock);
   return static_cast<unsigned>(buffer.capacity());
 }
 
 void BacktraceTracker::capacityIs(unsigned capacity) {
   if (!enabled()) BRELO_FAIL(nullptr, "User must enable the tracker to set the capacity.");
   if (capacity == 0) BRELO_FAIL(nullptr, "Cannot set a capacity of 0, use clear() instead.");
-  Guard const guard(trackerLock);
+  auto& [lock, buffer] = records();
+  Guard const guard(lock);
   if (capacity == buffer.capacity()) return;
   boost::circular_buffer<TrackedBacktrace> resized(capacity);
   auto const kept = static_cast<std::ptrdiff_t>(std::min<std::size_t>(capacity, buffer.size()));
@@ -57,7 +80,8 @@ void BacktraceTracker::capacityIs(unsigned capacity) {
 
 void BacktraceTracker::backtraceIs(std::string const& message, Backtrace const& backtrace) {
   if (!enabled()) return;
-  Guard const guard(trackerLock);
+  auto& [lock, buffer] = records();
+  Guard const guard(lock);
   buffer.push_back(TrackedBacktrace(message, backtrace));
 }
 
@@ -66,19 +90,22 @@ void BacktraceTracker::backtraceIs(std::string const& message) {
 }
 
 std::vector<TrackedBacktrace> BacktraceTracker::tracked() noexcept {
-  Guard const guard(trackerLock);
+  auto& [lock, buffer] = records();
+  Guard const guard(lock);
   return {buffer.begin(), buffer.end()};
 }
 
 void BacktraceTracker::clear() {
-  Guard const guard(trackerLock);
+  auto& [lock, buffer] = records();
+  Guard const guard(lock);
   buffer.clear();
   if (!enabled()) buffer.set_capacity(0);
 }
 
+// Without the lock: the look-up of a symbol waits for a plug-in that is being loaded, which may
+// throw and wait for the lock.
 void BacktraceTracker::printAll(std::ostream& stream) noexcept {
-  Guard const guard(trackerLock);
-  for (TrackedBacktrace const& entry : buffer)
+  for (TrackedBacktrace const& entry : tracked())
     stream << entry.toString() << "\n";
   stream.flush();
 }

@@ -1,5 +1,7 @@
 #include "Zel/Module.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -17,9 +19,17 @@ struct Registry {
 
 // Made on first use and never destroyed: static initialisers and destructors use it.
 Registry& registry() {
-  static auto* const registry = new Registry;
-  return *registry;
+  static Registry& instance = []() -> Registry& {
+    // A child must not inherit the lock from a thread that it does not have.
+    ::pthread_atfork([] { registry().lock.lock(); }, [] { registry().lock.unlock(); },
+                     [] { registry().lock.unlock(); });
+    return *new Registry;
+  }();
+  return instance;
 }
+
+// Ahead of the fork handlers of those who use this, so that theirs never meet the lock held.
+[[maybe_unused]] Registry& registeredAtLoad = registry();
 
 char const* typeOf(GenericValue const& value) {
   static constexpr char const* names[] = {nullptr, "bool", "U32", "Zel::String"};
