@@ -89,22 +89,24 @@ BRELO_EXPORT void clearTraceFormat() noexcept;
 namespace Brelo {
 
 /// A module's handler as a static object, with the mask word at hand: a disabled trace loads
-/// one pointer and tests one bit behind it.
+/// one pointer and tests one bit behind it. The handler is never released, so that static
+/// destructors, and threads that outlive them, trace like anyone else.
 class ModuleTrace {
  public:
   /// Any failure ends the process.
   explicit ModuleTrace(std::string const& name)
-      : handler_(Platform::getDebugHandler(name)), levels_(handler_->levelsEnabled()) {}
+      : handler_(*new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler(name))),
+        levels_(handler_->levelsEnabled()) {}
 
   /// As `DebugHandler::enabled`.
   bool enabled(unsigned short level) const {
     return (__atomic_load_n(levels_, __ATOMIC_RELAXED) & (1u << level)) != 0;
   }
-  /// The handler, which lives as long as this.
+  /// The handler, which lives as long as the process.
   operator Platform::DebugHandler&() const { return *handler_; }
 
  private:
-  std::shared_ptr<Platform::DebugHandler> handler_;
+  std::shared_ptr<Platform::DebugHandler> const& handler_;
   std::uint16_t const* levels_;
 };
 

@@ -7,7 +7,13 @@ namespace Brelo {
 
 namespace {
 
-std::shared_ptr<Platform::DebugHandler> const assertHandler = Platform::getDebugHandler("Assert");
+// Made when the library is loaded, or by an assertion before that.
+ModuleTrace const& assertTrace() {
+  static ModuleTrace const trace("Assert");
+  return trace;
+}
+
+[[maybe_unused]] ModuleTrace const& madeAtLoad = assertTrace();
 
 bool throwOnAssertFail = false;
 bool forceTraceOnAssert = true;
@@ -51,7 +57,7 @@ void Impl::vfmassert(Platform::DebugHandler const& handler, char const* cls, cha
 
 void Impl::vfmassert(char const* cls, char const* file, char const* func, int line,
                      fmt::string_view format, fmt::format_args args) {
-  vfmassert(*assertHandler, cls, file, func, line, format, args);
+  vfmassert(assertTrace(), cls, file, func, line, format, args);
 }
 
 void debugAndAssert(Platform::DebugHandler& handler, Platform::DebugStream& stream,
@@ -66,7 +72,7 @@ void debugAndAssert(Platform::DebugHandler& handler, Platform::DebugStream& stre
 }
 
 void debugAndAssert(Platform::DebugStream& stream, char const* file, char const* func, int line) {
-  debugAndAssert(*assertHandler, stream, file, func, line);
+  debugAndAssert(assertTrace(), stream, file, func, line);
 }
 
 }  // namespace Brelo

@@ -32,7 +32,7 @@ TEST(Debug, LineCarriesClassFunctionAndPlace) {
 TEST(Debug, HandlersOfOneNameShareOneMaskAndEvaluateNothingIfOff) {
   BreloTest::TraceRecords records("%l %m");
   auto const handler = getDebugHandler("DebugTest");
-  Brelo::ModuleTrace const module("DebugTest");
+  static Brelo::ModuleTrace const module("DebugTest");
   int evaluated = 0;
   for (bool const on : {false, true}) {
     handler->enabledIs(15, !on);
