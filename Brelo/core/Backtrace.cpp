@@ -59,7 +59,7 @@ std::uint32_t Backtrace::walkBySteps() {
 }
 
 int Backtrace::verbosity() {
-  char const* const value = std::getenv("BRELO_BACKTRACE_VERBOSITY");
+  char const* const value = ::secure_getenv("BRELO_BACKTRACE_VERBOSITY");
   return value != nullptr && std::strcmp(value, "0") == 0 ? 0 : 1;
 }
 

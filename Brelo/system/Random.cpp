@@ -13,7 +13,7 @@ bool Random::firstSetSeedFlag = true;
 std::mt19937_64 Random::twister_;
 
 void Random::setSeed() {
-  char const* const wanted = std::getenv("ZKTEST_RANDSEED");
+  char const* const wanted = ::secure_getenv("ZKTEST_RANDSEED");
   if (firstSetSeedFlag) {
     firstSetSeedFlag = false;
     if (wanted != nullptr) {

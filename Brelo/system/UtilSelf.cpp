@@ -20,7 +20,7 @@ namespace {
 
 double readWaitForDefault() {
   double timeout = std::numeric_limits<double>::infinity();
-  if (char const* const value = std::getenv("WAITFOR_DEFAULT"); value != nullptr) {
+  if (char const* const value = ::secure_getenv("WAITFOR_DEFAULT"); value != nullptr) {
     try {
       timeout = std::stod(value);
     } catch (std::exception const&) {
@@ -35,8 +35,8 @@ thread_local std::string lastDlErrorText;
 thread_local char const* lastDlError = nullptr;
 
 void* resolveIfChecked(Platform::DebugHandler& handler, char const* name) {
-  bool const checked = std::getenv("HEAPCHECK") != nullptr ||
-                       std::getenv("HEAP_CHECK_TRACE_PYTHON_ARENAS") != nullptr;
+  bool const checked = ::secure_getenv("HEAPCHECK") != nullptr ||
+                       ::secure_getenv("HEAP_CHECK_TRACE_PYTHON_ARENAS") != nullptr;
   return checked ? Util::resolveSym(handler, name) : nullptr;
 }
 

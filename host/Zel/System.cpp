@@ -45,7 +45,7 @@ void doRun() {
 }
 
 String getenv(String const& name) {
-  return String(std::getenv(name.str().c_str()));
+  return String(::secure_getenv(name.str().c_str()));
 }
 
 }  // namespace System

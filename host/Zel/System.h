@@ -23,8 +23,9 @@ ZEL_EXPORT double currentTime();
 /// `std::system_error` if the system refuses an epoll set.
 ZEL_EXPORT void doRun();
 
-/// The value of an environment variable, empty if it is not set. Any thread, while nobody
-/// changes the environment.
+/// The value of an environment variable, empty if it is not set, and in a program that has other
+/// rights than its caller (set-user-id and the like). Any thread, while nobody changes the
+/// environment.
 ZEL_EXPORT String getenv(String const& name);
 
 }  // namespace Zel::System

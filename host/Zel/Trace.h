@@ -64,7 +64,8 @@ class ZEL_EXPORT TraceHandle {
 ///
 /// The settings are the environment variables TRACE (the list of TraceSettings.h, later items
 /// win) and TRACEFORMAT (see `formatAndWriteTraceString`). They are read when the library is
-/// loaded and at `doReadEnvironment()`.
+/// loaded and at `doReadEnvironment()`, and count as empty in a program that has other rights than
+/// its caller, who would read in its traces what he may not.
 class ZEL_EXPORT TraceFacilityMan : public Entity {
  public:
   /// Computes all masks anew and takes the format over. An item that cannot be read has no
@@ -80,7 +81,7 @@ class ZEL_EXPORT TraceFacilityMan : public Entity {
 /// initialisers and destructors too, as may a forked child. `errno` is kept; no lock is held
 /// while the record goes out.
 ///
-/// TRACEFORMAT gives the shape: `%t` local time with microseconds, `%p` process, `%i` thread,
+/// TRACEFORMAT gives the shape: `%t` local time with microseconds, in the zone at load, `%p` process, `%i` thread,
 /// `%n` facility, `%l` level, `%f` file, `%L` line, `%F` function, `%m` message, `%%` a percent
 /// sign; any other text stands for itself, and empty means "%t %p:%i %n/%l %f:%L %m". Null
 /// texts are empty. Newlines inside the record stay; those at its end become exactly one.

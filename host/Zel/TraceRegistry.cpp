@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <ctime>
 #include <utility>
 
 #include "Zel/internal/StandardError.h"
@@ -15,7 +16,7 @@ namespace Zel {
 namespace {
 
 std::string environmentValue(char const* name) {
-  char const* const value = std::getenv(name);
+  char const* const value = ::secure_getenv(name);
   return value == nullptr ? "" : value;
 }
 
@@ -38,6 +39,7 @@ TraceRegistry& TraceRegistry::instance() {
 TraceRegistry::TraceRegistry() {
   ::pthread_atfork([] { traceLock.lock(); }, [] { traceLock.unlock(); },
                    [] { traceLock.unlock(); });
+  ::tzset();  // else the first record that shows local time would read the environment
   readEnvironment();
 }
 
