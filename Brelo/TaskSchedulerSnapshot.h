@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -29,10 +30,15 @@ class BRELO_EXPORT TaskSchedulerSnapshot {
 
   /// The ring of events as it was.
   struct History {
+    /// A copy of the ring.
+    explicit History(TaskSchedulerHistory const& ring);
+
     /// Writes the key "history" and its object.
     void renderJson(TaskSchedulerPrintContext& context) const;
+    /// Writes the events for people; see `TaskSchedulerHistory::renderText`.
+    void renderText(std::ostream& stream) const;
 
-    std::uint32_t historyEntryCount = 0;               ///< the ring's capacity
+    std::uint32_t historyEntryCount;                   ///< the ring's capacity
     std::vector<TaskSchedulerHistory::Event> events_;  ///< newest first
   };
 
@@ -41,6 +47,9 @@ class BRELO_EXPORT TaskSchedulerSnapshot {
   TaskSchedulerSnapshot(TaskScheduler const* scheduler, std::string name, bool includeNeverRun,
                         bool includeCompleted, bool includeHistory, unsigned displayOrder,
                         bool threadSanityDisabled);
+  /// Of that scheduler alone, without those below it, under its own name.
+  static TaskSchedulerSnapshot alone(TaskScheduler const& scheduler, bool includeNeverRun,
+                                     bool includeCompleted, bool includeHistory);
   /// For the vector of those below.
   TaskSchedulerSnapshot(TaskSchedulerSnapshot&&) = default;
   ~TaskSchedulerSnapshot();
@@ -79,10 +88,15 @@ class BRELO_EXPORT TaskSchedulerSnapshot {
   std::shared_ptr<History const> const& history() const { return history_; }
 
  private:
+  struct Alone {};
+  TaskSchedulerSnapshot(Alone, TaskScheduler const& scheduler, std::string name,
+                        bool includeNeverRun, bool includeCompleted, bool includeHistory,
+                        unsigned displayOrder, bool threadSanityDisabled);
+
   std::string schedulerName_;
   TaskSchedulerQueueStats queueStats_;
   TaskTimeDuration maxSchedulerSlip_;
-  bool isRootScheduler_ = false;
+  bool isRootScheduler_;
   bool threadSanityDisabled_;
   unsigned displayOrder_;
   unsigned skippedTasks_ = 0;

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "Brelo/ConstStringCache.h"
 #include "Brelo/Export.h"
@@ -170,8 +169,5 @@ class BRELO_EXPORT TaskStat : public TaskCounters {
  private:
   ConstStringRef taskName_;
 };
-
-/// Pointers to the records, by descending total run time; equal ones in no particular order.
-BRELO_EXPORT std::vector<TaskStat const*> heaviestFirst(std::vector<TaskStat> const& stats);
 
 }  // namespace Brelo

@@ -1,7 +1,6 @@
 #include "Brelo/TaskSchedulerHistory.h"
 
 #include <chrono>
-#include <iomanip>
 
 #include "Brelo/TaskBase.h"
 #include "Brelo/TaskSchedulerBase.h"
@@ -45,10 +44,6 @@ bool eventNeedTask(TaskSchedulerEventType type) {
   BRELO_SCHEDULER_ASSERT(static_cast<unsigned>(type) < eventTypeCount,
                          "unexpected eventType=", type);
   return type < TaskSchedulerEventType::schedulerIdle;
-}
-
-std::int64_t nanoseconds(TaskTimePoint time) {
-  return TaskTimeDuration(time.time_since_epoch()).count();
 }
 
 }  // namespace
@@ -117,20 +112,6 @@ void TaskSchedulerHistory::capacityIs(unsigned capacity) {
 void TaskSchedulerHistory::clear() {
   events_.clear();
   endedNames_.releaseAll();
-}
-
-void TaskSchedulerHistory::renderText(std::ostream& stream) const {
-  std::string const title =
-      fmt::format("Last {} scheduler events, absolute timestamp and", capacity()) +
-      " relative to last event";
-  stream << title << "\n" << std::string(title.size(), '-') << "\n";
-  for (Event const& event : events_) {
-    std::int64_t const time = nanoseconds(event.eventTime());
-    std::int64_t const age = (nanoseconds(events_.front().eventTime()) - time) / 1000;
-    stream << fmt::format("{:>22} ns since boot {:>10} µs {}", time, age, event.display())
-           << std::endl;
-  }
-  stream << "\n";
 }
 
 }  // namespace Brelo

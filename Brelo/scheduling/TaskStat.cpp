@@ -85,15 +85,4 @@ std::string TaskStat::taskStatusString() const {
   return {first, second};
 }
 
-std::vector<TaskStat const*> heaviestFirst(std::vector<TaskStat> const& stats) {
-  std::vector<TaskStat const*> sorted;
-  sorted.reserve(stats.size());
-  for (TaskStat const& stat : stats)
-    sorted.push_back(&stat);
-  std::sort(sorted.begin(), sorted.end(), [](TaskStat const* a, TaskStat const* b) {
-    return a->taskTotalRunTime > b->taskTotalRunTime;
-  });
-  return sorted;
-}
-
 }  // namespace Brelo

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <random>
 #include <string>
@@ -17,6 +18,7 @@
 using namespace Brelo;
 using BreloTest::IdleTask;
 using BreloTest::ReportedTree;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 
 namespace {
@@ -158,6 +160,47 @@ rounds down             s          0        -0.002 -0.002  -0.002    0    0 1844
 no number               s          0       -60.000 -60.000 -60.000    0    0 18446744073709491616 12345          0      nan      1         -          -
 least                   s          0 -9223372036.855 -9223372036.855 -9223372036.855    0    0 18446734850337514762 12345          0     -inf      1         -          -
 )");
+}
+
+/// Calls a function in its run.
+class Reporter : public Task {
+ public:
+  using Task::Task;
+  void taskExecute() override { report(); }
+  std::function<void()> report;
+};
+
+TEST(TextReport, SumsTheWholeTreeAlsoAmidItsRuns) {
+  auto const root = schedulerRootBreloNonShared("top");
+  auto const outer = TaskGroup::TaskGroupIs("outer", TaskPriority::low, false, root);
+  auto inner = TaskGroup::TaskGroupIs("inner", TaskPriority::high, false, outer);
+  auto const orphan = outer->taskForTest("TaskGroup;inner");
+  auto deep = std::make_shared<Reporter>(inner, TaskPriority::normal, "deep");
+  auto const idle = std::make_shared<IdleTask>(outer, TaskPriority::normal, "idle");
+  inner->completedTaskStatsInc(idle->taskStatsNameRef(), idle->getStats());
+  idle->scheduleTask();
+  deep->scheduleTask();
+  std::string text;
+  deep->report = [&] { text = root->statsRenderTextForDebugToString(false, false, true, true); };
+  root->handleSchedulerRun();
+  EXPECT_THAT(text, HasSubstr("\nhigh                 0             1         0               1\n"
+                              "normal               1             1         0               1\n"
+                              "low                  0             1         0               1\n"));
+  for (char const* row :
+       {"\nTaskGroup;outer +\\*l +1 ", "\nTaskGroup;inner +\\*h +1 ", "\ndeep +\\*n +1 "})
+    EXPECT_THAT(text, ContainsRegex(row));
+  EXPECT_THAT(text, HasSubstr("Skipped 1 task with no runs\n\nTaskName (completed) "));
+  EXPECT_THAT(text, HasSubstr("Skipped 1 task with no runs\n\nLast 100 scheduler events"));
+
+  // A parent task that somebody keeps beyond its group is left out while it has no runs.
+  deep.reset();
+  inner.reset();
+  dynamic_cast<TaskImpl&>(*orphan).taskRunCount = 0;
+  EXPECT_THAT(root->statsRenderTextForDebugToString(false, false, false, false),
+              HasSubstr("Skipped 1 task with no runs\n"));
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(root->statsRenderTextForDebugToString(true, false, false, false),
+               "TaskGroup is non-null");
 }
 
 TEST(TextReport, ShowsEmptyTables) {

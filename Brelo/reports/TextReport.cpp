@@ -1,25 +1,20 @@
-// The text report of a whole scheduler tree, for people.
+#include "Brelo/reports/TextReport.h"
 
 #include <fmt/compile.h>
 
 #include <algorithm>
-#include <iostream>
 #include <iterator>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "Brelo/FdToStream.h"
-#include "Brelo/TaskScheduler.h"
+#include "Brelo/reports/ReportFigures.h"
 
 namespace Brelo {
 
-namespace {
+using Impl::seconds;
 
-double seconds(TaskTimeDuration duration) {
-  return static_cast<double>(duration.count()) / 1e9;
-}
+namespace {
 
 struct LegendLine {
   char const* column;
@@ -65,6 +60,7 @@ class Line {
       text_.push_back(' ');
     return *this;
   }
+  std::size_t size() const { return text_.size(); }
   void end() {
     text_.push_back('\n');
     stream_.write(text_.data(), static_cast<std::streamsize>(text_.size()));
@@ -79,11 +75,9 @@ class Line {
 void renderPriorities(Line& line, TaskSchedulerQueueStats const& queueStats) {
   line.add("Priority RunnableCount     IdleCount DoneCount   TotalRunCount").end();
   line.add(std::string(62, '-')).end();
-  for (unsigned char level = 0; level < 5; ++level) {
+  for (unsigned char level = 0; level < TaskPriority::levels; ++level) {
     TaskPriority const priority(level);
-    auto const found = queueStats.find(priority);
-    TaskSchedulerPriorityStats const stats =
-        found == queueStats.end() ? TaskSchedulerPriorityStats() : found->second;
+    TaskSchedulerPriorityStats const stats = Impl::statsOfLevel(queueStats, priority);
     line.addLeft(priority.toStrep(), 8)
         .format(FMT_COMPILE(" {:>13} {:>13} {:>9} {:>15}"), stats.runnableTasks, stats.idleTasks,
                 stats.completedTasks, stats.totalRunCount)
@@ -105,10 +99,6 @@ std::size_t nameWidth(std::vector<TaskStat const*> const& tasks, std::string_vie
   return std::max(rowName(**longest, showTaskKey).size(), title.size());
 }
 
-std::uint64_t wholeMilliseconds(TaskTimeDuration duration) {
-  return static_cast<std::uint64_t>(static_cast<std::int64_t>(seconds(duration) * 1000.0));
-}
-
 void renderRow(Line& line, TaskStat const& task, std::size_t width, bool completed,
                bool showTaskKey) {
   line.addLeft(rowName(task, showTaskKey), width)
@@ -116,7 +106,8 @@ void renderRow(Line& line, TaskStat const& task, std::size_t width, bool complet
               task.taskStatusString(), task.taskRunCount, seconds(task.taskTotalRunTime),
               seconds(task.taskLastSchedulingLatency()),
               seconds(task.taskSchedulingLatencyHighWaterMark()), task.taskQuantumViolation200,
-              task.taskQuantumViolation500, wholeMilliseconds(task.taskRunTimeHighWaterMark()));
+              task.taskQuantumViolation500,
+              static_cast<std::uint64_t>(Impl::wholeMilliseconds(task.taskRunTimeHighWaterMark())));
   if (completed) line.format(FMT_COMPILE(" {:>4}"), task.taskCompletedCount);
   if (task.taskWorkCountHighWaterMark.isSet()) {
     line.format(FMT_COMPILE(" {:>10} {:>8.1f} {:>6}"), task.taskWorkCountTotal,
@@ -133,12 +124,10 @@ void renderRow(Line& line, TaskStat const& task, std::size_t width, bool complet
   line.end();
 }
 
-void statsRenderTextTasks(std::ostream& stream, std::vector<TaskStat> const& tasks,
-                          std::string_view title, unsigned skipped, bool completed,
-                          bool showTaskKey) {
-  std::vector<TaskStat const*> const sorted = heaviestFirst(tasks);
-  std::size_t const width = nameWidth(sorted, title, showTaskKey);
-  Line line(stream);
+void statsRenderTextTasks(Line& line, std::vector<TaskStat const*>& tasks, std::string_view title,
+                          unsigned skipped, bool completed, bool showTaskKey) {
+  Impl::sortHeaviestFirst(tasks);
+  std::size_t const width = nameWidth(tasks, title, showTaskKey);
   line.addLeft(title, width)
       .add(" SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs")
       .add(completed ? " Completed" : "")
@@ -146,18 +135,17 @@ void statsRenderTextTasks(std::ostream& stream, std::vector<TaskStat> const& tas
       .end();
   // The word "Completed" is wider than its column and shifts the headers behind it by 5.
   line.add(std::string(width + 107 + (completed ? 5 : 0), '-')).end();
-  for (TaskStat const* task : sorted)
+  for (TaskStat const* task : tasks)
     renderRow(line, *task, width, completed, showTaskKey);
   if (skipped == 0) return;
   line.format(FMT_COMPILE("Skipped {} task{} with no runs\n"), skipped, skipped == 1 ? "" : "s")
       .end();
 }
 
-void statsRenderTextImpl(std::ostream& stream, TaskSchedulerQueueStats const& queueStats,
-                         TaskTimeDuration slip, std::vector<TaskStat>* tasks, unsigned skipped,
-                         std::vector<TaskStat>* completed, unsigned skippedCompleted,
-                         bool showTaskKey) {
-  Line line(stream);
+void statsRenderTextImpl(Line& line, TaskSchedulerQueueStats const& queueStats,
+                         TaskTimeDuration slip, std::vector<TaskStat const*>* tasks,
+                         unsigned skipped, std::vector<TaskStat const*>* completed,
+                         unsigned skippedCompleted, bool showTaskKey) {
   renderPriorities(line, queueStats);
   line.format(FMT_COMPILE("Maximum scheduler slip {:.6f} seconds\n"), seconds(slip)).end();
   for (LegendLine const& entry : legend) {
@@ -165,69 +153,66 @@ void statsRenderTextImpl(std::ostream& stream, TaskSchedulerQueueStats const& qu
     line.addLeft(entry.column, 17).add(" ").add(entry.meaning).end();
   }
   line.end();
-  statsRenderTextTasks(stream, *tasks, "TaskName", skipped, false, showTaskKey);
+  statsRenderTextTasks(line, *tasks, "TaskName", skipped, false, showTaskKey);
   if (completed != nullptr) {
-    statsRenderTextTasks(stream, *completed, "TaskName (completed)", skippedCompleted, true, false);
+    statsRenderTextTasks(line, *completed, "TaskName (completed)", skippedCompleted, true, false);
   }
+}
+
+void addPointers(std::vector<TaskStat const*>& pointers, std::vector<TaskStat> const& tasks) {
+  for (TaskStat const& task : tasks)
+    pointers.push_back(&task);
+}
+
+std::int64_t nanoseconds(TaskSchedulerHistory::Event const& event) {
+  return TaskTimeDuration(event.eventTime().time_since_epoch()).count();
 }
 
 }  // namespace
 
-void TaskSchedulerRoot::statsRenderTextForDebug(std::ostream& stream, bool includeNeverRun,
-                                                bool showTaskKey, bool includeCompleted,
-                                                bool includeHistory) const {
-  sanityCheckCurrentRunningThread();
-  std::vector<TaskStat> tasks;
-  std::vector<TaskStat> completed;
+void Impl::renderText(std::ostream& stream, std::vector<TaskSchedulerSnapshot> const& schedulers,
+                      bool showTaskKey, bool includeCompleted) {
+  std::vector<TaskStat const*> tasks;
+  std::vector<TaskStat const*> completed;
   unsigned skipped = 0;
   unsigned skippedCompleted = 0;
-  for (TaskScheduler const* scheduler : schedulers_) {
-    skipped += scheduler->getTaskStats(&tasks, includeNeverRun);
-    if (includeCompleted) {
-      skippedCompleted += scheduler->getCompletedTaskStats(&completed, includeNeverRun);
-    }
+  TaskSchedulerQueueStats queueStats;
+  TaskTimeDuration slip;
+  for (TaskSchedulerSnapshot const& scheduler : schedulers) {
+    addPointers(tasks, scheduler.tasks());
+    addPointers(completed, scheduler.completedTasks());
+    skipped += scheduler.skippedTasks();
+    skippedCompleted += scheduler.skippedCompletedTasks();
+    queueStats += scheduler.queueStats();
+    if (scheduler.isRootScheduler()) slip = scheduler.maxSchedulerSlip();
   }
-  statsRenderTextImpl(stream, queueStatsRoot(), maxSchedulerSlip(), &tasks, skipped,
+  Line line(stream);
+  statsRenderTextImpl(line, queueStats, slip, &tasks, skipped,
                       includeCompleted ? &completed : nullptr, skippedCompleted, showTaskKey);
-  if (includeHistory) historyRenderTextForDebug(stream);
+  for (TaskSchedulerSnapshot const& scheduler : schedulers) {
+    if (scheduler.history() != nullptr) scheduler.history()->renderText(stream);
+  }
 }
 
-void TaskSchedulerRoot::statsRenderTextForDebug(int fd, bool includeNeverRun, bool showTaskKey,
-                                                bool includeCompleted, bool includeHistory) const {
-  FdToStream stream(fd, false);
-  statsRenderTextForDebug(stream, includeNeverRun, showTaskKey, includeCompleted, includeHistory);
+void TaskSchedulerSnapshot::History::renderText(std::ostream& stream) const {
+  Line line(stream);
+  line.format(FMT_COMPILE("Last {} scheduler events, absolute timestamp and"
+                          " relative to last event"),
+              historyEntryCount);
+  std::size_t const width = line.size();
+  line.end();
+  line.add(std::string(width, '-')).end();
+  for (TaskSchedulerHistory::Event const& event : events_) {
+    std::int64_t const time = nanoseconds(event);
+    std::int64_t const age = (nanoseconds(events_.front()) - time) / 1000;
+    line.format(FMT_COMPILE("{:>22} ns since boot {:>10} µs {}"), time, age, event.display()).end();
+    stream.flush();
+  }
+  line.end();
 }
 
-std::string TaskSchedulerRoot::statsRenderTextForDebugToString(bool includeNeverRun,
-                                                               bool showTaskKey,
-                                                               bool includeCompleted,
-                                                               bool includeHistory) const {
-  std::ostringstream text;
-  statsRenderTextForDebug(text, includeNeverRun, showTaskKey, includeCompleted, includeHistory);
-  return text.str();
-}
-
-void TaskSchedulerRoot::statsRenderTextForDebugStdErr() const {
-  statsRenderTextForDebug(std::cerr, true, true, true, false);
-}
-
-void TaskSchedulerRoot::historyRenderTextForDebug(std::ostream& stream) const {
-  history().renderText(stream);
-}
-
-void TaskSchedulerRoot::historyRenderTextForDebug(int fd) const {
-  FdToStream stream(fd, false);
-  historyRenderTextForDebug(stream);
-}
-
-void TaskSchedulerRoot::historyRenderTextForDebugStdErr() const {
-  historyRenderTextForDebug(std::cerr);
-}
-
-std::string TaskSchedulerRoot::historyRenderTextForDebugToString() const {
-  std::ostringstream text;
-  historyRenderTextForDebug(text);
-  return text.str();
+void TaskSchedulerHistory::renderText(std::ostream& stream) const {
+  TaskSchedulerSnapshot::History(*this).renderText(stream);
 }
 
 }  // namespace Brelo

@@ -1,23 +1,15 @@
 // The JSON form of a snapshot.
 
-#include "Brelo/Assert.h"
 #include "Brelo/TaskSchedulerSnapshot.h"
 #include "Brelo/reports/JsonWriter.h"
-#include "Brelo/reports/SubSchedulerKey.h"
+#include "Brelo/reports/ReportFigures.h"
 
 namespace Brelo {
 
 using Impl::JsonWriter;
+using Impl::seconds;
 
 namespace {
-
-double seconds(TaskTimeDuration duration) {
-  return static_cast<double>(duration.count()) / 1e9;
-}
-
-std::uint32_t wholeMilliseconds(TaskTimeDuration duration) {
-  return static_cast<std::uint32_t>(static_cast<std::int64_t>(seconds(duration) * 1000.0));
-}
 
 void writeWorkCount(JsonWriter& writer, TaskStat const& task) {
   writer.Key("workCount");
@@ -79,7 +71,7 @@ void writeTask(JsonWriter& writer, TaskStat const& task, bool completed) {
   writer.Key("qv500");
   writer.Uint(task.taskQuantumViolation500);
   writer.Key("maxMs");
-  writer.Uint(wholeMilliseconds(task.taskRunTimeHighWaterMark()));
+  writer.Uint(static_cast<std::uint32_t>(Impl::wholeMilliseconds(task.taskRunTimeHighWaterMark())));
   if (completed) {
     writer.Key("completedCount");
     writer.Uint(task.taskCompletedCount);
@@ -94,9 +86,7 @@ void writePriorityStats(JsonWriter& writer, TaskSchedulerQueueStats const& queue
   writer.StartObject();
   for (unsigned char level = 0; level < TaskPriority::levels; ++level) {
     TaskPriority const priority(level);
-    auto const found = queueStats.find(priority);
-    TaskSchedulerPriorityStats const stats =
-        found == queueStats.end() ? TaskSchedulerPriorityStats() : found->second;
+    TaskSchedulerPriorityStats const stats = Impl::statsOfLevel(queueStats, priority);
     writer.Key(priority.toStrep());
     writer.StartObject();
     writer.Key("runnableTasks");
@@ -113,13 +103,6 @@ void writePriorityStats(JsonWriter& writer, TaskSchedulerQueueStats const& queue
 }
 
 }  // namespace
-
-std::string Impl::subSchedulerKey(TaskStat const& parentTask) {
-  if (!parentTask.taskStatus.taskIsTaskGroup()) {
-    BRELO_FAIL("Brelo", "{} is not TaskGroup", parentTask.taskName());
-  }
-  return parentTask.taskName() + "-" + parentTask.taskKey.toStrep();
-}
 
 void TaskSchedulerSnapshot::renderJson(TaskSchedulerPrintContext& context) const {
   context.writer().Key(schedulerName_);
@@ -160,7 +143,11 @@ void TaskSchedulerSnapshot::renderJsonTasks(TaskSchedulerPrintContext& context,
                                             std::vector<TaskStat> const& tasks,
                                             std::string const& key, unsigned skipped,
                                             bool completed) {
-  std::vector<TaskStat const*> const sorted = heaviestFirst(tasks);
+  std::vector<TaskStat const*> sorted;
+  sorted.reserve(tasks.size());
+  for (TaskStat const& task : tasks)
+    sorted.push_back(&task);
+  Impl::sortHeaviestFirst(sorted);
   JsonWriter& writer = context.writer();
   writer.Key(key);
   writer.StartObject();
