@@ -65,10 +65,10 @@ class BRELO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
   /// @}
   /// Streams snapshots as one JSON document, however slow the reader is, by two tasks of this
   /// scheduler. The descriptor is given up: it becomes non-blocking and is closed at the end, after
-  /// which `done` is called on the scheduler's thread. A reader that goes away ends the export
-  /// early and unreported; the process has to ignore SIGPIPE for that. Any other failure of a
-  /// write, ECONNRESET of a TCP socket among them, is an assertion. A reader that never reads keeps
-  /// the export waiting for good.
+  /// which `done` is called on the scheduler's thread. A reader that goes away, also with input
+  /// unread, ends the export early and unreported; the process has to ignore SIGPIPE for that. Any
+  /// other failure of a write is an assertion. A reader that never reads keeps the export waiting
+  /// for good.
   /// @{
   void snapshotRenderJsonAsync(int fd,
                                std::vector<std::shared_ptr<TaskSchedulerSnapshot const>> snapshots,

@@ -96,6 +96,7 @@ bool TaskScheduler::SnapshotWriteJsonTask::writeFailed(int error, std::uint32_t 
       }
       return false;
     case EPIPE:
+    case ECONNRESET:  // it left input unread
     case EBADF:
       // The reader has gone: the export runs to its end without it.
       BRELO_TRACE(schedulerTrace, 2, traceLabel, "Writing to fd {} at offset {} of {} failed {}",

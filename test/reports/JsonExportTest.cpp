@@ -1,9 +1,11 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -19,6 +21,7 @@ using namespace Brelo;
 using BreloTest::IdleTask;
 using nlohmann::json;
 using testing::ContainsRegex;
+using testing::HasSubstr;
 
 namespace {
 
@@ -122,6 +125,23 @@ TEST_P(JsonExport, WaitsForASlowReaderAndResumesWhatIsInterrupted) {
   });
 }
 
+/// A TCP connection of this process with itself.
+std::array<int, 2> connection() {
+  int const listener = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto const generic = reinterpret_cast<sockaddr*>(&address);
+  EXPECT_EQ(bind(listener, generic, size) | listen(listener, 1), 0);
+  EXPECT_EQ(getsockname(listener, generic, &size), 0);
+  int const client = socket(AF_INET, SOCK_STREAM, 0);
+  EXPECT_EQ(connect(client, generic, size), 0);
+  int const server = accept(listener, nullptr, nullptr);
+  close(listener);
+  return {client, server};
+}
+
 TEST_P(JsonExport, EndsQuietlyWithoutItsReader) {
   run([] {
     auto const root = schedulerRootBrelo();
@@ -143,6 +163,17 @@ TEST_P(JsonExport, EndsQuietlyWithoutItsReader) {
       Platform::doEventLoopInWaitfor(0.0);
     close(half[0]);
 
+    // A reader that closes with input unread: the write after it fails with ECONNRESET.
+    auto const [client, server] = connection();
+    BreloTest::TraceCapture capture("TaskScheduler");
+    root->snapshotRenderJsonAsync(server, {frozen(), frozen()}, [&] { ++done; });
+    while (recv(client, &first, 1, MSG_PEEK | MSG_DONTWAIT) != 1)
+      Platform::doEventLoopInWaitfor(0.0);
+    close(client);
+    while (done < 3)
+      Platform::doEventLoopInWaitfor(0.01);
+    EXPECT_THAT(capture.take(), HasSubstr("failed Connection reset by peer"));
+
     // A descriptor that somebody closes between two writes.
     int lost[2];
     ASSERT_EQ(pipe(lost), 0);
@@ -154,9 +185,9 @@ TEST_P(JsonExport, EndsQuietlyWithoutItsReader) {
     char name[] = "/tmp/brelo-export-XXXXXX";
     int const file = mkstemp(name);
     root->snapshotRenderJsonAsync(file, {frozen()}, [&] { ++done; });
-    while (done < 4)
+    while (done < 5)
       Platform::doEventLoopInWaitfor(0.01);
-    EXPECT_FALSE(isOpen(gone[1]) || isOpen(half[1]));
+    EXPECT_FALSE(isOpen(gone[1]) || isOpen(half[1]) || isOpen(server));
     int const reader = open(name, O_RDONLY);
     EXPECT_NO_THROW(json::parse(readAll(reader)));
     close(reader);
