@@ -17,6 +17,8 @@
 #include <iterator>
 #include <utility>
 
+#include "Zel/Trace.h"
+
 namespace BreloTest {
 
 namespace {
@@ -129,4 +131,14 @@ extern "C" int fcntl(int fd, int command, ...) {
   void* const argument = va_arg(rest, void*);  // an int comes in the same register
   va_end(rest);
   return BreloTest::failed("fcntl") ? -1 : real(fd, command, argument);
+}
+
+/// A host's own need not keep `errno`.
+void Zel::formatAndWriteTraceString(char const* facility, char const* file, int line,
+                                    char const* func, char const* message, std::size_t length,
+                                    FacilityLevel level) {
+  static auto const real = reinterpret_cast<decltype(&Zel::formatAndWriteTraceString)>(
+      dlsym(RTLD_NEXT, "_ZN3Zel25formatAndWriteTraceStringEPKcS1_iS1_S1_mt"));
+  real(facility, file, line, func, message, length, level);
+  errno = ENOTRECOVERABLE;
 }

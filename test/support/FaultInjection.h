@@ -10,7 +10,7 @@
 /// A test program gets it with `brelo_fault_test(Name)` in place of `brelo_test(Name)`. The
 /// interposed calls are listed at the end of FaultInjection.cpp, one line for each. Faults hit the
 /// thread that ordered them, and nothing else; a trace that goes to standard error calls `write`,
-/// so capture traces where `write` is to fail.
+/// so capture traces where `write` is to fail. Each trace leaves a strange `errno` behind.
 
 namespace BreloTest {
 

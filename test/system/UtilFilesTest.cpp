@@ -6,10 +6,12 @@
 
 #include <array>
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include "Brelo/FileLock.h"
 #include "Brelo/UtilPaths.h"
+#include "Brelo/UtilSockets.h"
 #include "support/ChildProcess.h"
 #include "support/HelperTest.h"
 
@@ -163,6 +165,22 @@ TEST_F(UtilFiles, MadeDirectoriesNeverLendTheirModeToALinkInTheirPlace) {
   }
   EXPECT_EQ(modeOf("victim"), 0700U);
   EXPECT_EQ(modeOf("victim/file"), 0600U);
+}
+
+TEST_F(UtilFiles, LeaveTheErrnoOfTheSystemWithEveryTraceOn) {
+  for (unsigned short level = 0; level < 16; ++level)
+    handler->enabledIs(level, true);
+  EXPECT_TRUE(touch(*handler, "file") && mkpath(directory + "/full/inner", 0700) == 0);
+  std::pair<int, std::function<int()>> const failures[] = {
+      {ENOTDIR, [] { return mkpath("file/x/y", 0700); }},
+      {ENOENT, [] { return mkpath("", 0700); }},
+      {ENOTEMPTY, [&] { return trimpath(directory + "/full", "full"); }},
+      {EBADF, [&] { return Brelo::Util::truncate(*handler, "file", -1, 0); }},
+      {EAFNOSUPPORT, [&] { return Brelo::Util::socket(*handler, -1, SOCK_DGRAM, 0); }}};
+  for (auto const& [error, call] : failures) {
+    EXPECT_EQ(call(), -1);
+    EXPECT_EQ(errno, error) << Brelo::strerror(error);
+  }
 }
 
 TEST_F(UtilFiles, FailAsTheTableSays) {
