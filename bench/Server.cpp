@@ -15,6 +15,7 @@
 #include "Catalogue.h"
 #include "ServerClient.h"
 #include "ServerIdle.h"
+#include "ServerMemory.h"
 #include "ServerSetup.h"
 #include "Servers.h"
 #include "Units.h"
@@ -28,6 +29,7 @@ constexpr std::uint64_t requestCount = 30'000;
 constexpr std::size_t busyBesidePolite = 500;
 constexpr std::uint64_t politeMilliseconds = 1'000;
 constexpr std::size_t burstClientCount = 4'000;
+constexpr std::size_t idleConnectionCount = 10'000;
 
 /// One library as server. Its `suffix` makes the name of a form.
 struct Competitor {
@@ -157,6 +159,19 @@ void addBurst(Catalogue& catalogue) {
   }
 }
 
+void addMemory(Catalogue& catalogue) {
+  std::string const form = "memory of an idle connection";
+  if (!canHold(idleConnectionCount, form)) return;
+  for (Competitor const& each : competitors()) {
+    catalogue.measureFigures(
+        {{unit, form + each.suffix, "bytes"}}, each.who, idleConnectionCount,
+        [serve = each.serve](std::uint64_t count) -> std::vector<double> {
+          return {bytesOfIdleConnection(serve, count)};
+        },
+        each.backend);
+  }
+}
+
 }  // namespace
 
 void addServer(Catalogue& catalogue) {
@@ -167,6 +182,7 @@ void addServer(Catalogue& catalogue) {
   addPolite(catalogue);
   addBurst(catalogue);
   addIdleSecond(catalogue, unit);
+  addMemory(catalogue);
 
   catalogue.aim({unit, "1 client as root tasks", "brelo-host", 1.1, "libevent"});
   for (char const* clients : {"50 clients", "500 clients"}) {
