@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <locale>
 #include <regex>
 
 #include "Brelo/Assert.h"
@@ -13,14 +14,15 @@
 
 namespace BreloTest {
 
-/// A test of helpers that trace and fail: it runs in a directory of its own, takes all traces but
-/// those of fine detail, and throws assertions.
+/// A test of helpers that trace and fail: it runs in a directory of its own and under a global
+/// locale that groups digits, takes all traces but those of fine detail, and throws assertions.
 class HelperTest : public testing::Test {
  protected:
   HelperTest() {
     for (unsigned short level = 0; level < 7; ++level)
       handler->enabledIs(level, true);
     Brelo::throwOnAssertFailIs(true);
+    std::locale::global(std::locale(std::locale::classic(), new Grouping));
     std::filesystem::current_path(mkdtemp(directory.data()));
     Brelo::Exception const first("", true);  // the unwinder keeps descriptors from its first walk
   }
@@ -58,6 +60,11 @@ class HelperTest : public testing::Test {
       Brelo::Platform::getDebugHandler("BreloUtil");
   TraceRecords records{"%l %m"};
   std::string directory = testing::TempDir() + "brelo.XXXXXX";
+
+ private:
+  struct Grouping : std::numpunct<char> {
+    std::string do_grouping() const override { return "\1"; }
+  };
 };
 
 }  // namespace BreloTest
