@@ -130,12 +130,12 @@ void FileDescriptorTask::readFdEvent(int fd) {
   BRELO_SCHEDULER_ASSERT(taskWatchReadable_, "readFdEvent() called with taskWatchReadable off");
   BRELO_SCHEDULER_ASSERT(fd == taskWatchFd(), "Notified about ", fd, " watching ", taskWatchFd());
   TaskTimePoint const now = steadyNow();
-  bool const cannotRunYet =
-      readTask_->onRunQueue() || readTask_->taskSuspended() || taskScheduler_->root().suspended();
+  bool const runIsNext = !taskScheduler_->schedulerHasRunnableTasks() && !readTask_->onRunQueue() &&
+                         !readTask_->taskSuspended() && !taskScheduler_->root().suspended();
   taskHistoryInsert(now, TaskSchedulerEventType::fdReadable);
   readTask_->scheduleTaskAt(now);
-  // What is known already need not be told at each pass until the run.
-  if (cannotRunYet) pauseReads();
+  // What is known already need not be told again at each pass until the run.
+  if (!runIsNext) pauseReads();
 }
 
 void FileDescriptorTask::writeFdEvent(int fd) {
