@@ -44,8 +44,8 @@ class BRELO_EXPORT FileDescriptorTask : public _TaskBase, Platform::FdEventHandl
   /// @}
 
   /// The work of a direction. A run may come without an event, and several events before a run
-  /// are one run: input is looked at again when the run starts. Input that is left then brings
-  /// another event; output that is left has to ask for one by `taskWatchWritableIs(true)`.
+  /// are one run. Input that is left brings another event; output that is left has to ask for one
+  /// by `taskWatchWritableIs(true)`.
   /// @{
   virtual void taskExecuteReadable() = 0;
   virtual void taskExecuteWritable() = 0;
@@ -134,7 +134,7 @@ class BRELO_EXPORT FileDescriptorTask : public _TaskBase, Platform::FdEventHandl
 
   bool taskWatchReadable_ = false;
   bool taskWatchWritable_ = false;
-  bool readsPaused_ = false;  // the platform's watch is off until the read task runs
+  bool readsPaused_ = false;  // the platform's watch is off until the read task is idle
   std::shared_ptr<Platform::FdControl> fdControl_;
   std::shared_ptr<ReadTask> readTask_;
   std::shared_ptr<WriteTask> writeTask_;

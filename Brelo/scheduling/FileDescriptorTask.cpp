@@ -152,9 +152,13 @@ void FileDescriptorTask::_taskExecuteReadable() {
     BRELO_FAIL("FileDescriptorTask", "ReadTask should only run if taskWatchReadable");
   }
   if (executingTask_ != nullptr) BRELO_FAIL("FileDescriptorTask", "Executing task already set");
-  resumeReads();
   executingTask_ = readTask_.get();
-  taskExecuteReadable();
+  try {
+    taskExecuteReadable();
+  } catch (...) {
+    resumeReads();
+    throw;
+  }
   executingTask_ = nullptr;
 }
 

@@ -21,7 +21,8 @@ void FileDescriptorTask::ReadWriteTaskBase::handleTaskBusy() {
 }
 
 void FileDescriptorTask::ReadTask::handleTaskBusy() {
-  // Idle is also what a run that was taken back leaves.
+  // After a run, or when one has been taken back. The input is drained by then as a rule, so that
+  // turning the watch on does not find it ready once more.
   if (fileDescriptorTask_ != nullptr && !taskBusy()) fileDescriptorTask_->resumeReads();
   ReadWriteTaskBase::handleTaskBusy();
 }
