@@ -1,6 +1,8 @@
 #include "ZelBrelo/Platform.h"
 
 #include "Brelo/MemTrack.h"
+#include "Brelo/platform/Backend.h"
+#include "Zel/System.h"
 #include "ZelBrelo/internal/PlatformTrace.h"
 
 namespace ZelBrelo {
@@ -24,3 +26,41 @@ std::shared_ptr<Brelo::Platform::FdControl> getFdControl(Brelo::Platform::FdEven
 }
 
 }  // namespace ZelBrelo
+
+namespace Brelo::Platform {
+
+namespace {
+
+// The host has no priorities.
+std::shared_ptr<TimerControl> timerControl(TimeoutHandler* handler, EventPriority) {
+  return ZelBrelo::getTimerControl(handler);
+}
+
+void eventLoopFor(double seconds) {
+  Zel::ActivityFacility::activityManagerConfig()->executionTimeIs(seconds);
+  Zel::System::doRun();
+}
+
+}  // namespace
+
+Backend const& hostBackend() {
+  static constexpr Backend row = {BackendKind::host,
+                                  timerControl,
+                                  ZelBrelo::getCallbackControl,
+                                  ZelBrelo::getFdControl,
+                                  &Zel::System::doRun,
+                                  eventLoopFor,
+                                  eventLoopFor};
+  return row;
+}
+
+bool virtualTimeEnabled() {
+  static auto const manager = Zel::activityManager();
+  return manager->virtualTime();
+}
+
+void virtualTimeIs(bool on) {
+  Zel::activityManager()->virtualTimeIs(on);
+}
+
+}  // namespace Brelo::Platform

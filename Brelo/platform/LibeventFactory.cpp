@@ -9,6 +9,7 @@
 #include "Brelo/Assert.h"
 #include "Brelo/MemTrack.h"
 #include "Brelo/Thread.h"
+#include "Brelo/platform/Backend.h"
 #include "Brelo/platform/LibeventState.h"
 
 namespace Brelo {
@@ -202,6 +203,13 @@ void doLeEventLoopInWaitfor(double maxTimeout) {
   leInit();
   if (!leFastForward()) return eventLoopTimeout(maxTimeout);
   Impl::eventLoopFastForwardToFirstTimer(maxTimeout);
+}
+
+Platform::Backend const& Platform::libeventBackend() {
+  static constexpr Backend row = {BackendKind::libevent, getLeTimerControl, getLeCallbackControl,
+                                  getLeFdControl,        doLeEventLoop,     doLeEventLoop,
+                                  doLeEventLoopInWaitfor};
+  return row;
 }
 
 void le_debug_cb(int severity, char const* message) {

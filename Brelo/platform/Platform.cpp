@@ -3,11 +3,8 @@
 #include <unordered_set>
 
 #include "Brelo/Assert.h"
-#include "Brelo/LibeventFactory.h"
 #include "Brelo/Thread.h"
-#include "Zel/Activity.h"
-#include "Zel/System.h"
-#include "ZelBrelo/Platform.h"
+#include "Brelo/platform/Backend.h"
 
 namespace Brelo {
 
@@ -23,7 +20,7 @@ std::unordered_set<void (*)()>& fastForwardChangeNotifiers() {
 }
 
 void checkHostFastForward(char const* func, int line) {
-  if (!hasThreadLocalSingletons()) return;
+  if (backend().kind == BackendKind::host) return;
   DebugStream text;
   text << "ThreadLocal fastForward invoked from non-main thread";
   debugAndAssert(text, __FILE__, func, line);
@@ -50,48 +47,44 @@ std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler) {
 }
 
 std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler, EventPriority priority) {
-  if (hasThreadLocalSingletons()) return getLeTimerControl(handler, priority);
-  return ZelBrelo::getTimerControl(handler);
+  return backend().timerControl(handler, priority);
 }
 
 std::shared_ptr<CallbackControl> getCallbackControl(CallbackHandler* handler) {
-  if (hasThreadLocalSingletons()) return getLeCallbackControl(handler);
-  return ZelBrelo::getCallbackControl(handler);
+  return backend().callbackControl(handler);
 }
 
 std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler) {
-  if (hasThreadLocalSingletons()) return getLeFdControl(handler);
-  return ZelBrelo::getFdControl(handler);
+  return backend().fdControl(handler);
 }
 
 void doEventLoop() {
-  if (hasThreadLocalSingletons()) return doLeEventLoop();
-  Zel::System::doRun();
+  backend().eventLoop();
 }
 
 void doEventLoop(double seconds) {
-  if (hasThreadLocalSingletons()) return doLeEventLoop(seconds);
-  Zel::ActivityFacility::activityManagerConfig()->executionTimeIs(seconds);
-  Zel::System::doRun();
+  backend().eventLoopFor(seconds);
 }
 
 void doEventLoopInWaitfor(double maxTimeout) {
-  if (hasThreadLocalSingletons()) return doLeEventLoopInWaitfor(maxTimeout);
-  doEventLoop(maxTimeout);
+  backend().eventLoopInWaitfor(maxTimeout);
+}
+
+Backend const& backend() {
+  return hasThreadLocalSingletons() ? libeventBackend() : hostBackend();
 }
 
 void setFastForward(bool on) {
   checkHostFastForward(__func__, __LINE__);
-  auto const& manager = Zel::activityManager();
-  if (manager->virtualTime() == on) return;
-  manager->virtualTimeIs(on);
+  if (virtualTimeEnabled() == on) return;
+  virtualTimeIs(on);
   for (auto* const notifier : fastForwardChangeNotifiers())
     notifier();
 }
 
 bool fastForward() {
   checkHostFastForward(__func__, __LINE__);
-  return Zel::activityManager()->virtualTime();
+  return virtualTimeEnabled();
 }
 
 void registerFastForwardChangeNotifier(void (*notifier)()) {

@@ -7,7 +7,7 @@
 
 #include "Brelo/Assert.h"
 #include "Brelo/MemTrack.h"
-#include "Brelo/Thread.h"
+#include "Brelo/platform/Backend.h"
 #include "Brelo/platform/TimerWheelTrace.h"
 
 namespace Brelo {
@@ -244,7 +244,7 @@ std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler(Platform::EventPriorit
 }
 
 std::shared_ptr<TimerWheel> getTimerWheel() {
-  if (hasThreadLocalSingletons()) {
+  if (Platform::backend().kind == Platform::BackendKind::libevent) {
     thread_local auto const wheel = makeTracked<TimerWheel>(Platform::eventPriorityDefault);
     return wheel;
   }

@@ -4,9 +4,9 @@
 #include "Brelo/TaskSchedulerBase.h"
 #include "Brelo/TaskSchedulerHistory.h"
 #include "Brelo/TaskSchedulerRoot.h"
+#include "Brelo/platform/Ticks.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"
-#include "Zel/Rdtsc.h"
 
 namespace Brelo {
 
@@ -43,9 +43,9 @@ bool TaskImpl::taskShouldYield() const {
 }
 
 bool TaskImpl::clockSaysYield() const {
-  std::uint64_t const ticks = Zel::Rdtsc::read();
+  std::uint64_t const ticks = Impl::ticks();
   if (ticks >= taskYieldCheckTicks_ &&
-      ticks < taskYieldCheckTicks_ + Zel::Rdtsc::approxTicksIn500Usec()) {
+      ticks < taskYieldCheckTicks_ + Impl::approxTicksIn500Usec()) {
     return false;
   }
   taskYieldCheckTicks_ = ticks;

@@ -13,9 +13,9 @@
 #include "Brelo/TaskSchedulerQueueStats.h"
 #include "Brelo/Thread.h"
 #include "Brelo/TimerWheel.h"
+#include "Brelo/platform/Backend.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"
-#include "Zel/Activity.h"
 
 std::uint32_t auxThreadCount = 0;
 
@@ -40,11 +40,6 @@ std::string threadRootName() {
   std::ostringstream name;
   name << "thread:" << std::this_thread::get_id();
   return name.str();
-}
-
-bool virtualTimeEnabled() {
-  static auto const manager = Zel::activityManager();
-  return manager->virtualTime();
 }
 
 }  // namespace
@@ -113,7 +108,7 @@ void TaskSchedulerRoot::handleSchedulerRun() {
 }
 
 void TaskSchedulerRoot::followVirtualTime() {
-  virtualTimeIs(isMainThread_ && virtualTimeEnabled());
+  virtualTimeIs(isMainThread_ && Platform::virtualTimeEnabled());
 }
 
 void TaskSchedulerRoot::suspendedIs(bool suspended) {
