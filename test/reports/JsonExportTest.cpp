@@ -106,10 +106,17 @@ TEST_P(JsonExport, WaitsForASlowReaderAndResumesWhatIsInterrupted) {
         {root->snapshot("", true, false, false, TaskSchedulerSnapshot::displayOrderUnset)},
         [&] { done = true; });
     BreloTest::FaultInjection const faults({{"write", {EINTR, EAGAIN, 0, EINTR, 0, 0, EINTR}}});
+    root->taskTestYieldRatioIs(2);
+    std::string const writer =
+        "TaskSchedulerRenderJson-fd:" + std::to_string(pipe.writer()) + ":FdWrite:write";
     std::string text;
     fcntl(pipe.reader(), F_SETFL, O_NONBLOCK);
     while (!done) {
       Platform::doEventLoopInWaitfor(0.0);
+      TaskStat const write = root->taskStatForTest(writer);
+      if (write.taskWorkPending != 0) {  // of the first chunk: the second one is "}}"
+        ASSERT_EQ(write.taskWorkCountTotal + write.taskWorkPending, expected.size() - 2);
+      }
       char block[1000];
       ssize_t const n = read(pipe.reader(), block, sizeof block);
       if (n > 0) text.append(block, static_cast<std::size_t>(n));
@@ -118,8 +125,9 @@ TEST_P(JsonExport, WaitsForASlowReaderAndResumesWhatIsInterrupted) {
     EXPECT_GT(text.size(), 100'000U);
     EXPECT_EQ(text, expected);
     EXPECT_TRUE(faults.left().empty());
-    EXPECT_THAT(capture.take(),
-                ContainsRegex("at offset [1-9][0-9]* of .* got Interrupted system"));
+    std::string const traces = capture.take();
+    EXPECT_THAT(traces, ContainsRegex("at offset [1-9][0-9]* of .* got Interrupted system"));
+    EXPECT_THAT(traces, ContainsRegex("wrote [1-9][0-9]* bytes of [0-9]+ remaining yielding"));
     TaskStat const write = root->completedTaskStatForTest("TaskSchedulerRenderJson:FdWrite:write");
     EXPECT_EQ(write.taskWorkCountTotal, text.size());
   });
