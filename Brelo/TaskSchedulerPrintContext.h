@@ -17,7 +17,10 @@ class JsonWriter;
 /// One JSON document of statistics in the making: making it opens the document, each snapshot
 /// rendered into it adds a member of "schedulers", and closing or dropping it completes the
 /// document. All bytes are on the stream once the context is made, after each snapshot and after
-/// the close. Errors of the stream are not looked at.
+/// the close.
+///
+/// Errors of the stream are not looked at. An exception amid a snapshot, for want of memory or of a
+/// stream that throws, leaves the document cut short: to close or drop it then adds nothing.
 class BRELO_EXPORT TaskSchedulerPrintContext {
  public:
   /// The stream is the caller's and must outlive the context.

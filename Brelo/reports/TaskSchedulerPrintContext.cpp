@@ -25,7 +25,11 @@ std::ostream& TaskSchedulerPrintContext::openSink(int fd, bool closeFd) {
 }
 
 TaskSchedulerPrintContext::~TaskSchedulerPrintContext() {
-  if (!jsonClosed_) closeJson();
+  if (jsonClosed_) return;
+  try {
+    closeJson();
+  } catch (...) {  // of a stream that throws: a destructor has nobody to tell
+  }
 }
 
 void TaskSchedulerPrintContext::openJson() {
@@ -37,10 +41,11 @@ void TaskSchedulerPrintContext::openJson() {
 
 void TaskSchedulerPrintContext::closeJson() {
   BRELO_SCHEDULER_ASSERT(!jsonClosed_, "JSON already closed");
+  jsonClosed_ = true;
+  if (writer_->broken()) return;
   writer_->EndObject();
   writer_->EndObject();
   writer_->flush();
-  jsonClosed_ = true;
 }
 
 }  // namespace Brelo

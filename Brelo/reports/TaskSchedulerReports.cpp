@@ -1,10 +1,10 @@
 // The reports that a scheduler gives out of itself.
 
-#include <sstream>
 #include <utility>
 
 #include "Brelo/MemTrack.h"
 #include "Brelo/TaskScheduler.h"
+#include "Brelo/reports/StringStream.h"
 
 namespace Brelo {
 
@@ -38,14 +38,16 @@ void TaskScheduler::statsRenderJson(std::ostream& stream, bool includeNeverRun,
                                     bool includeCompleted, bool includeHistory) const {
   auto const frozen = snapshot("", includeNeverRun, includeCompleted, includeHistory,
                                TaskSchedulerSnapshot::displayOrderUnset);
-  frozen->renderJson(*PrintContextIs(stream));
+  auto const context = PrintContextIs(stream);
+  frozen->renderJson(*context);
+  context->closeJson();
 }
 
 std::string TaskScheduler::statsRenderJsonToString(bool includeNeverRun, bool includeCompleted,
                                                    bool includeHistory) const {
-  std::ostringstream text;
+  Impl::StringStream text;
   statsRenderJson(text, includeNeverRun, includeCompleted, includeHistory);
-  return text.str();
+  return text.take();
 }
 
 void TaskScheduler::statsRenderJsonToBlockingFdForTest(int fd, bool includeNeverRun,

@@ -1,10 +1,10 @@
 // The reports for people that a root gives out of its tree.
 
 #include <iostream>
-#include <sstream>
 
 #include "Brelo/FdToStream.h"
 #include "Brelo/TaskSchedulerRoot.h"
+#include "Brelo/reports/StringStream.h"
 #include "Brelo/reports/TextReport.h"
 
 namespace Brelo {
@@ -32,9 +32,9 @@ std::string TaskSchedulerRoot::statsRenderTextForDebugToString(bool includeNever
                                                                bool showTaskKey,
                                                                bool includeCompleted,
                                                                bool includeHistory) const {
-  std::ostringstream text;
+  Impl::StringStream text;
   statsRenderTextForDebug(text, includeNeverRun, showTaskKey, includeCompleted, includeHistory);
-  return text.str();
+  return text.take();
 }
 
 void TaskSchedulerRoot::statsRenderTextForDebugStdErr() const {
@@ -55,9 +55,9 @@ void TaskSchedulerRoot::historyRenderTextForDebugStdErr() const {
 }
 
 std::string TaskSchedulerRoot::historyRenderTextForDebugToString() const {
-  std::ostringstream text;
+  Impl::StringStream text;
   historyRenderTextForDebug(text);
-  return text.str();
+  return text.take();
 }
 
 }  // namespace Brelo

@@ -105,6 +105,7 @@ void writePriorityStats(JsonWriter& writer, TaskSchedulerQueueStats const& queue
 }  // namespace
 
 void TaskSchedulerSnapshot::renderJson(TaskSchedulerPrintContext& context) const {
+  JsonWriter::Part const part(context.writer());
   context.writer().Key(schedulerName_);
   renderJsonImpl(context);
   context.writer().flush();
@@ -112,6 +113,7 @@ void TaskSchedulerSnapshot::renderJson(TaskSchedulerPrintContext& context) const
 
 void TaskSchedulerSnapshot::renderJsonImpl(TaskSchedulerPrintContext& context) const {
   JsonWriter& writer = context.writer();
+  JsonWriter::Part const part(writer);
   writer.StartObject();
   writer.Key("schedulerName");
   writer.String(schedulerName_);
@@ -149,6 +151,7 @@ void TaskSchedulerSnapshot::renderJsonTasks(TaskSchedulerPrintContext& context,
     sorted.push_back(&task);
   Impl::sortHeaviestFirst(sorted);
   JsonWriter& writer = context.writer();
+  JsonWriter::Part const part(writer);
   writer.Key(key);
   writer.StartObject();
   writer.Key("tasks");
@@ -163,6 +166,7 @@ void TaskSchedulerSnapshot::renderJsonTasks(TaskSchedulerPrintContext& context,
 
 void TaskSchedulerSnapshot::History::renderJson(TaskSchedulerPrintContext& context) const {
   JsonWriter& writer = context.writer();
+  JsonWriter::Part const part(writer);
   writer.Key("history");
   writer.StartObject();
   writer.Key("historyEntryCount");

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstddef>
+
+/// Memory that runs out on purpose. A test program that is made with support/FailingMemory.cpp has
+/// its `operator new` and libevent's memory from there.
+
+namespace BreloTest {
+
+/// Makes one allocation of this thread fail, the `nth` from now on, counted from 1; none if nobody
+/// makes so many. One at a time alive on a thread.
+class FailingMemory {
+ public:
+  explicit FailingMemory(unsigned long nth);
+  FailingMemory(FailingMemory const&) = delete;
+  FailingMemory& operator=(FailingMemory const&) = delete;
+  ~FailingMemory();
+
+  /// That allocation was asked for.
+  bool failed() const;
+};
+
+/// What is allocated and not freed, of the whole program.
+std::size_t liveBytes();
+
+}  // namespace BreloTest
