@@ -64,11 +64,12 @@ class BRELO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
                                           bool includeHistory) const;
   /// @}
   /// Streams snapshots as one JSON document, however slow the reader is, by two tasks of this
-  /// scheduler. The descriptor is given up: it becomes non-blocking and is closed at the end, after
-  /// which `done` is called on the scheduler's thread. A reader that goes away, also with input
-  /// unread, ends the export early and unreported; the process has to ignore SIGPIPE for that. Any
-  /// other failure of a write is an assertion. A reader that never reads keeps the export waiting
-  /// for good.
+  /// scheduler. The descriptor is given up, unless the call throws: it becomes non-blocking and is
+  /// closed at the end, after which `done` is called on the scheduler's thread. A reader that goes
+  /// away, also with input unread, ends the export early and unreported; the process has to ignore
+  /// SIGPIPE for that. Any other failure of a write is an assertion. An exception from a run, for
+  /// want of memory, ends the export as well, `done` included, and goes on to the loop's entry. A
+  /// reader that never reads keeps the export waiting for good.
   /// @{
   void snapshotRenderJsonAsync(int fd,
                                std::vector<std::shared_ptr<TaskSchedulerSnapshot const>> snapshots,

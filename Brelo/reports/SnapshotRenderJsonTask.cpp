@@ -26,7 +26,8 @@ TaskScheduler::SnapshotRenderJsonTask::SnapshotRenderJsonTask(
       snapshots_(std::move(snapshots)),
       printContext_(ostr_),
       writeTask_(makeTracked<SnapshotWriteJsonTask>(
-          taskScheduler(), priority, taskName() + writeSuffix, fd, [this] { writeComplete(); })),
+          taskScheduler(), priority, taskName() + writeSuffix, fd, [this] { writeComplete(); },
+          [this] { end(); })),
       unregisterFn_(std::move(unregisterFn)),
       completionFn_(std::move(completionFn)) {
   writeTask_->taskStatsNameIs(fmt::format("{}{}", renderName, writeSuffix));
@@ -35,6 +36,19 @@ TaskScheduler::SnapshotRenderJsonTask::SnapshotRenderJsonTask(
 
 void TaskScheduler::SnapshotRenderJsonTask::taskExecute() {
   BRELO_SCHEDULER_ASSERT(!writeInProgress_, "Executing before previous write completed.");
+  if (finalWritePosted_) {
+    taskWorkPendingIs(0);
+    return end();
+  }
+  try {
+    renderNext();
+  } catch (...) {
+    end();
+    throw;
+  }
+}
+
+void TaskScheduler::SnapshotRenderJsonTask::renderNext() {
   if (nextSnapshot_ < snapshots_.size()) {
     snapshots_[nextSnapshot_]->renderJson(printContext_);
     ++nextSnapshot_;
@@ -44,26 +58,33 @@ void TaskScheduler::SnapshotRenderJsonTask::taskExecute() {
     return;
   }
   taskWorkPendingIs(0);
-  if (finalWritePosted_) return finish();
   printContext_.closeJson();
   writeOstrToFileDescriptor();
   snapshots_.clear();
   finalWritePosted_ = true;
 }
 
-void TaskScheduler::SnapshotRenderJsonTask::finish() {
+/// Lets go of everything, at whatever point of the export.
+void TaskScheduler::SnapshotRenderJsonTask::end() {
+  // Leaves the scheduler's set, also where the caller's function throws.
+  struct Unregistered {
+    SnapshotRenderJsonTask& task;
+    ~Unregistered() { task.unregisterFn_(&task); }
+  };
+  auto const held = shared_from_this();
+  writeTask_->dropChunk();
   writeTask_->taskWatchFdDel();
   writeTask_.reset();
   close(fd_);
+  Unregistered const unregistered{*this};
   completionFn_();
-  unregisterFn_(this);
 }
 
 void TaskScheduler::SnapshotRenderJsonTask::writeOstrToFileDescriptor() {
   writeInProgress_ = true;
-  writeTask_->writeStrIs(ostr_.str());
-  ostr_.str("");
-  ostr_.clear();
+  std::string text = ostr_.take();
+  text.shrink_to_fit();  // it may wait for long
+  writeTask_->writeStrIs(std::move(text));
 }
 
 void TaskScheduler::SnapshotRenderJsonTask::writeComplete() {
@@ -84,8 +105,13 @@ void TaskScheduler::snapshotRenderJsonAsync(
   };
   auto const task = makeTracked<SnapshotRenderJsonTask>(
       this, ownTaskPriority_, fd, std::move(snapshots), unregister, std::move(done));
-  task->scheduleTask();
   parts_->renderJsonTasks_.insert(task);
+  try {
+    task->scheduleTask();
+  } catch (...) {
+    parts_->renderJsonTasks_.erase(task);
+    throw;
+  }
 }
 
 void TaskScheduler::snapshotRenderJsonAsync(

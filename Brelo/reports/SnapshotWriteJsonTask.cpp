@@ -19,9 +19,10 @@ constexpr char const* traceLabel = "TaskScheduler::SnapshotWriteJsonTask";
 
 TaskScheduler::SnapshotWriteJsonTask::SnapshotWriteJsonTask(
     std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority, std::string name, int fd,
-    std::function<void()> writeCompleteFn)
+    std::function<void()> writeCompleteFn, std::function<void()> writeFailedFn)
     : FileDescriptorTask(std::move(scheduler), priority, std::move(name)),
-      writeCompleteFn_(std::move(writeCompleteFn)) {
+      writeCompleteFn_(std::move(writeCompleteFn)),
+      writeFailedFn_(std::move(writeFailedFn)) {
   taskWatchFdIs(fd);
   taskWatchReadableIs(false);
   taskWatchWritableIs(false);
@@ -51,7 +52,21 @@ void TaskScheduler::SnapshotWriteJsonTask::taskExecuteReadable() {
   Impl::schedulerFail(__func__, __LINE__, "We never register for readable events");
 }
 
+void TaskScheduler::SnapshotWriteJsonTask::dropChunk() {
+  writeStr_ = std::string();
+  writeOffset_ = 0;
+}
+
 void TaskScheduler::SnapshotWriteJsonTask::taskExecuteWritable() {
+  try {
+    writeChunk();
+  } catch (...) {
+    writeFailedFn_();
+    throw;
+  }
+}
+
+void TaskScheduler::SnapshotWriteJsonTask::writeChunk() {
   while (writeOffset_ != size()) {
     BRELO_SCHEDULER_ASSERT(writeOffset_ < size(), "invalid offset ", writeOffset_, " size ",
                            size());
@@ -59,6 +74,7 @@ void TaskScheduler::SnapshotWriteJsonTask::taskExecuteWritable() {
   }
   BRELO_TRACE(schedulerTrace, 3, traceLabel, "Completed writing to fd {}", taskWatchFd());
   assertWriteComplete();
+  dropChunk();  // before the next chunk is made
   taskWorkPendingWritableIs(0);
   writeCompleteFn_();
 }
