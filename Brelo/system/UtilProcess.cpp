@@ -1,19 +1,19 @@
 #include "Brelo/UtilProcess.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <fstream>
 
-#include "Brelo/DirNode.h"
 #include "Brelo/UtilFiles.h"
+#include "Brelo/system/DescriptorWalk.h"
 #include "Brelo/system/ProcText.h"
 #include "Brelo/system/UtilTrace.h"
 
 namespace Brelo::Util {
 
+using Impl::DescriptorWalk;
 using Impl::utilTrace;
 using Platform::DebugHandler;
 
@@ -22,16 +22,6 @@ namespace {
 /// The process that an entry of "/proc" stands for; 0 if for none.
 std::uint32_t entryPid(std::string const& name) {
   return name == "self" ? static_cast<std::uint32_t>(getpid()) : Impl::toU32(name);
-}
-
-/// The next entry; none at the end, in a directory that did not open, and where a process went
-/// away in the middle. DirNode has traced why.
-dirent const* nextEntry(DirNode const& directory) {
-  try {
-    return directory.isOpen() ? directory.readEntry() : nullptr;
-  } catch (RuntimeException const&) {
-    return nullptr;
-  }
 }
 
 std::uint32_t readProcNetUnix(DebugHandler& handler, std::string const& socketName) {
@@ -53,30 +43,26 @@ std::uint32_t readProcNetUnix(DebugHandler& handler, std::string const& socketNa
 
 std::uint32_t readProcFd(DebugHandler& handler, unsigned int inode) {
   BRELO_UTIL_TRACE(handler, 5, "searching for inode: {}", inode);
-  DirNode const proc(handler, "/proc", nullptr);
-  if (!proc.isOpen()) BRELO_UTIL_FAIL(handler, "Couldn't open /proc");
-  while (dirent const* const process = nextEntry(proc)) {
-    std::string const name = process->d_name;
-    std::string const path = "/proc/" + name + "/fd";
-    DirNode const descriptors(handler, path, nullptr);
-    while (dirent const* const descriptor = nextEntry(descriptors)) {
-      std::string const entry = path + "/" + descriptor->d_name;
-      BRELO_UTIL_TRACE(handler, 9, "reading entry {}", entry);
-      struct stat status;
-      if (stat(entry.c_str(), &status) != 0) {
-        BRELO_UTIL_TRACE(handler, 1, "stat failed:{}", Brelo::strerror(errno));
-        continue;
-      }
-      if (!S_ISSOCK(status.st_mode)) continue;
-      BRELO_UTIL_TRACE(handler, 9, "socket {}'s inode is:{}", entry, status.st_ino);
-      if (status.st_ino != inode) continue;
-      std::uint32_t const pid = entryPid(name);
-      if (pid == 0) {
-        BRELO_UTIL_TRACE(handler, 1, "could not convert pid directory string '{}' to U32", name);
-      }
-      BRELO_UTIL_TRACE(handler, 5, "found owner pid:{}", pid);
-      return pid;
+  DescriptorWalk walk(handler, [](std::string const&) { return true; });
+  if (!walk.isOpen()) BRELO_UTIL_FAIL(handler, "Couldn't open /proc");
+  while (walk.next()) {
+    std::string const entry = walk.path();
+    BRELO_UTIL_TRACE(handler, 9, "reading entry {}", entry);
+    struct stat status;
+    if (stat(entry.c_str(), &status) != 0) {
+      BRELO_UTIL_TRACE(handler, 1, "stat failed:{}", Brelo::strerror(errno));
+      continue;
     }
+    if (!S_ISSOCK(status.st_mode)) continue;
+    BRELO_UTIL_TRACE(handler, 9, "socket {}'s inode is:{}", entry, status.st_ino);
+    if (status.st_ino != inode) continue;
+    std::uint32_t const pid = entryPid(walk.process());
+    if (pid == 0) {
+      BRELO_UTIL_TRACE(handler, 1, "could not convert pid directory string '{}' to U32",
+                       walk.process());
+    }
+    BRELO_UTIL_TRACE(handler, 5, "found owner pid:{}", pid);
+    return pid;
   }
   return 0;
 }
@@ -166,43 +152,39 @@ std::uint32_t readSocketPid(DebugHandler& handler, std::string const& socketName
 
 std::uint32_t readLockPid(DebugHandler& handler, std::string const& lockName) {
   BRELO_UTIL_TRACE(handler, 9, "lockName:{}", lockName);
-  DirNode const proc(handler, "/proc", nullptr);
-  if (!proc.isOpen()) BRELO_UTIL_FAIL(handler, "Couldn't open /proc");
-  std::string const locks = fileRead(handler, "/proc/locks", true);
-  while (dirent const* const process = nextEntry(proc)) {
-    std::string const name = process->d_name;
-    std::uint32_t const pid = entryPid(name);
-    if (pid == 0 || !Impl::mayHoldLock(locks, name)) continue;
-    std::string const path = "/proc/" + name + "/fd";
-    DirNode const descriptors(handler, path, nullptr);
-    while (dirent const* const descriptor = nextEntry(descriptors)) {
-      std::string const entry = path + "/" + descriptor->d_name;
-      BRELO_UTIL_TRACE(handler, 9, "reading entry {}", entry);
-      struct stat status;
-      if (stat(entry.c_str(), &status) != 0) {
-        BRELO_UTIL_TRACE(handler, 5, "stat {} failed:{}", entry, Brelo::strerror(errno));
-        continue;
-      }
-      if (!S_ISREG(status.st_mode)) continue;
-      // One byte more than the name, so that a longer one does not compare equal.
-      std::string link(lockName.size() + 1, '\0');
-      ssize_t const length = readlink(entry.c_str(), link.data(), link.size());
-      if (length < 0) {
-        BRELO_UTIL_TRACE(handler, 5, "readlink of file:{} failed {}", entry,
-                         Brelo::strerror(errno));
-        continue;
-      }
-      link.resize(static_cast<std::size_t>(length));
-      BRELO_UTIL_TRACE(handler, 9, "lock {}'s file is:{}", entry, link);
-      if (link != lockName) continue;
-      auto const info = fmt::format("/proc/{}/fdinfo/{}", pid, descriptor->d_name);
-      if (Impl::listsLock(fileRead(handler, info, true))) {
-        BRELO_UTIL_TRACE(handler, 5, "found owner pid:{}", pid);
-        return pid;
-      }
-      BRELO_UTIL_TRACE(handler, 5, "pid:{} file:{} is open, but not locked associated with lock",
-                       pid, lockName);
+  std::string locks;
+  DescriptorWalk walk(handler, [&locks](std::string const& process) {
+    return entryPid(process) != 0 && Impl::mayHoldLock(locks, process);
+  });
+  if (!walk.isOpen()) BRELO_UTIL_FAIL(handler, "Couldn't open /proc");
+  locks = fileRead(handler, "/proc/locks", true);
+  while (walk.next()) {
+    std::string const entry = walk.path();
+    BRELO_UTIL_TRACE(handler, 9, "reading entry {}", entry);
+    struct stat status;
+    if (stat(entry.c_str(), &status) != 0) {
+      BRELO_UTIL_TRACE(handler, 5, "stat {} failed:{}", entry, Brelo::strerror(errno));
+      continue;
     }
+    if (!S_ISREG(status.st_mode)) continue;
+    // One byte more than the name, so that a longer one does not compare equal.
+    std::string link(lockName.size() + 1, '\0');
+    ssize_t const length = readlink(entry.c_str(), link.data(), link.size());
+    if (length < 0) {
+      BRELO_UTIL_TRACE(handler, 5, "readlink of file:{} failed {}", entry, Brelo::strerror(errno));
+      continue;
+    }
+    link.resize(static_cast<std::size_t>(length));
+    BRELO_UTIL_TRACE(handler, 9, "lock {}'s file is:{}", entry, link);
+    if (link != lockName) continue;
+    std::uint32_t const pid = entryPid(walk.process());
+    auto const info = fmt::format("/proc/{}/fdinfo/{}", pid, walk.number());
+    if (Impl::listsLock(fileRead(handler, info, true))) {
+      BRELO_UTIL_TRACE(handler, 5, "found owner pid:{}", pid);
+      return pid;
+    }
+    BRELO_UTIL_TRACE(handler, 5, "pid:{} file:{} is open, but not locked associated with lock", pid,
+                     lockName);
   }
   return 0;
 }
