@@ -8,6 +8,7 @@
 #include "Brelo/Assert.h"
 #include "Brelo/UtilPaths.h"
 #include "Brelo/system/OwnedFd.h"
+#include "Brelo/system/Restarted.h"
 #include "Brelo/system/SharedModes.h"
 
 #define TRACE(level, ...) BRELO_TRACE(*debugHandler_, (level), "FileLock", __VA_ARGS__)
@@ -21,7 +22,7 @@ namespace {
 int setLock(int fd, short type) {
   struct flock whole = {};
   whole.l_type = type;
-  return fcntl(fd, cmd_F_OFD_SETLK(), &whole);
+  return Impl::restarted([&] { return fcntl(fd, cmd_F_OFD_SETLK(), &whole); });
 }
 
 }  // namespace

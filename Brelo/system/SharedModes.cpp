@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "Brelo/system/OwnedFd.h"
+#include "Brelo/system/Restarted.h"
 #include "Brelo/system/UtilTrace.h"
 
 namespace Brelo::Impl {
@@ -16,12 +17,16 @@ constexpr mode_t allBits = 07777;
 constexpr mode_t bitsOfMkdir = 01777;  // it leaves out the set-id bits
 constexpr mode_t sharedFile = 0666;
 
+int openPath(std::string const& path, int flags) {
+  return restarted([&] { return open(path.c_str(), flags | O_CLOEXEC, sharedFile); });
+}
+
 /// The directory itself: with a slash at the end of its path, a link in its place would be
 /// followed all the same.
 int openDirectory(std::string const& path) {
-  constexpr int flags = O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-  int const fd = open(path.c_str(), O_RDONLY | flags);
-  return fd < 0 && errno == EACCES ? open(path.c_str(), O_PATH | flags) : fd;
+  constexpr int flags = O_DIRECTORY | O_NOFOLLOW;
+  int const fd = openPath(path, O_RDONLY | flags);
+  return fd < 0 && errno == EACCES ? openPath(path, O_PATH | flags) : fd;
 }
 
 /// Sets the mode, and keeps those of its former bits.
@@ -46,13 +51,12 @@ void trySetMode(std::string path, mode_t mode, mode_t kept) {
 }  // namespace
 
 int openShared(std::string const& path, int flags) {
-  flags |= O_CLOEXEC;
-  int fd = open(path.c_str(), flags);
+  int fd = openPath(path, flags);
   if (fd >= 0 || errno != ENOENT) return fd;
-  fd = open(path.c_str(), flags | O_CREAT | O_EXCL, sharedFile);
+  fd = openPath(path, flags | O_CREAT | O_EXCL);
   if (fd >= 0) fchmod(fd, sharedFile);
   // Somebody else has made it since, or it is a link to nothing.
-  return fd < 0 && errno == EEXIST ? open(path.c_str(), flags | O_CREAT, sharedFile) : fd;
+  return fd < 0 && errno == EEXIST ? openPath(path, flags | O_CREAT) : fd;
 }
 
 int makeDirectory(std::string const& path, mode_t mode) {

@@ -88,6 +88,9 @@ TEST_F(FileLocks, FailAsTheTableSays) {
   EXPECT_EQ(symlink("lock", "d/link"), 0);
   EXPECT_EQ(outcome([&] { return FileLock(*handler, "d", "link").lock(false); }),
             "1 error: could not open lock file:d/link Too many levels of symbolic links|false");
+  auto const lockAndRelease = [&] { return other.lock(false) && (other.release(), true); };
+  BreloTest::tryFaults({row({{"open", {EINTR, ENOENT, EINTR}}, {"fcntl", {EINTR, 0, 0, EINTR}}},
+                            lockAndRelease, "true")});
   EXPECT_TRUE(held.lock(false));
   BreloTest::tryFaults({row({{"fcntl", {ENOLCK}}}, release,
                             "Assert: unexpected error: No locks available file:d/lock fd:N")});
