@@ -81,7 +81,8 @@ class ZEL_EXPORT TraceFacilityMan : public Entity {
 /// initialisers and destructors too, as may a forked child. `errno` is kept; no lock is held
 /// while the record goes out.
 ///
-/// TRACEFORMAT gives the shape: `%t` local time with microseconds, in the zone at load, `%p` process, `%i` thread,
+/// TRACEFORMAT gives the shape: `%t` local time with microseconds, in the zone at load, `%p`
+/// process, `%i` thread,
 /// `%n` facility, `%l` level, `%f` file, `%L` line, `%F` function, `%m` message, `%%` a percent
 /// sign; any other text stands for itself, and empty means "%t %p:%i %n/%l %f:%L %m". Null
 /// texts are empty. Newlines inside the record stay; those at its end become exactly one.
