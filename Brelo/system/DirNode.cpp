@@ -54,8 +54,10 @@ void DirNode::openDir() {
     BRELO_TRACE(*debugHandler_, 1, "DirNode", "failed to close {} before reopening. errno: {}",
                 path_, strerror(errno));
   }
-  if (DIR* const dir = opendir(path_.c_str()); dir != nullptr) {
-    dir_.reset(dir, [](DIR*) {});  // closeDir() closes, and can tell of a failure
+  std::unique_ptr<DIR, int (*)(DIR*)> opened(opendir(path_.c_str()), closedir);
+  if (opened != nullptr) {
+    dir_.reset(opened.get(), [](DIR*) {});  // closeDir() closes, and can tell of a failure
+    opened.release();
     return;
   }
   int const error = errno;

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <exception>
 #include <limits>
+#include <memory>
 #include <utility>
 
 #include "Brelo/Thread.h"
@@ -78,16 +79,15 @@ char const* Util::resolveSymError() {
 void Util::includeShmemInCore() {
   constexpr unsigned sharedFileMappings = 1U << 3;
   std::string const path = fmt::format("/proc/{}/coredump_filter", getpid());
-  std::FILE* const file = std::fopen(path.c_str(), "r+");
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> const file(std::fopen(path.c_str(), "r+"),
+                                                             std::fclose);
   unsigned filter = 0;
   // The kernel shows the filter in hexadecimal, and takes any base.
-  if (file == nullptr || std::fscanf(file, "%x", &filter) < 1) {
-    std::string const error = Brelo::strerror(errno);
-    if (file != nullptr) std::fclose(file);
-    BRELO_UTIL_FAIL(Impl::utilTrace, "fscanf failed for file:{} error:{}", path, error);
+  if (file == nullptr || std::fscanf(file.get(), "%x", &filter) < 1) {
+    BRELO_UTIL_FAIL(Impl::utilTrace, "fscanf failed for file:{} error:{}", path,
+                    Brelo::strerror(errno));
   }
-  std::fprintf(file, "%d", static_cast<int>(filter | sharedFileMappings));
-  std::fclose(file);
+  std::fprintf(file.get(), "%d", static_cast<int>(filter | sharedFileMappings));
 }
 
 void* HeapChecker::resolveAllocSym(Platform::DebugHandler& handler) {

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <iterator>
+#include <new>
 #include <utility>
 
 #include "Zel/Trace.h"
@@ -131,6 +132,11 @@ extern "C" int fcntl(int fd, int command, ...) {
   void* const argument = va_arg(rest, void*);  // an int comes in the same register
   va_end(rest);
   return BreloTest::failed("fcntl") ? -1 : real(fd, command, argument);
+}
+
+void* operator new(std::size_t size) {
+  static auto const real = reinterpret_cast<void* (*)(std::size_t)>(dlsym(RTLD_NEXT, "_Znwm"));
+  return BreloTest::failed("new") ? throw std::bad_alloc() : real(size);
 }
 
 /// A host's own need not keep `errno`.

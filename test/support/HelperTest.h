@@ -63,7 +63,7 @@ class HelperTest : public testing::Test {
 
  private:
   struct Grouping : std::numpunct<char> {
-    std::string do_grouping() const override { return "\1"; }
+    std::string do_grouping() const override { return "\3"; }
   };
 };
 

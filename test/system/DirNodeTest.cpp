@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <new>
 
 #include "support/HelperTest.h"
 
@@ -42,6 +43,22 @@ TEST_F(DirNodes, AreReadAndSearchedAndShareAStreamThatTheLastOneCloses) {
     EXPECT_EQ(entries(moved), 3u);
   }
   EXPECT_EQ(BreloTest::openDescriptors(), before);
+}
+
+TEST_F(DirNodes, LeaveNothingOpenWhereMemoryRunsOut) {
+  std::ofstream("a name that does not fit into a short string");
+  unsigned const before = BreloTest::openDescriptors();
+  std::size_t found = 0;
+  for (unsigned allocations = 0; found == 0; ++allocations) {
+    std::vector<int> plan(allocations);
+    plan.push_back(ENOMEM);
+    try {
+      BreloTest::FaultInjection const injection({{"new", plan}});
+      found = DirNode(*handler, ".", nullptr).findFiles("").size();
+    } catch (std::bad_alloc const&) {
+    }
+    EXPECT_EQ(BreloTest::openDescriptors(), before) << allocations;
+  }
 }
 
 TEST_F(DirNodes, FailAsTheTableSays) {
