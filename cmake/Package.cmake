@@ -32,5 +32,5 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libzelbrelo-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-  "libzelbrelo${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), libboost-dev, libboost-iostreams-dev, libevent-dev, libfmt-dev, libunwind-dev, pkg-config")
+  "libzelbrelo${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), libboost-dev, libevent-dev, libfmt-dev, libunwind-dev, pkg-config")
 include(CPack)

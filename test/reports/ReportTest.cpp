@@ -1,9 +1,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -136,6 +139,57 @@ TEST(FdToStream, RefusesWhatItCannotWaitFor) {
   EXPECT_DEATH(FdToStream(-1, false), "FileDescriptor -1 flags 0xffffffff is non-blocking");
   close(pipe[0]);
   close(pipe[1]);
+}
+
+TEST(FdToStream, GoesOnAfterInterruptedAndShortWrites) {
+  static volatile std::sig_atomic_t alarms;
+  struct sigaction action = {};  // without SA_RESTART: a write that waits ends early, or not begun
+  action.sa_handler = [](int) { alarms = alarms + 1; };
+  sigaction(SIGALRM, &action, nullptr);
+  int pipe[2];
+  ASSERT_EQ(::pipe(pipe), 0);
+  std::string received;
+  sigset_t alarm;
+  sigemptyset(&alarm);
+  sigaddset(&alarm, SIGALRM);
+  pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
+  std::thread reader([&] {
+    char block[10'000];
+    for (ssize_t n = 1; n > 0; received.append(block, static_cast<std::size_t>(n))) {
+      std::this_thread::sleep_for(std::chrono::microseconds(100));
+      n = std::max<ssize_t>(read(pipe[0], block, sizeof block), 0);
+    }
+  });
+  pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+  itimerval period = {{0, 200}, {0, 200}};
+  setitimer(ITIMER_REAL, &period, nullptr);
+  std::string expected;
+  {
+    FdToStream stream(pipe[1], true);
+    for (int length = 0; expected.size() < 1'000'000; length = (length * 7 + 1) % 20'011) {
+      std::string const piece(static_cast<std::size_t>(length),
+                              static_cast<char>('a' + length % 26));
+      stream << piece << length;
+      expected += piece + std::to_string(length);
+    }
+    EXPECT_TRUE(stream.flush().good());
+  }
+  period = {};
+  setitimer(ITIMER_REAL, &period, nullptr);
+  reader.join();
+  EXPECT_GT(alarms, 1);
+  EXPECT_EQ(received.size(), expected.size());
+  EXPECT_TRUE(received == expected);
+
+  close(pipe[0]);
+  signal(SIGPIPE, SIG_IGN);
+  ASSERT_EQ(::pipe(pipe), 0);
+  close(pipe[0]);
+  FdToStream lost(pipe[1], false);
+  lost << std::string(5000, 'x');
+  EXPECT_TRUE(lost.bad());
+  EXPECT_EQ(close(pipe[1]), 0);
+  EXPECT_TRUE((FdToStream() << "nowhere").bad());
 }
 
 TEST(JsonReport, ShowsZeroesOnceTheFiguresAreCleared) {
