@@ -77,6 +77,8 @@ class BRELO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
   void snapshotRenderJsonAsync(int fd,
                                std::vector<std::shared_ptr<TaskSchedulerSnapshot const>> snapshots);
   void snapshotRenderJsonAsync(int fd, std::shared_ptr<TaskSchedulerSnapshot const> snapshot);
+  class SnapshotRenderJsonTask;
+  class SnapshotWriteJsonTask;
   /// @}
   /// Zero all figures, at once (of groups in the background), or in the background by a task of
   /// priority `normal` (in a group that enforces a priority, of that one). A call during a reset
@@ -214,8 +216,6 @@ class BRELO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
 
  private:
   class ResetStatsTask;
-  class SnapshotRenderJsonTask;
-  class SnapshotWriteJsonTask;
   struct Parts;
 
   void clearStatsCommon();

@@ -28,6 +28,8 @@ class TaskScheduler::SnapshotWriteJsonTask : public FileDescriptorTask {
 
   /// Takes a chunk and starts to write; the one before must be done.
   void writeStrIs(std::string text);
+  /// Asserts that the chunk is gone.
+  void assertWriteComplete() const;
   /// Frees the chunk, with what is left of it.
   void dropChunk();
   void taskExecuteReadable() override;
@@ -38,7 +40,6 @@ class TaskScheduler::SnapshotWriteJsonTask : public FileDescriptorTask {
   bool writeSome();
   bool writeFailed(int error, std::uint32_t left);
   std::uint32_t size() const { return static_cast<std::uint32_t>(writeStr_.size()); }
-  void assertWriteComplete() const;
 
   std::string writeStr_;
   std::uint32_t writeOffset_ = 0;
@@ -56,11 +57,14 @@ class TaskScheduler::SnapshotRenderJsonTask : public Task {
                          std::function<void(SnapshotRenderJsonTask*)> unregisterFn,
                          std::function<void()> completionFn);
 
+  /// One step: a snapshot, the closing text, or the end.
   void taskExecute() override;
+  /// Hands what was rendered to the write task.
+  void writeOstrToFileDescriptor();
+  /// The write task has finished a chunk; without one under way it is an assertion.
+  void writeComplete();
 
  private:
-  void writeOstrToFileDescriptor();
-  void writeComplete();
   void renderNext();
   void end();
 

@@ -8,7 +8,9 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <locale>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -129,6 +131,30 @@ TEST(Snapshot, OutlivesItsTasksAndKnowsItsThread) {
         closed->closeJson();
       },
       "JSON already closed");
+}
+
+/// Writes a million as 1.00.00.00 and a half with a comma.
+struct Grouping : std::numpunct<char> {
+  char do_decimal_point() const override { return ','; }
+  char do_thousands_sep() const override { return '.'; }
+  std::string do_grouping() const override { return "\2"; }
+};
+
+TEST(Reports, AreTheSameUnderEveryLocale) {
+  ReportedTree const tree;
+  auto const all = [&] {
+    std::ostringstream stream;  // of the global locale
+    tree.root->statsRenderJson(stream, true, true, true);
+    tree.root->statsRenderTextForDebug(stream, true, true, true, true);
+    return stream.str();
+  };
+  std::string const expected = all();
+  auto const classic = std::locale::global(std::locale(std::locale(), new Grouping));
+  std::ostringstream grouped;
+  grouped << 12345;
+  EXPECT_EQ(grouped.str(), "1.23.45");
+  EXPECT_EQ(all(), expected);
+  std::locale::global(classic);
 }
 
 TEST(FdToStream, RefusesWhatItCannotWaitFor) {
