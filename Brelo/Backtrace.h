@@ -16,7 +16,7 @@ class BRELO_EXPORT Backtrace {
  public:
   /// Takes the stack at once if `capture` is set; else the record is empty and its time is
   /// positive infinity.
-  explicit Backtrace(bool capture);
+  [[gnu::noinline]] explicit Backtrace(bool capture);
 
   /// Replaces the record by the stack as it is here; the first entry is the caller. Deeper
   /// stacks are cut at the 100 innermost frames; a walk that fails keeps what it has got.
@@ -33,8 +33,7 @@ class BRELO_EXPORT Backtrace {
   static int verbosity();
 
  private:
-  static constexpr unsigned maxFrames = 100;
-  [[gnu::noinline]] std::uint32_t walkBySteps();
+  static constexpr int maxFrames = 100;
 
   void* frames_[maxFrames];
   std::uint32_t count_ = 0;

@@ -19,6 +19,14 @@ using testing::HasSubstr;
 
 namespace {
 
+struct Enabled {
+  Enabled() { BacktraceTracker::enabledIs(true); }
+  ~Enabled() {
+    BacktraceTracker::enabledIs(false);
+    BacktraceTracker::clear();
+  }
+};
+
 std::vector<std::string> messages() {
   std::vector<std::string> all;
   for (TrackedBacktrace const& entry : BacktraceTracker::tracked())
@@ -60,7 +68,7 @@ struct ThrowingBuffer : std::stringbuf {
 
 TEST(BacktraceTracker, PrintsWhileMoreIsRecorded) {
   alarm(10);  // ends a thread that waits for itself
-  BacktraceTracker::enabledIs(true);
+  Enabled const enabled;
   BacktraceTracker::backtraceIs("before");
   std::string const expected = BacktraceTracker::tracked()[0].toString() + "\n";
   ThrowingBuffer buffer;
@@ -71,7 +79,7 @@ TEST(BacktraceTracker, PrintsWhileMoreIsRecorded) {
 }
 
 TEST(BacktraceTracker, AForkedChildRecordsWhileOthersHeldTheLocks) {
-  BacktraceTracker::enabledIs(true);
+  Enabled const enabled;
   std::atomic<bool> stop = false;
   std::vector<std::thread> others;
   others.emplace_back([&] {
