@@ -22,7 +22,8 @@ class BRELO_EXPORT Backtrace {
   /// stacks are cut at the 100 innermost frames; a walk that fails keeps what it has got.
   [[gnu::noinline]] void unwind();
   /// A headline with time and thread, then a line for each frame: object file, mangled symbol
-  /// with offset, address. Without an exported symbol the offset is that in the object.
+  /// with offset, address. Without an exported symbol the offset is that in the object. A call that
+  /// does not return counts to the function that it ends.
   std::string pretty() const;
 
   std::uint32_t count() const { return count_; }   ///< of frames, 0 to 100

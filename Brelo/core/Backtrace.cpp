@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ios>
 #include <limits>
+#include <optional>
 #include <sstream>
 
 #include "Brelo/Thread.h"
@@ -15,6 +16,26 @@
 #include "Brelo/core/StackWalk.h"
 
 namespace Brelo {
+
+namespace {
+
+std::optional<Dl_info> symbolAt(void const* address) {
+  Dl_info info;
+  if (dladdr(address, &info) == 0) return std::nullopt;
+  return info;
+}
+
+/// A call that does not return may be the last instruction of its function: the address behind it
+/// is that of the next function, or of none.
+std::optional<Dl_info> symbolOfCallBefore(void* address) {
+  auto const info = symbolAt(address);
+  if (info && info->dli_saddr != nullptr && info->dli_saddr != address) return info;
+  auto const before = reinterpret_cast<std::uintptr_t>(address) - 1;
+  auto const call = symbolAt(reinterpret_cast<void const*>(before));
+  return call && (!info || call->dli_saddr != nullptr) ? call : info;
+}
+
+}  // namespace
 
 Backtrace::Backtrace(bool capture) : timestamp_(std::numeric_limits<double>::infinity()) {
   if (capture) unwind();
@@ -41,12 +62,12 @@ std::string Backtrace::pretty() const {
   if (count_ == 0) text << "No backtrace available\n";
   for (std::uint32_t i = 0; i < count_; ++i) {
     auto* const frame = static_cast<char*>(frames_[i]);
-    Dl_info info;
-    if (dladdr(frame, &info) != 0) {
-      if (info.dli_fname != nullptr) text << info.dli_fname;
+    bool const interrupted = i > 0 && Impl::returnsFromSignal(frames_[i - 1]);
+    if (auto const info = interrupted ? symbolAt(frame) : symbolOfCallBefore(frame)) {
+      if (info->dli_fname != nullptr) text << info->dli_fname;
       auto const* const base =
-          static_cast<char const*>(info.dli_saddr != nullptr ? info.dli_saddr : info.dli_fbase);
-      text << "(" << (info.dli_sname != nullptr ? info.dli_sname : "") << "+0x" << std::hex
+          static_cast<char const*>(info->dli_saddr != nullptr ? info->dli_saddr : info->dli_fbase);
+      text << "(" << (info->dli_sname != nullptr ? info->dli_sname : "") << "+0x" << std::hex
            << (frame - base) << std::dec << ")";
     }
     text << "[" << static_cast<void const*>(frame) << "]" << std::endl;

@@ -1,5 +1,5 @@
-// Walks of stacks that are not as usual: under a signal's handler, without the descriptors that the
-// process once had, in a forked child.
+// Walks of stacks that are not as usual: under a signal's handler, behind a call that does not
+// return, without the descriptors that the process once had, in a forked child.
 
 #include <dlfcn.h>
 #include <gmock/gmock.h>
@@ -21,10 +21,31 @@
 #include "Brelo/Exception.h"
 #include "support/ChildProcess.h"
 
-// A frame that only a walk by steps understands.
+// The first ends in its call, which returns to the start of the second. The third is interrupted at
+// its start. The frame of the fourth is one that only a walk by steps understands.
 __asm__(R"(
   .text
-  .globl stackWalkUnusual
+  .globl stackWalkEndsInCall, stackWalkNext, stackWalkTraps, stackWalkUnusual
+  .type stackWalkEndsInCall, @function
+stackWalkEndsInCall:
+  .cfi_startproc
+  subq $8, %rsp
+  .cfi_adjust_cfa_offset 8
+  call *%rdi
+  .size stackWalkEndsInCall, . - stackWalkEndsInCall
+  .type stackWalkNext, @function
+stackWalkNext:
+  addq $8, %rsp
+  .cfi_adjust_cfa_offset -8
+  ret
+  .cfi_endproc
+  .size stackWalkNext, . - stackWalkNext
+  .type stackWalkTraps, @function
+stackWalkTraps:
+  .cfi_startproc
+  ud2
+  .cfi_endproc
+  .size stackWalkTraps, . - stackWalkTraps
   .type stackWalkUnusual, @function
 stackWalkUnusual:
   .cfi_startproc
@@ -38,6 +59,8 @@ stackWalkUnusual:
   .size stackWalkUnusual, . - stackWalkUnusual
 )");
 extern "C" {
+void stackWalkEndsInCall(void (*function)());
+void stackWalkTraps();
 void stackWalkUnusual(void (*function)());
 }
 
@@ -69,7 +92,7 @@ struct FaultHandlers {
       record = Backtrace(true);
       siglongjmp(beforeSignal, 1);
     };
-    for (int const fault : {SIGSEGV, SIGBUS})
+    for (int const fault : {SIGSEGV, SIGBUS, SIGILL})
       sigaction(fault, &action, nullptr);
   }
 
@@ -115,6 +138,14 @@ TEST(StackWalk, PassesASignalThatMetNoCode) {
                              before.frames() + 3, before.frames() + before.count()));
     }
   }
+}
+
+TEST(StackWalk, NamesTheFunctionThatEndsInItsCallAndTheOneThatIsInterruptedAtItsStart) {
+  stackWalkEndsInCall([] { record = Backtrace(true); });
+  EXPECT_THAT(record.pretty(), HasSubstr("(stackWalkEndsInCall+0x6)["));
+  FaultHandlers const handlers(SA_NODEFER);
+  faultIn(stackWalkTraps);
+  EXPECT_THAT(record.pretty(), HasSubstr("(stackWalkTraps+0x0)["));
 }
 
 TEST(StackWalk, TouchesNoDescriptor) {
