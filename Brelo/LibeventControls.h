@@ -3,8 +3,11 @@
 #include <event2/event.h>
 #include <event2/event_struct.h>
 
+#include <cstdint>
+
 #include "Brelo/Export.h"
 #include "Brelo/Platform.h"
+#include "Zel/List.h"
 
 /// @file
 /// The platform's controls over libevent. Made through `Platform::get...Control` or the
@@ -14,6 +17,10 @@
 /// the loop's entry throws it on.
 
 namespace Brelo {
+
+namespace Impl {
+bool leSettleReads(bool all);
+}
 
 /// Sets the event's priority after `event_assign`, which resets it. The event must not be active.
 BRELO_EXPORT void eventPrioritySet(event* ev, Platform::EventPriority priority);
@@ -60,6 +67,8 @@ class BRELO_EXPORT LibeventCallbackControl : public Platform::CallbackControl,
 };
 
 /// `clearEvents()` keeps the descriptor and both wishes, so that `setFd` brings the watches back.
+/// Reads that are turned off and on again within a pass cost no system call, nor as a rule does it
+/// when they are turned on again in the pass after.
 class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
  public:
   /// Gives the calling thread a base, if it has none.
@@ -75,9 +84,15 @@ class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
   void clearEvents() override;
 
  private:
+  friend bool Impl::leSettleReads(bool all);
+
   static void handleFdRead(int fd, short what, void* self);
   static void handleFdWrite(int fd, short what, void* self);
   void watch(event* ev, short flags, event_callback_fn callback);
+  void turnReadsOn();
+  void turnReadsOff();
+  bool settleReads(bool now);
+  void withdrawReads();
   template <class Notify>
   void notify(Notify notify);
 
@@ -86,6 +101,9 @@ class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
   bool writes_ = false;
   event readEvent_;
   event writeEvent_;
+  Zel::ListNode<LibeventFdControl> lingering_{this};  // reads are off, their event is not
+  std::uint64_t readsOffPass_ = 0;
+  bool impatient_ = false;  // the last time it was no use to linger
 };
 
 }  // namespace Brelo

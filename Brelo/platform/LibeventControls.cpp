@@ -21,6 +21,8 @@ namespace {
 // Half of the range, since libevent adds the clock's time to it.
 constexpr time_t longestSeconds = std::numeric_limits<time_t>::max() / 2;
 
+thread_local Zel::ListNode<LibeventFdControl> lingeringReads;
+
 void assign(event* ev, int fd, short flags, event_callback_fn callback, void* self,
             Platform::EventPriority priority) {
   event_assign(ev, ev_base, fd, flags, callback, self);
@@ -159,12 +161,47 @@ LibeventFdControl::~LibeventFdControl() {
 void LibeventFdControl::setReads(bool on) {
   reads_ = on;
   if (fd_ < 0) return;
+  on ? turnReadsOn() : turnReadsOff();
+}
+
+// A change of a watch costs a system call. Reads that a handler turns off therefore stay installed,
+// unseen by the client, until the loop is about to look again, and for one look more unless that
+// has been in vain the last time: a client that takes turns with others turns them on again when
+// its turn comes, which is in the next pass if it has the loop to itself.
+void LibeventFdControl::turnReadsOff() {
+  readsOffPass_ = Impl::lePass();
+  if (readsOffPass_ == 0) return withdrawReads();
+  if (!lingering_.linked()) lingering_.insertBefore(lingeringReads);
+}
+
+void LibeventFdControl::turnReadsOn() {
+  if (lingering_.linked()) return lingering_.unlink();
+  if (readsOffPass_ != 0 && Impl::lePass() == readsOffPass_ + 1) impatient_ = false;
   event_del(&readEvent_);
-  if (on) {
-    watch(&readEvent_, EV_READ | EV_PERSIST, handleFdRead);
-  } else {
-    readEvent_.ev_fd = -1;
-  }
+  watch(&readEvent_, EV_READ | EV_PERSIST, handleFdRead);
+}
+
+/// Whether the watch lingers during the next look.
+bool LibeventFdControl::settleReads(bool now) {
+  bool const looked = Impl::lePasses() > readsOffPass_;
+  if (!now && !looked && !impatient_) return true;
+  if (looked) impatient_ = true;
+  withdrawReads();
+  return false;
+}
+
+void LibeventFdControl::withdrawReads() {
+  lingering_.unlink();
+  event_del(&readEvent_);
+  readEvent_.ev_fd = -1;
+}
+
+bool Impl::leSettleReads(bool all) {
+  bool lingers = false;
+  Zel::forEach(lingeringReads, [&](LibeventFdControl& control) {
+    if (control.settleReads(all)) lingers = true;
+  });
+  return lingers;
 }
 
 void LibeventFdControl::setWrites(bool on) {
@@ -184,6 +221,7 @@ void LibeventFdControl::setFd(int fd) {
   assert(flags >= 0);
   int const result = fcntl(fd, F_SETFL, flags | O_NONBLOCK);
   assert(result == 0);
+  if (lingering_.linked()) withdrawReads();
   if (reads_) {
     event_del(&readEvent_);
     watch(&readEvent_, EV_READ | EV_PERSIST, handleFdRead);
@@ -195,9 +233,8 @@ void LibeventFdControl::setFd(int fd) {
 }
 
 void LibeventFdControl::clearEvents() {
-  event_del(&readEvent_);
+  withdrawReads();
   event_del(&writeEvent_);
-  readEvent_.ev_fd = -1;
   writeEvent_.ev_fd = -1;
 }
 
@@ -231,6 +268,7 @@ void LibeventFdControl::notify(Notify notify) {
 
 void LibeventFdControl::handleFdRead(int, short what, void* self) {
   auto* const control = static_cast<LibeventFdControl*>(self);
+  if (!control->reads_) return;  // it lingers
   if ((what & EV_TIMEOUT) != 0) {
     timeval const now{};
     event_add(&control->readEvent_, &now);

@@ -25,6 +25,8 @@ namespace {
 
 thread_local unsigned liveControls = 0;
 thread_local std::exception_ptr keptException;
+thread_local std::uint64_t passes = 0;
+thread_local bool inPass = false;
 
 /// Frees a thread's base at the thread's end. A key's destructors run after those of all
 /// thread-local objects, so the thread's root has gone by then.
@@ -77,6 +79,11 @@ class EvLoopBreak {
   event event_;
 };
 
+void traceRefusal() {
+  BRELO_TRACE(libeventTrace, 0, "Brelo", "the loop cannot be entered on base:{}",
+              DisplayPointer(ev_base));
+}
+
 void eventLoopTimeout(double timeout) {
   BRELO_TRACE(libeventTrace, 5, "Brelo", "timeout {}", timeout);
   Impl::leDispatchFor(timeout);
@@ -98,11 +105,42 @@ void Impl::leKeepException() {
   event_base_loopbreak(ev_base);
 }
 
+std::uint64_t Impl::lePasses() {
+  return passes;
+}
+
+std::uint64_t Impl::lePass() {
+  return inPass ? passes : 0;
+}
+
+// One pass of the loop:
+//
+// 1. Reads that a handler has turned off are taken out of the base, some of them one pass later
+//    (see LibeventFdControl::turnReadsOff).
+// 2. libevent looks at the descriptors: without waiting if a timer is due or such reads are left,
+//    else until the first timer or descriptor is. Timers that are due and descriptors that are
+//    ready become active, each at its priority.
+// 3. Everything active at `eventPriorityStrictHigh` is served: the master timers of the schedulers'
+//    wheels. Their handlers only queue tasks.
+// 4. After one more look, what is active at `eventPriorityDefault` is served: callbacks, timers,
+//    descriptors, the loop's bound. A scheduler's run is one of these callbacks.
+//
+// An exception that a handler lets pass is kept, the loop breaks, and the loop's entry throws it.
+//
+// Not ordered: events of one priority among each other, and the two directions of one descriptor. A
+// callback asked for during a pass runs in a later one.
 void Impl::leDispatch() {
-  if (event_base_dispatch(ev_base) < 0) {
-    BRELO_TRACE(libeventTrace, 0, "Brelo", "the loop cannot be entered on base:{}",
-                DisplayPointer(ev_base));
-  }
+  if (inPass) return traceRefusal();
+  int result;
+  do {
+    int const mode = leSettleReads(false) ? EVLOOP_ONCE | EVLOOP_NONBLOCK : EVLOOP_ONCE;
+    ++passes;
+    inPass = true;
+    result = event_base_loop(ev_base, mode);
+    inPass = false;
+  } while (result == 0 && !event_base_got_break(ev_base) && !event_base_got_exit(ev_base));
+  leSettleReads(true);
+  if (result < 0) traceRefusal();
   if (keptException) std::rethrow_exception(std::exchange(keptException, nullptr));
 }
 

@@ -2,6 +2,8 @@
 
 #include <event2/event.h>
 
+#include <cstdint>
+
 #include "Brelo/Debug.h"
 
 /// @file
@@ -20,7 +22,17 @@ void leControlRemoved(event_base const* base);
 /// called inside a catch block.
 void leKeepException();
 
-/// Dispatches the calling thread's base, then throws what `leKeepException` kept.
+/// The passes of the calling thread's loop so far, and the number of the present one, 0 outside.
+/// @{
+std::uint64_t lePasses();
+std::uint64_t lePass();
+/// @}
+
+/// Takes reads that have been turned off out of the calling thread's base, or all of them. True if
+/// some linger, which the next look must not wait for.
+bool leSettleReads(bool all);
+
+/// Runs the calling thread's loop, then throws what `leKeepException` kept.
 void leDispatch();
 /// The same, for `timeout` seconds at most.
 void leDispatchFor(double timeout);

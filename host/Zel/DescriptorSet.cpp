@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <climits>
 #include <system_error>
+#include <utility>
 
 namespace Zel {
 namespace {
@@ -23,6 +24,7 @@ int DescriptorSet::bind(FileDescriptor& descriptor) {
 
   // Even if nothing new is wanted: the number may have been closed and opened anew under an
   // object that was bound to it before, and the kernel has dropped the watch then.
+  watch(number).brief = false;
   int error = 0;
   if (std::uint32_t const events = wanted(number); events != 0) {
     error = install(number, events, true);
@@ -38,41 +40,59 @@ void DescriptorSet::unbind(FileDescriptor& descriptor) noexcept {
   if (wanted(descriptor.descriptor_) == 0) {
     withdraw(descriptor.descriptor_);
   } else {
-    wantsLess(descriptor);
+    settleLater(descriptor.descriptor_);
   }
 }
 
 int DescriptorSet::wantsMore(FileDescriptor const& descriptor) {
   int const number = descriptor.descriptor_;
+  Watch const& watched = watch(number);
   std::uint32_t const events = wanted(number);
-  if ((events & ~watch(number).events) == 0) return 0;
-  int const error = install(number, events);
-  if (error != EBADF) return error;
-  // Closed under its watcher, who is to meet the error at its own read or write.
-  record(number, events, true);
-  return 0;
+  if ((events & ~watched.events) == 0) return 0;
+  // Off and on again within the pass of a report: the next look has it by level.
+  if (watched.place == Place::reported && watched.unsettled) return 0;
+  return force(number, events);
 }
 
 void DescriptorSet::wantsLess(FileDescriptor const& descriptor) {
-  Watch& watched = watch(descriptor.descriptor_);
-  if (watched.tooMuch) return;
-  tooMuch_.push_back(descriptor.descriptor_);
-  watched.tooMuch = true;
+  settleLater(descriptor.descriptor_);
+}
+
+void DescriptorSet::settleLater(int number) noexcept {
+  Watch& watched = watch(number);
+  if (std::exchange(watched.unsettled, true)) return;
+  watched.nextUnsettled = std::exchange(firstUnsettled_, number);
+}
+
+// A watch that is turned off before the next look costs a call, and one more when it is turned on
+// again. Where that happens after each report, as with a task that waits for its turn, the set is
+// asked for one report at a time: it then keeps silent by itself, and turning on is the only call.
+// A watch that stays on after a report goes by level again.
+int DescriptorSet::settle(int number) {
+  Watch& watched = watch(number);
+  std::uint32_t const events = wanted(number);
+  if (events == watched.events) {
+    watched.reports = 0;
+    return 0;
+  }
+  if (events == 0) {
+    watched.brief = watched.reports == 1;
+    withdraw(number);
+    return 0;
+  }
+  if (watched.place == Place::reported) watched.brief = false;
+  return force(number, events);
 }
 
 void DescriptorSet::prepare() {
-  for (int const number : tooMuch_) {
-    Watch& watched = watch(number);
-    watched.tooMuch = false;
-    std::uint32_t const events = wanted(number);
-    if (events == watched.events) continue;
-    if (events == 0) {
-      withdraw(number);
-    } else {
-      install(number, events);
+  while (firstUnsettled_ != -1) {
+    if (int const error = settle(firstUnsettled_); error != 0) {
+      throw std::system_error(error, std::generic_category(), "failed to watch a descriptor");
     }
+    Watch& settled = watch(firstUnsettled_);
+    settled.unsettled = false;
+    firstUnsettled_ = settled.nextUnsettled;
   }
-  tooMuch_.clear();
   if (polled_ != 0 && (epoll_ == -1 || stale_)) {
     if (int const error = renew(); error != 0) {
       throw std::system_error(error, std::generic_category(), "failed to renew the epoll set");
@@ -112,17 +132,16 @@ int DescriptorSet::waitInSet(epoll_event* events, int capacity, timespec const* 
 }
 
 void DescriptorSet::sift() {
-  // A number that was closed while a duplicate keeps its file open stays in the epoll set,
-  // out of reach: only a new set is rid of it.
-  auto const isStale = [this](epoll_event const& event) {
-    Watch const& watched = watch(static_cast<int>(event.data.u64));
-    return watched.events == 0 || watched.alwaysReady ||
-           watched.generation != static_cast<std::uint32_t>(event.data.u64 >> 32);
-  };
-  auto* const begin = found_.data();
-  auto* const end = std::remove_if(begin, begin + count_, isStale);
-  if (end != begin + count_) stale_ = true;
-  count_ = static_cast<std::size_t>(end - begin);
+  std::size_t const reported = std::exchange(count_, 0);
+  for (std::size_t i = 0; i < reported; ++i) {
+    epoll_event const event = found_[i];
+    if (isStale(event)) {
+      stale_ = true;
+    } else {
+      noteReport(static_cast<int>(event.data.u64));
+      found_[count_++] = event;
+    }
+  }
 
   std::size_t const room = found_.size() - count_;
   for (std::size_t left = std::min(alwaysReady_.size(), room); left != 0; --left) {
@@ -130,6 +149,24 @@ void DescriptorSet::sift() {
     epoll_event& event = found_[count_++];
     event.events = EPOLLIN | EPOLLOUT;
     event.data.u64 = static_cast<std::uint32_t>(alwaysReady_[turn_]);
+  }
+}
+
+/// A number that was closed while a duplicate keeps its file open stays in the epoll set, out of
+/// reach: only a new set is rid of it.
+bool DescriptorSet::isStale(epoll_event const& event) {
+  Watch const& watched = watch(static_cast<int>(event.data.u64));
+  return watched.events == 0 || watched.place == Place::alwaysReady ||
+         watched.generation != static_cast<std::uint32_t>(event.data.u64 >> 32);
+}
+
+void DescriptorSet::noteReport(int number) {
+  Watch& watched = watch(number);
+  if (watched.place == Place::once) {
+    record(number, 0, Place::reported);
+    settleLater(number);
+  } else if (watched.reports < 2) {
+    ++watched.reports;
   }
 }
 
@@ -164,25 +201,44 @@ int DescriptorSet::install(int number, std::uint32_t events, bool anew) {
     if (int const error = renew(); error != 0) return error;
   }
   Watch& watched = watch(number);
-  int error = watched.events != 0 && !anew ? control(EPOLL_CTL_MOD, number, events) : ENOENT;
-  if (error == ENOENT) {
+  std::uint32_t const mode = watched.brief ? std::uint32_t{EPOLLONESHOT} : 0;
+  bool const isIn = watched.place != Place::none && watched.place != Place::alwaysReady;
+  int error = isIn && !anew ? control(EPOLL_CTL_MOD, number, events | mode) : ENOENT;
+  bool lost = error == ENOENT;
+  if (lost) {
     ++watched.generation;
-    error = control(EPOLL_CTL_ADD, number, events);
+    error = control(EPOLL_CTL_ADD, number, events | mode);
     // A file that went to another number and came back has kept its place.
-    if (error == EEXIST) error = control(EPOLL_CTL_MOD, number, events);
+    lost = error != EEXIST;
+    if (!lost) error = control(EPOLL_CTL_MOD, number, events | mode);
   }
-  bool const alwaysReady = error == EPERM;
-  if (alwaysReady) error = 0;
-  record(number, error == 0 ? events : 0, alwaysReady);
+  if (error == EPERM) {
+    record(number, events, Place::alwaysReady);
+    return 0;
+  }
+  if (error == 0) {
+    record(number, events, watched.brief ? Place::once : Place::byLevel);
+  } else if (lost) {
+    record(number, 0, Place::none);
+  }
   return error;
 }
 
+/// One that was closed under its watcher is ready, so that the watcher meets the error at its own
+/// read or write.
+int DescriptorSet::force(int number, std::uint32_t events) {
+  int const error = install(number, events);
+  if (error != EBADF) return error;
+  record(number, events, Place::alwaysReady);
+  return 0;
+}
+
 void DescriptorSet::withdraw(int number) noexcept {
-  Watch& watched = watch(number);
-  if (watched.events == 0) return;
+  Watch const& watched = watch(number);
+  if (watched.place == Place::none) return;
   // Fails for a number that is closed or another file's by now, which is as good.
-  if (!watched.alwaysReady) control(EPOLL_CTL_DEL, number, 0);
-  record(number, 0, false);
+  if (watched.place != Place::alwaysReady) control(EPOLL_CTL_DEL, number, 0);
+  record(number, 0, Place::none);
 }
 
 int DescriptorSet::control(int operation, int number, std::uint32_t events) noexcept {
@@ -193,16 +249,17 @@ int DescriptorSet::control(int operation, int number, std::uint32_t events) noex
   return epoll_ctl(epoll_, operation, number, &event) == 0 ? 0 : errno;
 }
 
-void DescriptorSet::record(int number, std::uint32_t events, bool alwaysReady) {
+void DescriptorSet::record(int number, std::uint32_t events, Place place) {
   Watch& watched = watch(number);
-  if (alwaysReady && !watched.alwaysReady) alwaysReady_.push_back(number);
-  if (!alwaysReady && watched.alwaysReady) {
-    alwaysReady_.erase(std::find(alwaysReady_.begin(), alwaysReady_.end(), number));
-  }
-  if (watched.events != 0 && !watched.alwaysReady) --polled_;
+  bool const was = watched.place == Place::alwaysReady;
+  bool const is = place == Place::alwaysReady;
+  if (is && !was) alwaysReady_.push_back(number);
+  if (was && !is) alwaysReady_.erase(std::find(alwaysReady_.begin(), alwaysReady_.end(), number));
+  if (watched.events != 0 && !was) --polled_;
+  if (events != 0 && !is) ++polled_;
   watched.events = events;
-  watched.alwaysReady = alwaysReady;
-  if (events != 0 && !alwaysReady) ++polled_;
+  watched.place = place;
+  watched.reports = 0;
 }
 
 int DescriptorSet::renew() {
@@ -214,11 +271,13 @@ int DescriptorSet::renew() {
   int failed = 0;
   for (std::size_t i = 0; i < watches_.size(); ++i) {
     int const number = static_cast<int>(i);
-    if (watches_[i].events == 0 || watches_[i].alwaysReady) continue;
-    record(number, 0, false);
+    if (watches_[i].place == Place::none || watches_[i].place == Place::alwaysReady) continue;
+    record(number, 0, Place::none);
     std::uint32_t const events = wanted(number);
     int const error = events != 0 ? install(number, events) : 0;
-    if (error != 0 && error != EBADF) failed = error;
+    if (error == 0 || error == EBADF) continue;
+    settleLater(number);  // tries again
+    failed = error;
   }
   return failed;
 }

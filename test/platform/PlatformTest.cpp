@@ -1,17 +1,35 @@
 #include "Brelo/Platform.h"
 
 #include <gtest/gtest.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
+#include <deque>
 #include <random>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 #include "Brelo/FileDescriptorTask.h"
 #include "Brelo/TaskScheduler.h"
 #include "support/Backend.h"
+#include "support/FaultInjection.h"
 #include "support/Handlers.h"
 
 // What the platform promises on every backend.
+
+namespace {
+
+/// What the kernel has reported to libevent.
+std::size_t reports = 0;
+
+}  // namespace
+
+extern "C" int epoll_wait(int set, epoll_event* events, int most, int timeout) {
+  int const count = epoll_pwait(set, events, most, timeout, nullptr);
+  if (count > 0) reports += static_cast<std::size_t>(count);
+  return count;
+}
 
 namespace {
 
@@ -120,6 +138,80 @@ TEST_P(Platform, AWatchFollowsItsDescriptorAndKeepsItsWishes) {
     watch.control->setReads(false);
     shutdown(silent.near(), SHUT_RDWR);
     doEventLoop();  // with neither direction wanted the hang-up is nobody's affair
+  });
+}
+
+/// Clients that take turns, one in a pass. Who is told, or told once more while it waits, stops
+/// reading until its turn comes.
+struct Turns {
+  explicit Turns(bool onceMore) : clients(30) {
+    for (Client& client : clients) {
+      client.watch.read.action = [&client, onceMore, this] {
+        if (client.waits || !onceMore) client.watch.control->setReads(false);
+        if (std::exchange(client.waits, true)) return;
+        waiting.push_back(&client);
+        turn.control->requestCallback();
+      };
+      client.watch.control->setFd(client.pair.near());
+    }
+    turn.action = [&] {
+      Client& client = *waiting.front();
+      waiting.pop_front();
+      client.waits = false;
+      client.watch.control->setReads(true);
+      char byte;
+      EXPECT_EQ(read(client.pair.near(), &byte, 1), 1) << "told of what is not there";
+      if (waiting.empty()) throw AllServed();
+      turn.control->requestCallback();
+    };
+  }
+
+  /// One request of so many of the last clients at once, that many times; the number of changes to
+  /// watches.
+  std::size_t changes(std::size_t asking, int rounds) {
+    std::size_t const enough = 10'000;
+    FaultInjection const counting({{"epoll_ctl", std::vector<int>(enough, 0)}});
+    for (; rounds > 0; --rounds) {
+      for (std::size_t i = clients.size() - asking; i < clients.size(); ++i)
+        clients[i].pair.send();
+      EXPECT_THROW(doEventLoop(), AllServed);
+    }
+    return enough - counting.left().at("epoll_ctl").size();
+  }
+
+  struct AllServed {};
+  struct Client {
+    SocketPair pair;
+    Watch watch{-1, true, false};
+    bool waits = false;
+  };
+  std::vector<Client> clients;
+  std::deque<Client*> waiting;
+  Callback turn;
+};
+
+TEST_P(Platform, ReadsThatAreOffWhileTheirClientWaitsCostLittle) {
+  run([] {
+    bool const host = GetParam() == Backend::host;
+    for (bool const onceMore : {false, true}) {
+      Turns turns(onceMore);
+      for (std::size_t const asking : {1, 30, 1, 30}) {
+        turns.changes(asking, 3);  // until the watches know their clients
+        auto& told = turns.clients.back().watch.read.runs;
+        told = 0;
+        reports = 0;
+        std::size_t const changes = turns.changes(asking, 20);
+        std::size_t const requests = 20 * asking;
+        std::size_t const once = requests + 20;  // one client a round is taken for another kind
+        EXPECT_LE(changes, asking == 1 ? 0 : host && !onceMore ? once : 2 * once);
+        EXPECT_LE(told, onceMore ? 40 : 20);
+        EXPECT_LE(reports, asking > 1 && !onceMore ? once : 2 * once);
+      }
+      turns.turn.action = [] {};
+      for (auto& client : turns.clients)
+        client.pair.send();
+      doEventLoop();  // what is off and ready keeps it neither busy nor alive
+    }
   });
 }
 

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -92,6 +93,7 @@ unsigned openDescriptors() {
 INTERPOSE(int, bind, -1, (int fd, sockaddr const* address, socklen_t length), fd, address, length)
 INTERPOSE(int, chmod, -1, (char const* path, mode_t mode), path, mode)
 INTERPOSE(int, fchmod, -1, (int fd, mode_t mode), fd, mode)
+INTERPOSE(int, epoll_ctl, -1, (int set, int operation, int fd, epoll_event* event), set, operation, fd, event)
 INTERPOSE(FILE*, fopen, nullptr, (char const* path, char const* mode), path, mode)
 INTERPOSE(FILE*, fopen64, nullptr, (char const* path, char const* mode), path, mode)  // the file streams' own
 INTERPOSE(int, fstat, -1, (int fd, struct stat* status), fd, status)

@@ -30,8 +30,9 @@ class DescriptorSet {
   int bind(FileDescriptor& descriptor);
   /// Forgets the number at once, since it may be closed next.
   void unbind(FileDescriptor& descriptor) noexcept;
-  /// A bound descriptor wants more than before, in force at once, or less, in force at the
-  /// next look. One that turns off and on again in a pass costs no system call.
+  /// A bound descriptor wants more than before, or less, which is in force at the next look. One
+  /// that turns off and on again in a pass costs no system call, and one that does so in the course
+  /// of several, after each report, costs one.
   int wantsMore(FileDescriptor const& descriptor);
   void wantsLess(FileDescriptor const& descriptor);
 
@@ -63,21 +64,38 @@ class DescriptorSet {
   void forked() noexcept;
 
  private:
+  /// Where the watch on a number is.
+  enum class Place : std::uint8_t {
+    none,
+    byLevel,      ///< in the epoll set, which reports it as long as it is ready
+    once,         ///< in the epoll set, which reports it a single time
+    reported,     ///< in the epoll set, which has done so and keeps silent
+    alwaysReady,  ///< not in the epoll set, since it cannot be polled
+  };
+
   struct Watch {
     ListNode<FileDescriptor> descriptors;
     std::uint32_t events = 0;      ///< in force
     std::uint32_t generation = 0;  ///< of its place in the epoll set
-    bool alwaysReady = false;      ///< it has no such place, since it cannot be polled
-    bool tooMuch = false;          ///< `events` may be more than wanted
+    int nextUnsettled = -1;
+    Place place = Place::none;
+    std::uint8_t reports = 0;  ///< by level, since it was turned on; counted as far as two
+    bool brief = false;        ///< the last time it was turned off after one report
+    bool unsettled = false;    ///< `events` may not be what is wanted
   };
 
   Watch& watch(int number) { return watches_[static_cast<std::size_t>(number)]; }
   std::uint32_t wanted(int number);
   /// `anew`: what the set has for the number may be another file's of an earlier time.
   int install(int number, std::uint32_t events, bool anew = false);
+  int force(int number, std::uint32_t events);
   void withdraw(int number) noexcept;
   int control(int operation, int number, std::uint32_t events) noexcept;
-  void record(int number, std::uint32_t events, bool alwaysReady);
+  void record(int number, std::uint32_t events, Place place);
+  void settleLater(int number) noexcept;
+  int settle(int number);
+  bool isStale(epoll_event const& event);
+  void noteReport(int number);
   /// How much a look may find in the epoll set: half at least, and room for the others.
   int capacity() const {
     constexpr std::size_t most = std::tuple_size_v<decltype(found_)>;
@@ -99,7 +117,7 @@ class DescriptorSet {
   std::deque<Watch> watches_;     ///< by number
   std::vector<int> alwaysReady_;  ///< numbers
   std::size_t turn_ = 0;          ///< among `alwaysReady_`
-  std::vector<int> tooMuch_;      ///< numbers
+  int firstUnsettled_ = -1;       ///< a number, the others behind it
   std::array<epoll_event, 128> found_;
   std::size_t count_ = 0;  ///< of what was found
   std::size_t told_ = 0;   ///< of these
