@@ -47,6 +47,9 @@ class BRELO_EXPORT LibeventTimerControl : public Platform::TimerControl {
 
   Platform::EventPriority eventPriority_;
   event event_;
+
+ protected:
+  bool* ended_ = nullptr;  ///< amid the handler: set when the control ends there
 };
 
 /// A callback is its own timer's handler; a request is a timeout of zero.
@@ -97,6 +100,7 @@ class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
   void notify(Notify notify);
 
   int fd_ = -1;
+  bool* ended_ = nullptr;  // as in LibeventTimerControl
   bool reads_ = true;
   bool writes_ = false;
   event readEvent_;

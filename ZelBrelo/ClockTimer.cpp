@@ -42,7 +42,8 @@ class ClockTimer::Notifiee : public Zel::Clock::NotifieeConst {
     try {
       owner_->handler_->timeout();
     } catch (...) {
-      if (!owner_->onNotificationException()) throw;
+      // The handler may have ended the control, and itself, before it threw.
+      if (owner_ == nullptr || !owner_->onNotificationException()) throw;
       BRELO_TRACE(platformTrace, 9, nullptr,
                   "ClockTimer::Notifiee::onTime: Timeout notification exception was handled");
     }

@@ -57,6 +57,7 @@ LibeventTimerControl::LibeventTimerControl(Platform::TimeoutHandler* handler,
 }
 
 LibeventTimerControl::~LibeventTimerControl() {
+  if (ended_ != nullptr) *ended_ = true;
   LibeventTimerControl::delTimeout();
   Impl::leControlRemoved(event_get_base(&event_));
 }
@@ -101,13 +102,20 @@ void LibeventTimerControl::handleTimeout(int, short, void* self) {
 
 void LibeventTimerControl::handler() {
   BRELO_TRACE(libeventTrace, 9, "LibeventTimerControl", "Timer {} expired", DisplayPointer(this));
+  bool ended = false;
+  ended_ = &ended;
   try {
     handler_->timeout();
   } catch (...) {
+    // The handler may have ended this, and itself, before it threw.
+    if (ended) throw;
+    ended_ = nullptr;
     if (!handler_->handleTimeoutException()) throw;
     BRELO_TRACE(libeventTrace, 9, "LibeventTimerControl",
                 "Timeout notification exception was handled");
+    return;
   }
+  if (!ended) ended_ = nullptr;
 }
 
 LibeventCallbackControl::LibeventCallbackControl(Platform::CallbackHandler* handler)
@@ -137,10 +145,11 @@ void LibeventCallbackControl::timeout() {
   BRELO_TRACE(libeventTrace, 9, "LibeventCallbackControl", "Callback {} execute",
               DisplayPointer(this));
   auto* const handler = CallbackControl::handler_;
+  bool const& ended = *ended_;
   try {
     handler->callback();
   } catch (...) {
-    if (!handler->handleCallbackException()) throw;
+    if (ended || !handler->handleCallbackException()) throw;
     BRELO_TRACE(libeventTrace, 9, "LibeventCallbackControl",
                 "Callback notification exception was handled");
   }
@@ -154,6 +163,7 @@ LibeventFdControl::LibeventFdControl(Platform::FdEventHandler* handler) : FdCont
 }
 
 LibeventFdControl::~LibeventFdControl() {
+  if (ended_ != nullptr) *ended_ = true;
   LibeventFdControl::clearEvents();
   Impl::leControlRemoved(event_get_base(&readEvent_));
 }
@@ -255,15 +265,18 @@ void LibeventFdControl::watch(event* ev, short flags, event_callback_fn callback
 
 template <class Notify>
 void LibeventFdControl::notify(Notify notify) {
+  bool ended = false;
+  ended_ = &ended;
   try {
     try {
       notify();
     } catch (...) {
-      if (!handler_->handleFdException(getFd())) throw;
+      if (ended || !handler_->handleFdException(getFd())) throw;
     }
   } catch (...) {
     Impl::leKeepException();
   }
+  if (!ended) ended_ = nullptr;
 }
 
 void LibeventFdControl::handleFdRead(int, short what, void* self) {

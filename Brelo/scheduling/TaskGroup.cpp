@@ -52,7 +52,7 @@ TaskScheduler& existing(std::shared_ptr<TaskScheduler> const& scheduler) {
 
 TaskGroup::TaskGroup(std::string name, TaskPriority priority, bool taskGroupPriorityEnforced,
                      std::shared_ptr<TaskScheduler> parent)
-    : TaskScheduler(name, &existing(parent).root(), parent->schedulerHistory()),
+    : TaskScheduler(name, &existing(parent).root(), existing(parent).schedulerHistory()),
       parentScheduler_(std::move(parent)),
       taskGroupPriority_(priority),
       taskGroupPriorityEnforced_(taskGroupPriorityEnforced) {

@@ -54,25 +54,32 @@ struct Model {
 /// Tasks that come, go, ask for runs, take them back and suspend each other, at random, from
 /// inside runs and between them; the model follows.
 struct Load {
+  // What is done with a task, from this number to the next; one that ends is unscheduled first.
+  enum { suspends = 0, unschedules = 4, ends = 4, schedules = 8, schedulesAll = 37, actions = 40 };
+
   void disturb() {
-    int const level = below(5), what = below(40);
+    int const level = below(5), what = below(actions);
     auto& task = tasks[level][below(level == low ? 20 : 3)];
     if (task == nullptr) {
       auto const work = [this](WorkTask& self) { ran(self); };
       task = workTask(group, "task", work, TaskPriority(level));
     }
     change(*task, what);
-    if (what == 4) task.reset();
+    if (what == ends) task.reset();
     for (auto const& each : tasks[level]) {
-      if (what > 36 && each != nullptr) change(*each, 8);
+      if (what >= schedulesAll && each != nullptr) change(*each, schedules);
     }
   }
   void change(WorkTask& task, int what) {
     auto const level = task.taskPriority().value();
     bool const waited = task.taskScheduled();
-    if (what < 4) task.taskSuspendedIs(!task.taskSuspended());
-    if (what >= 4 && what < 8) task.unscheduleTask();
-    if (what >= 8) task.scheduleTask();
+    if (what < unschedules) {
+      task.taskSuspendedIs(!task.taskSuspended());
+    } else if (what < schedules) {
+      task.unscheduleTask();
+    } else {
+      task.scheduleTask();
+    }
     if (waited == task.taskScheduled()) return;
     model.now[level].remove(&task);
     model.later[level].remove(&task);
@@ -82,7 +89,7 @@ struct Load {
   void ran(WorkTask& task) {
     ++picks;
     ASSERT_EQ(model.pick(), &task);
-    if ((restless >> task.taskPriority().value()) % 2 == 1) change(task, 8);
+    if ((restless >> task.taskPriority().value()) % 2 == 1) change(task, schedules);
     while (below(5) < 2)
       disturb();
   }

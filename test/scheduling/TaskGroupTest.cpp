@@ -102,6 +102,11 @@ TEST_F(TaskGroup, AnExceptionLeavesTheRestForTheNextRequestOrShowsAtTheNextMove)
   EXPECT_DEATH(group->taskGroupRunFromTest(), "temporary run queue should always be empty");
 }
 
+TEST_F(TaskGroup, NeedsASchedulerAbove) {
+  EXPECT_DEATH(Brelo::TaskGroup::TaskGroupIs("g", Brelo::TaskPriority::low, false, nullptr),
+               "Need a TaskScheduler");
+}
+
 TEST_F(TaskGroup, AnEnforcedPriorityBindsAllButTheLibrarysOwnTasks) {
   // A scheduler that has reset its statistics lives on with its reset task.
   static auto const low = Brelo::TaskGroup::TaskGroupIs("low", TaskPriority::low, true, root);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <stdexcept>
 #include <thread>
 
 #include "Brelo/Platform.h"
@@ -58,7 +59,7 @@ TEST_P(RootOnLoop, SuspensionKeepsTasksForTheResume) {
     auto const task = workTask(root, "a");
     for (unsigned round = 0; round < 2; ++round) {
       task->scheduleTask();
-      takeEvents(*root);
+      takeAllEvents(*root);
       root->suspendedIs(true);
       root->suspendedIs(true);
       Brelo::Platform::doEventLoop();
@@ -68,13 +69,30 @@ TEST_P(RootOnLoop, SuspensionKeepsTasksForTheResume) {
       Brelo::Platform::doEventLoop();
       EXPECT_EQ(task->taskRunCount, round + 1);
     }
-    takeEvents(*root);
+    takeAllEvents(*root);
     root->callbacks = 0;
     root->suspendedIs(true);
     root->suspendedIs(false);
     Brelo::Platform::doEventLoop();
     EXPECT_EQ(root->callbacks, 1u) << "a resume with nothing queued makes one empty run";
     EXPECT_EQ(takeEvents(*root, "r"), "schedulerSuspended,schedulerUnsuspended,");
+  });
+}
+
+TEST_P(RootOnLoop, MayEndWithTheTaskThatThrowsInItsLastRun) {
+  run([] {
+    auto root = schedulerRootBreloNonShared("root");
+    std::weak_ptr<Brelo::TaskSchedulerRoot> const alive = root;
+    auto task = workTask(root, "last");
+    task->work = [&](WorkTask&) {
+      root.reset();
+      task.reset();
+      throw std::runtime_error("last");
+    };
+    task->scheduleTask();
+    EXPECT_THROW(Brelo::Platform::doEventLoop(0.01), std::runtime_error);
+    EXPECT_TRUE(alive.expired());
+    Brelo::Platform::doEventLoop();
   });
 }
 

@@ -35,10 +35,27 @@ TEST_F(Task, UnschedulingTheOnlyTaskLeavesOneEmptyRun) {
   EXPECT_EQ(takeEvents(*root, "N a"), "create,schedule,busy,unschedule,idle,");
 }
 
+TEST_F(Task, ARunInsideARunLeavesTheOuterTaskAlive) {
+  auto const inner = workTask(root, "inner");
+  auto outer = workTask(root, "outer");
+  std::weak_ptr<WorkTask> const alive = outer;
+  bool aliveAfterInner = false;
+  outer->work = [&](WorkTask&) {
+    outer.reset();
+    inner->scheduleTask();
+    root->handleSchedulerRun();
+    aliveAfterInner = !alive.expired();
+  };
+  outer->scheduleTask();
+  root->handleSchedulerRun();
+  EXPECT_EQ(inner->taskRunCount, 1U);
+  EXPECT_TRUE(aliveAfterInner && alive.expired());
+}
+
 TEST_F(Task, ResumingMakesUpForWhatSuspensionDropped) {
   auto const task = workTask(root, "a");
   task->scheduleTask();
-  takeEvents(*root);
+  takeAllEvents(*root);
   for (bool const suspended : {true, true, false, false}) {
     task->taskSuspendedIs(suspended);
     if (suspended) task->scheduleTask();
@@ -52,7 +69,7 @@ TEST_F(Task, ResumingMakesUpForWhatSuspensionDropped) {
   runUntilIdle(*root);
   EXPECT_EQ(task->taskRunCount, 2u) << "nobody asked for a run while it was suspended";
 
-  takeEvents(*root);
+  takeAllEvents(*root);
   task->work = [](auto& self) {
     self.scheduleTask();
     self.taskSuspendedIs(true);
@@ -76,7 +93,7 @@ TEST_F(Task, LeavesItsSchedulerOnceAndUnrun) {
   task->scheduleTask();
   runUntilIdle(*root);
   task->scheduleTask();
-  takeEvents(*root);
+  takeAllEvents(*root);
   task->handleDestroy();
   EXPECT_THAT(task->states, ElementsAre(true, false, true, false));
   task.reset();
@@ -108,7 +125,7 @@ TEST_P(TaskOnLoop, EachCallbackRunsOneTaskAndOneMoreFindsNothing) {
     EXPECT_EQ(order, "aba");
     EXPECT_EQ(root->callbacks, 4u);
     EXPECT_THAT(
-        takeEvents(*root),
+        takeAllEvents(*root),
         ElementsAre("create       N a", "create       N b", "schedule     N a",
                     "schedulerRunnable r", "busy         N a", "schedule     N b",
                     "busy         N b", "run start    N a", "schedule     N a", "run end      N a",

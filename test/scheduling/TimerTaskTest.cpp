@@ -72,6 +72,9 @@ TEST_F(TimerTask, JitterFollowsTheRootsSequence) {
     timer->scheduleTaskJitterDown(1e6, percent);
     EXPECT_NEAR(timer->timerRemaining(), 1e6 - offset(percent), 1);
   }
+  // A sum beyond the range is as late as can be, and not in the past.
+  timer->scheduleTaskJitterUp(Brelo::TaskTimeDuration(INT64_MAX - 1), 100);
+  EXPECT_GT(timer->timerRemaining(), 9e9);
 }
 
 TEST_F(TimerTask, RunsComeInTheOrderOfTheirTimesAndSuspensionKeepsThem) {

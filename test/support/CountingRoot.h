@@ -27,7 +27,7 @@ class CountingRoot : public Brelo::TaskSchedulerRoot {
 };
 
 /// The events of the whole tree as they are displayed, oldest first, and drops them.
-inline std::vector<std::string> takeEvents(Brelo::TaskSchedulerRoot& root) {
+inline std::vector<std::string> takeAllEvents(Brelo::TaskSchedulerRoot& root) {
   std::vector<std::string> events;
   for (auto const& event : root.history().events())
     events.push_back(event.display());
