@@ -128,14 +128,17 @@ TEST(StackWalk, PassesASignalThatMetNoCode) {
     for (std::uintptr_t const address : {0x0, 0x100, 0x10000}) {
       Backtrace before(false);
       faultIn([&] { stackWalkCalls(reinterpret_cast<void (*)()>(address), &before); });
-      // Compared from the outermost frame on: a sanitizer has frames of its own beside the handler.
-      int const callers = static_cast<int>(before.count()) - 2;
-      int const call = static_cast<int>(record.count()) - callers - 1;
-      ASSERT_GE(call, 4) << record.pretty();
-      EXPECT_EQ(nameAt(record.frames()[call]), "stackWalkCalls") << record.pretty();
+      // A sanitizer has frames of its own beside the handler, so the culprit is looked for.
+      int const count = static_cast<int>(record.count());
+      int call = 0;
+      while (call < count && nameAt(record.frames()[call]) != "stackWalkCalls")
+        ++call;
+      ASSERT_TRUE(call >= 4 && call < count) << record.pretty();
       EXPECT_EQ(record.frames()[call - 1], reinterpret_cast<void*>(address));
-      EXPECT_TRUE(std::equal(record.frames() + call + 2, record.frames() + record.count(),
-                             before.frames() + 3, before.frames() + before.count()));
+      void* const* const callers = record.frames() + call + 2;
+      EXPECT_TRUE(
+          std::equal(callers, record.frames() + count,
+                     before.frames() + before.count() - (record.frames() + count - callers)));
     }
   }
 }
