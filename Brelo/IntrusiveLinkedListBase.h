@@ -80,7 +80,7 @@ class ListImpl {
   static ElementType& element(LinkNodeType& node) {
     return *boost::intrusive::get_parent_from_member(&node, ptrToLinkNode);
   }
-  static ElementType const& element(LinkNodeType const& node) {
+  static ElementType const& element(LinkNodeType const& node) {  ///< the same
     return *boost::intrusive::get_parent_from_member(&node, ptrToLinkNode);
   }
   /// Asserts that the element is not linked.

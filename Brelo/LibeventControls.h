@@ -19,7 +19,7 @@
 namespace Brelo {
 
 namespace Impl {
-bool leSettleReads(bool all);
+bool leSettleReads(bool all);  ///< for the loop: takes out watches of reads that are off
 }
 
 /// Sets the event's priority after `event_assign`, which resets it. The event must not be active.

@@ -34,7 +34,7 @@ class BRELO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
 
   // What applications call.
 
-  std::string const& schedulerName() const { return schedulerName_.string(); }
+  std::string const& schedulerName() const { return schedulerName_.string(); }  ///< never changes
   /// The quantum of tasks made from now on; not checked. 20 ms at first, in a group that of the
   /// scheduler above.
   /// @{
@@ -176,7 +176,7 @@ class BRELO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
   /// Visits the groups whose parent tasks are registered here, newest first.
   void forEachTaskGroup(
       std::function<void(TaskImpl const& parentTask, TaskGroup const& group)> const& visit) const;
-  ConstStringRef const& schedulerNameRef() const { return schedulerName_; }
+  ConstStringRef const& schedulerNameRef() const { return schedulerName_; }  ///< the same
   /// By level: tasks queued (of all levels without one); runs since the statistics were cleared;
   /// live tasks, with those that ended without their figures being kept; tasks ended since the
   /// statistics were cleared, whose figures were kept. All levels' figures at once. A priority that
