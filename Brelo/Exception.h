@@ -39,86 +39,56 @@ class BRELO_EXPORT Exception : public std::exception {
 
 // The family; `AssertException` stands in Assert.h.
 
+/// What each class of the family has: made from its message it takes the stack, by `base`, the
+/// initializer of its base; it has a name, and a function that builds and throws an instance, out
+/// of line.
+#define BRELO_EXCEPTION(Class, base)                   \
+ public:                                               \
+  explicit Class(std::string const& message) : base {} \
+  char const* name() const noexcept override;          \
+  [[noreturn]] static void throwException(std::string const& message)
+
 /// Memory or another resource is exhausted.
 class BRELO_EXPORT MemoryResourceException : public Exception {
- public:
-  /// Takes the stack.
-  explicit MemoryResourceException(std::string const& message) : Exception(message, true) {}
-  char const* name() const noexcept override;
-  /// Builds and throws an instance, out of line.
-  [[noreturn]] static void throwException(std::string const& message);
+  BRELO_EXCEPTION(MemoryResourceException, Exception(message, true));
 };
 
 /// Refused for want of permission.
 class BRELO_EXPORT NoPermissionException : public Exception {
- public:
-  /// Takes the stack.
-  explicit NoPermissionException(std::string const& message) : Exception(message, true) {}
-  char const* name() const noexcept override;
-  /// Builds and throws an instance, out of line.
-  [[noreturn]] static void throwException(std::string const& message);
+  BRELO_EXCEPTION(NoPermissionException, Exception(message, true));
 };
 
 /// The operation is not provided.
 class BRELO_EXPORT UnimplementedException : public Exception {
- public:
-  /// Takes the stack.
-  explicit UnimplementedException(std::string const& message) : Exception(message, true) {}
-  char const* name() const noexcept override;
-  /// Builds and throws an instance, out of line.
-  [[noreturn]] static void throwException(std::string const& message);
+  BRELO_EXCEPTION(UnimplementedException, Exception(message, true));
 };
 
 /// Set up in a wrong state or with wrong input.
 class BRELO_EXPORT InvalidInitializeException : public Exception {
- public:
-  /// Takes the stack.
-  explicit InvalidInitializeException(std::string const& message) : Exception(message, true) {}
-  char const* name() const noexcept override;
-  /// Builds and throws an instance, out of line.
-  [[noreturn]] static void throwException(std::string const& message);
+  BRELO_EXCEPTION(InvalidInitializeException, Exception(message, true));
 };
 
 /// A general failure at run time, such as a failed system call.
 class BRELO_EXPORT RuntimeException : public Exception {
- public:
-  /// Takes the stack.
-  explicit RuntimeException(std::string const& message) : Exception(message, true) {}
-  char const* name() const noexcept override;
-  /// Builds and throws an instance, out of line.
-  [[noreturn]] static void throwException(std::string const& message);
+  BRELO_EXCEPTION(RuntimeException, Exception(message, true));
 };
 
 /// An index or a value is out of bounds.
 class BRELO_EXPORT OutOfRangeException : public Exception {
- public:
-  /// Takes the stack.
-  explicit OutOfRangeException(std::string const& message) : Exception(message, true) {}
-  char const* name() const noexcept override;
-  /// Builds and throws an instance, out of line.
-  [[noreturn]] static void throwException(std::string const& message);
+  BRELO_EXCEPTION(OutOfRangeException, Exception(message, true));
 };
 
 /// A broken invariant in data.
 class BRELO_EXPORT CorruptionDetectedException : public Exception {
- public:
-  /// Takes the stack.
-  explicit CorruptionDetectedException(std::string const& message) : Exception(message, true) {}
-  char const* name() const noexcept override;
-  /// Builds and throws an instance, out of line.
-  [[noreturn]] static void throwException(std::string const& message);
+  BRELO_EXCEPTION(CorruptionDetectedException, Exception(message, true));
 };
 
 /// A size that was found to be wrong.
 class BRELO_EXPORT InvalidSizeException : public CorruptionDetectedException {
- public:
-  /// Takes the stack.
-  explicit InvalidSizeException(std::string const& message)
-      : CorruptionDetectedException(message) {}
-  char const* name() const noexcept override;
-  /// Builds and throws an instance, out of line.
-  [[noreturn]] static void throwException(std::string const& message);
+  BRELO_EXCEPTION(InvalidSizeException, CorruptionDetectedException(message));
 };
+
+#undef BRELO_EXCEPTION
 
 /// The text of an error number, valid in the calling thread until its next call. `errno` is left
 /// as it was.
