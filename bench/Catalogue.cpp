@@ -4,22 +4,16 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <future>
 #include <utility>
-
-#include "Brelo/Thread.h"
 
 namespace Bench {
 
 namespace {
 
 std::vector<double> onFreshThread(Backend backend, FiguresBody const& body, std::uint64_t count) {
-  return std::async(std::launch::async,
-                    [&] {
-                      if (backend == Backend::libevent) Brelo::useThreadLocalSingletons();
-                      return body(count);
-                    })
-      .get();
+  std::vector<double> figures;
+  BreloTest::onBackend(backend, [&] { figures = body(count); });
+  return figures;
 }
 
 }  // namespace
@@ -64,8 +58,20 @@ void Catalogue::measureFigures(std::vector<Figure> const& figures, std::string c
 
 void Catalogue::measureBackends(std::string const& unit, std::string const& form,
                                 std::uint64_t count, Body const& body) {
-  measure(unit, form, "brelo-libevent", count, body, Backend::libevent);
-  measure(unit, form, "brelo-host", count, body, Backend::host);
+  for (Backend const backend : BreloTest::backends)
+    measure(unit, form, whoIs(backend), count, body, backend);
+}
+
+void Catalogue::measureFiguresOnBackends(std::vector<Figure> const& figures, std::uint64_t count,
+                                         FiguresBody const& body) {
+  for (Backend const backend : BreloTest::backends)
+    measureFigures(figures, whoIs(backend), count, body, backend);
+}
+
+void Catalogue::aimOnBackends(std::string const& unit, std::string const& form, double limit,
+                              std::string const& peer) {
+  for (Backend const backend : BreloTest::backends)
+    aim({unit, form, whoIs(backend), limit, peer});
 }
 
 bool Catalogue::hasUnit(std::string const& unit) const {

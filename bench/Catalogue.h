@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/BackendList.h"
+
 namespace Bench {
 
 /// One run of a measurement: does `count` operations and returns the seconds that they took.
@@ -15,8 +17,13 @@ using Body = std::function<double(std::uint64_t count)>;
 /// The same for a run that yields several figures, in the order in which they were declared.
 using FiguresBody = std::function<std::vector<double>(std::uint64_t count)>;
 
-/// Where a body runs. Every run has a fresh thread, since a thread's choice of backend is final.
-enum class Backend { host, libevent };
+/// Where a body runs, each time on a fresh thread. What it is for a peer makes no difference.
+using BreloTest::Backend;
+
+/// The project on a backend, as the reports have it.
+inline std::string whoIs(Backend backend) {
+  return "brelo-" + toString(backend);
+}
 
 /// What a figure is of: a unit of the report, a form of it, and what the number counts. A form
 /// "x as y" is a further form of the project, to be seen beside the peers of form "x".
@@ -68,12 +75,19 @@ class Catalogue {
   /// The CPU time for one operation. In a small run a hundredth of `count` will do.
   void measure(std::string unit, std::string form, std::string who, std::uint64_t count, Body body,
                Backend backend = Backend::host);
-  /// The project on both of its backends.
+  /// The project on all of its backends.
+  /// @{
   void measureBackends(std::string const& unit, std::string const& form, std::uint64_t count,
                        Body const& body);
+  void measureFiguresOnBackends(std::vector<Figure> const& figures, std::uint64_t count,
+                                FiguresBody const& body);
+  /// @}
   void measureFigures(std::vector<Figure> const& figures, std::string const& who,
                       std::uint64_t count, FiguresBody body, Backend backend = Backend::host);
   void aim(Aim aim) { aims_.push_back(std::move(aim)); }
+  /// The same aim on all backends.
+  void aimOnBackends(std::string const& unit, std::string const& form, double limit,
+                     std::string const& peer);
 
   std::deque<Measurement> const& measurements() const { return measurements_; }
   std::vector<Aim> const& aims() const { return aims_; }

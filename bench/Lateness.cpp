@@ -284,19 +284,16 @@ void addLateness(Catalogue& catalogue) {
       {"timer lateness", "99th percentile", "ns"},
       {"timer lateness", "early of 100,000", "timers", true},
   };
-  auto const add = [&](char const* who, FiguresBody body, Backend backend = Backend::host) {
-    catalogue.measureFigures(figures, who, expiries, std::move(body), backend);
+  auto const add = [&](char const* who, FiguresBody body) {
+    catalogue.measureFigures(figures, who, expiries, std::move(body));
   };
-  add("brelo-libevent", wheelLateness, Backend::libevent);
-  add("brelo-host", wheelLateness);
+  catalogue.measureFiguresOnBackends(figures, expiries, wheelLateness);
   add("libevent", [](std::uint64_t count) { return libeventLateness(libeventPlain, count); });
   add("libevent-precise",
       [](std::uint64_t count) { return libeventLateness(libeventPrecise, count); });
   add("libuv", uvLateness);
   add("asio", asioLateness);
-  for (char const* who : {"brelo-libevent", "brelo-host"}) {
-    catalogue.aim({"timer lateness", "early of 100,000", who, 0, ""});
-  }
+  catalogue.aimOnBackends("timer lateness", "early of 100,000", 0, "");
 }
 
 }  // namespace Bench

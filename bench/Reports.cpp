@@ -203,11 +203,8 @@ void addReports(Catalogue& catalogue) {
   catalogue.aim({"snapshot", "per task of 10,000", "brelo", 100, ""});
   catalogue.aim({"text row", "per task of 10,000", "brelo", 1500, ""});
   std::vector<Figure> const hold = {{"export hold", "10,000 tasks, 1 kB a step", "ns"}};
-  catalogue.measureFigures(hold, "brelo-libevent", 1, longestHold, Backend::libevent);
-  catalogue.measureFigures(hold, "brelo-host", 1, longestHold);
-  for (char const* who : {"brelo-libevent", "brelo-host"}) {
-    catalogue.aim({hold.front().unit, hold.front().form, who, 20e6, ""});  // a default quantum
-  }
+  catalogue.measureFiguresOnBackends(hold, 1, longestHold);
+  catalogue.aimOnBackends(hold.front().unit, hold.front().form, 20e6, "");  // a default quantum
 }
 
 }  // namespace Bench

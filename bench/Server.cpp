@@ -40,17 +40,16 @@ struct Competitor {
 };
 
 std::vector<Competitor> competitors() {
-  return {
-      {"brelo-libevent", "", Backend::libevent, serveWithControls},
-      {"brelo-host", "", Backend::host, serveWithControls},
-      {"brelo-libevent", " as root tasks", Backend::libevent, serveWithRootTasks},
-      {"brelo-host", " as root tasks", Backend::host, serveWithRootTasks},
-      {"brelo-libevent", " as group tasks", Backend::libevent, serveWithGroupTasks},
-      {"brelo-host", " as group tasks", Backend::host, serveWithGroupTasks},
-      {"libevent", "", Backend::host, serveWithLibevent},
-      {"libuv", "", Backend::host, serveWithUv},
-      {"asio", "", Backend::host, serveWithAsio},
-  };
+  std::vector<Competitor> all;
+  for (Backend const backend : BreloTest::backends) {
+    all.push_back({whoIs(backend), "", backend, serveWithControls});
+    all.push_back({whoIs(backend), " as root tasks", backend, serveWithRootTasks});
+    all.push_back({whoIs(backend), " as group tasks", backend, serveWithGroupTasks});
+  }
+  all.push_back({"libevent", "", Backend::host, serveWithLibevent});
+  all.push_back({"libuv", "", Backend::host, serveWithUv});
+  all.push_back({"asio", "", Backend::host, serveWithAsio});
+  return all;
 }
 
 void serveToTheEnd(Server const& serve, std::vector<int> const& connections, Requests& requests) {

@@ -64,16 +64,11 @@ double idleSecond(Suspended suspended, std::uint64_t milliseconds) {
 }
 
 void addForm(Catalogue& catalogue, Figure const& figure, Suspended suspended) {
-  for (auto const& [who, backend] :
-       {std::pair{"brelo-libevent", Backend::libevent}, std::pair{"brelo-host", Backend::host}}) {
-    catalogue.measureFigures(
-        {figure}, who, 1'000,
-        [suspended](std::uint64_t milliseconds) -> std::vector<double> {
-          return {idleSecond(suspended, milliseconds) * 1e3};
-        },
-        backend);
-    catalogue.aim({figure.unit, figure.form, who, 1, ""});
-  }
+  catalogue.measureFiguresOnBackends(
+      {figure}, 1'000, [suspended](std::uint64_t milliseconds) -> std::vector<double> {
+        return {idleSecond(suspended, milliseconds) * 1e3};
+      });
+  catalogue.aimOnBackends(figure.unit, figure.form, 1, "");
 }
 
 }  // namespace

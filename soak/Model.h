@@ -17,7 +17,7 @@ namespace Soak {
 
 // What a difference is told with.
 inline std::uint64_t seed;
-inline char const* backend;
+inline std::string backend;
 inline double simulated;  // seconds
 
 /// Ends the process with status 1 and a text.

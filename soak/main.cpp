@@ -6,14 +6,13 @@
 #include <iostream>
 #include <random>
 #include <string>
-#include <thread>
 
 #include "Brelo/LibeventFactory.h"
 #include "Brelo/Platform.h"
-#include "Brelo/Thread.h"
 #include "Day.h"
 #include "Zel/Activity.h"
 #include "Zel/System.h"
+#include "support/BackendList.h"
 
 namespace {
 
@@ -21,7 +20,6 @@ using Brelo::Platform::doEventLoop;
 using Brelo::Platform::doEventLoopInWaitfor;
 
 void soakHost(double seconds) {
-  Soak::backend = "host";
   Soak::Day const day(seconds);
   doEventLoop();
   std::cout << day.report() << std::endl;
@@ -29,8 +27,6 @@ void soakHost(double seconds) {
 
 /// The fast-forward of this backend moves the timers alone, so the host's clock is moved with them.
 void soakLibevent(double seconds) {
-  Brelo::useThreadLocalSingletons();
-  Soak::backend = "libevent";
   Soak::Day day(seconds);
   for (unsigned idle = 0; !day.over(); ++idle) {
     std::uint64_t before;
@@ -78,6 +74,10 @@ int main(int argc, char** argv) {
   std::cout << "seed " << Soak::seed << std::endl;
   Brelo::Platform::setFastForward(true);
   Brelo::setLeFastForward(true);
-  if (backend != "libevent") soakHost(hours * 3600);
-  if (backend != "host") std::thread(soakLibevent, hours * 3600).join();
+  for (BreloTest::Backend const each : BreloTest::backends) {
+    Soak::backend = toString(each);
+    if (backend != "both" && backend != Soak::backend) continue;
+    auto const soak = each == BreloTest::Backend::host ? soakHost : soakLibevent;
+    BreloTest::onBackend(each, [&] { soak(hours * 3600); });
+  }
 }
