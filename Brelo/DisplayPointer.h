@@ -1,11 +1,10 @@
 #pragma once
 
-#include <fmt/format.h>
-
 #include <ostream>
 #include <string>
 
 #include "Brelo/Export.h"
+#include "Brelo/Formatter.h"
 
 namespace Brelo {
 
@@ -28,18 +27,11 @@ class BRELO_EXPORT DisplayPointer {
 /// The stream's format flags and fill are left as they were.
 BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, DisplayPointer const& pointer);
 
+/// The fmt form: `toString()`.
+BRELO_EXPORT fmt::format_context::iterator formatValue(DisplayPointer const& pointer,
+                                                       fmt::format_context& context);
+
 }  // namespace Brelo
 
-namespace fmt {
-
-/// Prints `toString()`.
 template <>
-struct BRELO_EXPORT formatter<Brelo::DisplayPointer> {
-  /// Takes no format specifier.
-  constexpr auto parse(format_parse_context& context) { return context.begin(); }
-  /// Returns where the text ends.
-  auto format(Brelo::DisplayPointer const& pointer, format_context& context) const
-      -> format_context::iterator;
-};
-
-}  // namespace fmt
+struct fmt::formatter<Brelo::DisplayPointer> : Brelo::Impl::Formatter<Brelo::DisplayPointer> {};

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <fmt/format.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -10,6 +8,7 @@
 #include <vector>
 
 #include "Brelo/Export.h"
+#include "Brelo/Formatter.h"
 
 namespace Brelo {
 
@@ -71,18 +70,11 @@ BRELO_EXPORT char const* typenameFromVptr(int otherPid, void const* vptr, std::s
 
 }  // namespace Util
 
+/// The fmt form: all members by name, for people.
+BRELO_EXPORT fmt::format_context::iterator formatValue(MappingInfo const& info,
+                                                       fmt::format_context& context);
+
 }  // namespace Brelo
 
-namespace fmt {
-
-/// Prints all members by name, for people.
 template <>
-struct BRELO_EXPORT formatter<Brelo::MappingInfo> {
-  /// Takes no format specifier.
-  constexpr auto parse(format_parse_context& context) { return context.begin(); }
-  /// Returns where the text ends.
-  auto format(Brelo::MappingInfo const& info, format_context& context) const
-      -> format_context::iterator;
-};
-
-}  // namespace fmt
+struct fmt::formatter<Brelo::MappingInfo> : Brelo::Impl::Formatter<Brelo::MappingInfo> {};

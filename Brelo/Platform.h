@@ -1,12 +1,11 @@
 #pragma once
 
-#include <fmt/format.h>
-
 #include <cstdint>
 #include <memory>
 #include <string>
 
 #include "Brelo/Export.h"
+#include "Brelo/Formatter.h"
 #include "Brelo/Time.h"
 
 /// The event platform: a one-shot timer, a deferred callback and a descriptor watch, each a pair
@@ -26,6 +25,9 @@ enum EventPriority : std::uint8_t {
 
 /// The name of the value. A value that is neither of the two must not occur.
 BRELO_EXPORT std::string toString(EventPriority priority);
+/// The fmt form: `toString(priority)`.
+BRELO_EXPORT fmt::format_context::iterator formatValue(EventPriority priority,
+                                                       fmt::format_context& context);
 
 /// Who a timer tells. Must outlive the timer's control.
 class BRELO_EXPORT TimeoutHandler {
@@ -177,16 +179,6 @@ BRELO_EXPORT bool refCountingEnabled();
 
 }  // namespace Brelo::Platform
 
-namespace fmt {
-
-/// Prints `toString(priority)`.
 template <>
-struct BRELO_EXPORT formatter<Brelo::Platform::EventPriority> {
-  /// Takes no format specifier.
-  constexpr auto parse(format_parse_context& context) { return context.begin(); }
-  /// Returns where the text ends.
-  auto format(Brelo::Platform::EventPriority priority, format_context& context) const
-      -> format_context::iterator;
-};
-
-}  // namespace fmt
+struct fmt::formatter<Brelo::Platform::EventPriority>
+    : Brelo::Impl::Formatter<Brelo::Platform::EventPriority> {};

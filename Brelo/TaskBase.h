@@ -1,7 +1,5 @@
 #pragma once
 
-#include <fmt/format.h>
-
 #include <cstdint>
 #include <memory>
 #include <ostream>
@@ -10,6 +8,7 @@
 
 #include "Brelo/ConstStringCache.h"
 #include "Brelo/Export.h"
+#include "Brelo/Formatter.h"
 #include "Brelo/TaskPriority.h"
 #include "Brelo/TaskTimeDuration.h"
 
@@ -89,30 +88,16 @@ class BRELO_EXPORT _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   /// @}
 };
 
-/// Writes "scheduler:priority:name@address", as does the fmt form. Not for null.
+/// Write "scheduler:priority:name@address". Not for null.
+/// @{
 BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, _TaskBase const* task);
-
-namespace Impl {
-
-/// What `fmt::formatter` calls for a task.
-BRELO_EXPORT fmt::format_context::iterator formatTask(_TaskBase const& task,
-                                                      fmt::format_context& context);
-
-}  // namespace Impl
+BRELO_EXPORT fmt::format_context::iterator formatValue(_TaskBase const& task,
+                                                       fmt::format_context& context);
+/// @}
 
 }  // namespace Brelo
 
-namespace fmt {
-
-/// Prints a task of any class as the stream form does.
+/// For tasks of any class.
 template <class AnyTask>
-struct formatter<AnyTask, std::enable_if_t<std::is_base_of_v<Brelo::_TaskBase, AnyTask>, char>> {
-  /// Takes no format specifier.
-  constexpr auto parse(format_parse_context& context) { return context.begin(); }
-  /// Returns where the text ends.
-  auto format(AnyTask const& task, format_context& context) const {
-    return Brelo::Impl::formatTask(task, context);
-  }
-};
-
-}  // namespace fmt
+struct fmt::formatter<AnyTask, std::enable_if_t<std::is_base_of_v<Brelo::_TaskBase, AnyTask>, char>>
+    : Brelo::Impl::Formatter<AnyTask> {};

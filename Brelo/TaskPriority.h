@@ -1,11 +1,10 @@
 #pragma once
 
-#include <fmt/format.h>
-
 #include <ostream>
 #include <string>
 
 #include "Brelo/Export.h"
+#include "Brelo/Formatter.h"
 
 namespace Brelo {
 
@@ -58,18 +57,11 @@ inline constexpr TaskPriority TaskPriority::oneBeyondLast{levels};
 /// The name of a level, or "invalidPriority=" and the number; the fmt form likewise.
 BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, TaskPriority priority);
 
+/// The fmt form: the name of a level, or "invalidPriority=" and the number.
+BRELO_EXPORT fmt::format_context::iterator formatValue(TaskPriority priority,
+                                                       fmt::format_context& context);
+
 }  // namespace Brelo
 
-namespace fmt {
-
-/// Prints the name of a level, or "invalidPriority=" and the number.
 template <>
-struct BRELO_EXPORT formatter<Brelo::TaskPriority> {
-  /// Takes no format specifier.
-  constexpr auto parse(format_parse_context& context) { return context.begin(); }
-  /// Returns where the text ends.
-  auto format(Brelo::TaskPriority priority, format_context& context) const
-      -> format_context::iterator;
-};
-
-}  // namespace fmt
+struct fmt::formatter<Brelo::TaskPriority> : Brelo::Impl::Formatter<Brelo::TaskPriority> {};

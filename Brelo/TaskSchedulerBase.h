@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Brelo/Export.h"
+#include "Brelo/Formatter.h"
 #include "Brelo/TaskImpl.h"
 #include "Brelo/TaskRunQueues.h"
 
@@ -237,31 +238,17 @@ class BRELO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
   TaskImpl::RegisteredList registeredTasks_;  // newest first
 };
 
-/// Writes the scheduler's name and a colon, as does the fmt form. Not for null.
+/// Write the scheduler's name and a colon. Not for null.
+/// @{
 BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, TaskScheduler const* scheduler);
-
-namespace Impl {
-
-/// What `fmt::formatter` calls for a scheduler.
-BRELO_EXPORT fmt::format_context::iterator formatScheduler(TaskScheduler const& scheduler,
-                                                           fmt::format_context& context);
-
-}  // namespace Impl
+BRELO_EXPORT fmt::format_context::iterator formatValue(TaskScheduler const& scheduler,
+                                                       fmt::format_context& context);
+/// @}
 
 }  // namespace Brelo
 
-namespace fmt {
-
-/// Prints a scheduler of any class as the stream form does.
+/// For schedulers of any class.
 template <class AnyScheduler>
-struct formatter<AnyScheduler,
-                 std::enable_if_t<std::is_base_of_v<Brelo::TaskScheduler, AnyScheduler>, char>> {
-  /// Takes no format specifier.
-  constexpr auto parse(format_parse_context& context) { return context.begin(); }
-  /// Returns where the text ends.
-  auto format(AnyScheduler const& scheduler, format_context& context) const {
-    return Brelo::Impl::formatScheduler(scheduler, context);
-  }
-};
-
-}  // namespace fmt
+struct fmt::formatter<AnyScheduler,
+                      std::enable_if_t<std::is_base_of_v<Brelo::TaskScheduler, AnyScheduler>, char>>
+    : Brelo::Impl::Formatter<AnyScheduler> {};

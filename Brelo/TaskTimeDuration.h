@@ -1,7 +1,5 @@
 #pragma once
 
-#include <fmt/format.h>
-
 #include <chrono>
 #include <cstdint>
 #include <limits>
@@ -10,6 +8,7 @@
 #include <type_traits>
 
 #include "Brelo/Export.h"
+#include "Brelo/Formatter.h"
 
 namespace Brelo {
 
@@ -90,18 +89,11 @@ BRELO_EXPORT std::string durationToString(TaskTimeDuration duration);
 /// Writes `durationToString`, as does the fmt form.
 BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, TaskTimeDuration const& duration);
 
+/// The fmt form: `durationToString`.
+BRELO_EXPORT fmt::format_context::iterator formatValue(TaskTimeDuration const& duration,
+                                                       fmt::format_context& context);
+
 }  // namespace Brelo
 
-namespace fmt {
-
-/// Prints `durationToString`.
 template <>
-struct BRELO_EXPORT formatter<Brelo::TaskTimeDuration> {
-  /// Takes no format specifier.
-  constexpr auto parse(format_parse_context& context) { return context.begin(); }
-  /// Returns where the text ends.
-  auto format(Brelo::TaskTimeDuration const& duration, format_context& context) const
-      -> format_context::iterator;
-};
-
-}  // namespace fmt
+struct fmt::formatter<Brelo::TaskTimeDuration> : Brelo::Impl::Formatter<Brelo::TaskTimeDuration> {};

@@ -32,13 +32,12 @@ std::ostream& operator<<(std::ostream& stream, DisplayPointer const& pointer) {
   return stream;
 }
 
-}  // namespace Brelo
-
-auto fmt::formatter<Brelo::DisplayPointer>::format(Brelo::DisplayPointer const& pointer,
-                                                   format_context& context) const
-    -> format_context::iterator {
+fmt::format_context::iterator formatValue(DisplayPointer const& pointer,
+                                          fmt::format_context& context) {
   if (pointer.pointer() == nullptr) return fmt::format_to(context.out(), "NULL");
-  static_assert(Brelo::width == 18);
+  static_assert(width == 18);
   return fmt::format_to(context.out(), FMT_COMPILE("{:#018x}"),
                         reinterpret_cast<std::uintptr_t>(pointer.pointer()));
 }
+
+}  // namespace Brelo

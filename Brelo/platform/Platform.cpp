@@ -12,7 +12,7 @@ namespace Platform {
 
 namespace {
 
-bool refCountingEnabled_ = true;
+bool refCounting = true;
 
 std::unordered_set<void (*)()>& fastForwardChangeNotifiers() {
   static std::unordered_set<void (*)()> notifiers;
@@ -92,19 +92,17 @@ void registerFastForwardChangeNotifier(void (*notifier)()) {
 }
 
 void refCountingEnabledIs(bool on) {
-  refCountingEnabled_ = on;
+  refCounting = on;
 }
 
 bool refCountingEnabled() {
-  return refCountingEnabled_;
+  return refCounting;
+}
+
+fmt::format_context::iterator formatValue(EventPriority priority, fmt::format_context& context) {
+  return fmt::format_to(context.out(), "{}", toString(priority));
 }
 
 }  // namespace Platform
 
 }  // namespace Brelo
-
-auto fmt::formatter<Brelo::Platform::EventPriority>::format(Brelo::Platform::EventPriority priority,
-                                                            format_context& context) const
-    -> format_context::iterator {
-  return fmt::format_to(context.out(), "{}", Brelo::Platform::toString(priority));
-}

@@ -46,8 +46,7 @@ std::ostream& operator<<(std::ostream& stream, _TaskBase const* task) {
   return stream << fmt::format("{}", *task);
 }
 
-fmt::format_context::iterator Impl::formatTask(_TaskBase const& task,
-                                               fmt::format_context& context) {
+fmt::format_context::iterator formatValue(_TaskBase const& task, fmt::format_context& context) {
   return fmt::format_to(context.out(), "{}:{}:{}@{}", task.taskScheduler()->schedulerName(),
                         task.taskPriority(), task.taskName(), DisplayPointer(&task));
 }

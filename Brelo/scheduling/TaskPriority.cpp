@@ -20,13 +20,11 @@ std::ostream& operator<<(std::ostream& stream, TaskPriority priority) {
   return stream << fmt::format("{}", priority);
 }
 
-}  // namespace Brelo
-
-auto fmt::formatter<Brelo::TaskPriority>::format(Brelo::TaskPriority priority,
-                                                 format_context& context) const
-    -> format_context::iterator {
+fmt::format_context::iterator formatValue(TaskPriority priority, fmt::format_context& context) {
   if (!priority.isLevel()) {
     return fmt::format_to(context.out(), "invalidPriority={}", unsigned{priority.value()});
   }
   return fmt::format_to(context.out(), "{}", priority.toStrep());
 }
+
+}  // namespace Brelo

@@ -208,8 +208,8 @@ std::ostream& operator<<(std::ostream& stream, TaskScheduler const* scheduler) {
   return stream << fmt::format("{}", *scheduler);
 }
 
-fmt::format_context::iterator Impl::formatScheduler(TaskScheduler const& scheduler,
-                                                    fmt::format_context& context) {
+fmt::format_context::iterator formatValue(TaskScheduler const& scheduler,
+                                          fmt::format_context& context) {
   return fmt::format_to(context.out(), "{}:", scheduler.schedulerName());
 }
 

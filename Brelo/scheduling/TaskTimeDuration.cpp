@@ -34,10 +34,9 @@ std::ostream& operator<<(std::ostream& stream, TaskTimeDuration const& duration)
   return stream << durationToString(duration);
 }
 
-}  // namespace Brelo
-
-auto fmt::formatter<Brelo::TaskTimeDuration>::format(Brelo::TaskTimeDuration const& duration,
-                                                     format_context& context) const
-    -> format_context::iterator {
-  return fmt::format_to(context.out(), "{}", Brelo::durationToString(duration));
+fmt::format_context::iterator formatValue(TaskTimeDuration const& duration,
+                                          fmt::format_context& context) {
+  return fmt::format_to(context.out(), "{}", durationToString(duration));
 }
+
+}  // namespace Brelo

@@ -147,14 +147,12 @@ char const* Util::typenameFromVptr(int otherPid, void const* vptr, std::string& 
   return nullptr;
 }
 
-}  // namespace Brelo
-
-auto fmt::formatter<Brelo::MappingInfo>::format(Brelo::MappingInfo const& info,
-                                                format_context& context) const
-    -> format_context::iterator {
+fmt::format_context::iterator formatValue(MappingInfo const& info, fmt::format_context& context) {
   return fmt::format_to(context.out(),
                         "MappingInfo {{ start:{:#x} end:{:#x} perms:{} offset:{:#x} major:{:#x} "
                         "minor:{:#x} inode:{:#x} path:{} }}",
                         info.start, info.end, info.perms, info.offset, info.major, info.minor,
                         info.inode, info.path);
 }
+
+}  // namespace Brelo

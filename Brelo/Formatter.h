@@ -1,0 +1,18 @@
+#pragma once
+
+#include <fmt/core.h>
+
+namespace Brelo::Impl {
+
+/// The fmt form of the library's types, for `fmt::formatter` to inherit. It takes no format
+/// specifier and prints what the `formatValue` of the type's own namespace writes, a function that
+/// gets the value and the context and returns where the text ends.
+template <class Value>
+struct Formatter {
+  constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
+  auto format(Value const& value, fmt::format_context& context) const {
+    return formatValue(value, context);
+  }
+};
+
+}  // namespace Brelo::Impl
