@@ -10,13 +10,12 @@
 #include "Brelo/Export.h"
 #include "Brelo/Formatter.h"
 #include "Brelo/TaskImpl.h"
-#include "Brelo/TaskRunQueues.h"
+#include "Brelo/TaskSchedulerCounts.h"
 
 namespace Brelo {
 
 class TaskSchedulerHistory;
 class TaskSchedulerPrintContext;
-class TaskSchedulerQueueStats;
 class TaskSchedulerRoot;
 class TaskSchedulerSnapshot;
 
@@ -29,7 +28,8 @@ class TaskSchedulerSnapshot;
 /// Owned through shared pointers, by its tasks among others. All of it belongs to the root's
 /// thread; nothing is locked. Wrong use is an assertion, not a result. Clients include
 /// Brelo/TaskScheduler.h, which also has what the operations here take and give.
-class BRELO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
+class BRELO_EXPORT TaskScheduler : public TaskSchedulerCounts,
+                                   public std::enable_shared_from_this<TaskScheduler> {
  public:
   using TaskRunQueues = Brelo::TaskRunQueues;  ///< what the tasks are queued on
 
@@ -177,26 +177,7 @@ class BRELO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
   /// Visits the groups whose parent tasks are registered here, newest first.
   void forEachTaskGroup(
       std::function<void(TaskImpl const& parentTask, TaskGroup const& group)> const& visit) const;
-  ConstStringRef const& schedulerNameRef() const { return schedulerName_; }  ///< the same
-  /// By level: tasks queued (of all levels without one); runs since the statistics were cleared;
-  /// live tasks, with those that ended without their figures being kept; tasks ended since the
-  /// statistics were cleared, whose figures were kept. All levels' figures at once. A priority that
-  /// is no level is an assertion for the first two, for the others a count of its own.
-  /// @{
-  std::uint32_t runnableTaskCount(TaskPriority priority) const;
-  std::uint32_t runnableTaskCount() const;
-  std::uint64_t runTaskCount(TaskPriority priority) const;
-  std::uint32_t tasksPerPriority(TaskPriority priority) const;
-  std::uint32_t completedTasksPerPriority(TaskPriority priority) const;
-  TaskSchedulerQueueStats queueStats() const;
-  /// @}
-  /// Change a count by one. Below zero it is an assertion.
-  /// @{
-  void tasksPerPriorityInc(TaskPriority priority);
-  void tasksPerPriorityDec(TaskPriority priority);
-  void completedTasksPerPriorityInc(TaskPriority priority);
-  void completedTasksPerPriorityDec(TaskPriority priority);
-  /// @}
+  ConstStringRef const& schedulerNameRef() const { return schedulerName_; }   ///< the same
   std::uint64_t registeredTaskCount() const { return registeredTaskCount_; }  ///< live tasks
   /// The longest delay between a request for a run and the run.
   TaskTimeDuration maxSchedulerSlip() const { return maxSchedulerSlip_; }
@@ -234,7 +215,6 @@ class BRELO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
   std::uint64_t registeredTaskCount_ = 0;
   TaskPriority ownTaskPriority_ = TaskPriority::normal;
   bool schedulerHasRunnableTasks_ = false;
-  TaskRunQueues taskRunQueues_;
   TaskImpl::RegisteredList registeredTasks_;  // newest first
 };
 

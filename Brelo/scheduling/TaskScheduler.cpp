@@ -159,23 +159,6 @@ void TaskScheduler::taskRunQueuesMoveTemporaryToPersistent() {
     queue.moveTemporaryToPersistent();
 }
 
-std::uint32_t TaskScheduler::runnableTaskCount(TaskPriority priority) const {
-  BRELO_SCHEDULER_ASSERT(priority.isLevel(), priority);
-  return taskRunQueues_.runnable(priority);
-}
-
-std::uint32_t TaskScheduler::runnableTaskCount() const {
-  std::uint32_t sum = 0;
-  for (unsigned char level = 0; level < TaskPriority::levels; ++level)
-    sum += runnableTaskCount(TaskPriority(level));
-  return sum;
-}
-
-std::uint64_t TaskScheduler::runTaskCount(TaskPriority priority) const {
-  BRELO_SCHEDULER_ASSERT(priority.isLevel(), priority);
-  return taskRunQueues_[priority].runsSinceClear();
-}
-
 void TaskScheduler::taskForceYieldInTestNotify(TaskImpl* task, bool on) {
   if (parts_->forcedYield.notify(task, on)) handleTaskForceYieldInTest();
 }

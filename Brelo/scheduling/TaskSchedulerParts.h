@@ -7,7 +7,6 @@
 #include "Brelo/scheduling/CompletedTaskStats.h"
 #include "Brelo/scheduling/ForcedYieldTasks.h"
 #include "Brelo/scheduling/ResetStatsTask.h"
-#include "Brelo/scheduling/TaskCounts.h"
 #include "Brelo/scheduling/TaskFairness.h"
 
 namespace Brelo {
@@ -15,8 +14,6 @@ namespace Brelo {
 /// What a scheduler is made of, apart from its queues and its list of tasks.
 struct TaskScheduler::Parts {
   Impl::TaskFairness fairness;
-  Impl::TaskCounts tasksPerPriority_;
-  Impl::TaskCounts completedTasksPerPriority_;
   Impl::CompletedTaskStats completedTaskStats;
   Impl::ForcedYieldTasks forcedYield;
   std::shared_ptr<ResetStatsTask> resetStatsTask_;  // made at first need

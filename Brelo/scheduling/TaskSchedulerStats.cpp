@@ -4,35 +4,10 @@
 
 #include "Brelo/MemTrack.h"
 #include "Brelo/TaskSchedulerBase.h"
-#include "Brelo/TaskSchedulerQueueStats.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/TaskSchedulerParts.h"
 
 namespace Brelo {
-
-std::uint32_t TaskScheduler::tasksPerPriority(TaskPriority priority) const {
-  return parts_->tasksPerPriority_.of(priority);
-}
-
-std::uint32_t TaskScheduler::completedTasksPerPriority(TaskPriority priority) const {
-  return parts_->completedTasksPerPriority_.of(priority);
-}
-
-void TaskScheduler::tasksPerPriorityInc(TaskPriority priority) {
-  parts_->tasksPerPriority_.inc(priority);
-}
-
-void TaskScheduler::tasksPerPriorityDec(TaskPriority priority) {
-  parts_->tasksPerPriority_.dec(priority, __func__);
-}
-
-void TaskScheduler::completedTasksPerPriorityInc(TaskPriority priority) {
-  parts_->completedTasksPerPriority_.inc(priority);
-}
-
-void TaskScheduler::completedTasksPerPriorityDec(TaskPriority priority) {
-  parts_->completedTasksPerPriority_.dec(priority, __func__);
-}
 
 void TaskScheduler::completedTaskStatsInc(ConstStringRef const& name, TaskStat stat) {
   parts_->completedTaskStats.inc(name, std::move(stat));
@@ -88,28 +63,10 @@ TaskStat TaskScheduler::completedTaskStatForTest(std::string const& name) const 
   return parts_->completedTaskStats.of(name);
 }
 
-TaskSchedulerQueueStats TaskScheduler::queueStats() const {
-  TaskSchedulerQueueStats stats;
-  for (unsigned char level = 0; level < TaskPriority::levels; ++level) {
-    TaskPriority const priority(level);
-    TaskSchedulerPriorityStats entry;
-    entry.priority = priority;
-    entry.runnableTasks = runnableTaskCount(priority);
-    entry.idleTasks = tasksPerPriority(priority) - entry.runnableTasks;
-    entry.completedTasks = completedTasksPerPriority(priority);
-    entry.totalRunCount = static_cast<std::uint32_t>(runTaskCount(priority));
-    bool const inserted = stats.emplace(priority, entry).second;
-    BRELO_SCHEDULER_ASSERT(inserted, "Priority: ", priority, " insert failed");
-  }
-  return stats;
-}
-
 void TaskScheduler::clearStatsCommon() {
   maxSchedulerSlip_ = {};
-  for (auto& queue : taskRunQueues_)
-    queue.clearRuns();
+  clearCounts();
   parts_->completedTaskStats.clear();
-  parts_->completedTasksPerPriority_.clear();
 }
 
 void TaskScheduler::clearStats() {
