@@ -1,7 +1,8 @@
 #pragma once
 
-#include <boost/circular_buffer.hpp>
+#include <boost/circular_buffer_fwd.hpp>
 #include <cstdint>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -85,11 +86,12 @@ class BRELO_EXPORT TaskSchedulerHistory {
     TaskTimePoint eventTime_;
     ConstStringRef eventId_;
   };
-  /// Its capacity is the number of events kept.
+  /// Its capacity is the number of events kept. Who walks it includes <boost/circular_buffer.hpp>.
   using Ring = boost::circular_buffer<Event, Allocator<Event>>;
 
   /// Zero for a ring that records nothing.
-  explicit TaskSchedulerHistory(unsigned capacity) : events_(capacity) {}
+  explicit TaskSchedulerHistory(unsigned capacity);
+  ~TaskSchedulerHistory();
 
   /// Records an event; the oldest one makes room.
   /// @{
@@ -106,11 +108,11 @@ class BRELO_EXPORT TaskSchedulerHistory {
   /// The names of the whole tree.
   ConstStringCache& stringCache() { return stringCache_; }
   /// Element 0 is the newest.
-  Ring const& events() const { return events_; }
+  Ring const& events() const { return *events_; }
   /// How many events are kept; a change keeps the newest, or throws std::bad_alloc with nothing
   /// changed.
   /// @{
-  unsigned capacity() const { return static_cast<unsigned>(events_.capacity()); }
+  unsigned capacity() const;
   void capacityIs(unsigned capacity);
   /// @}
   /// Drops all events.
@@ -126,7 +128,7 @@ class BRELO_EXPORT TaskSchedulerHistory {
 
   ConstStringCache stringCache_;
   ConstStringKeeper endedNames_;  // by `recorded_`
-  Ring events_;
+  std::unique_ptr<Ring> events_;
   std::uint64_t recorded_ = 0;  // events ever
   TaskTimePoint latestTime_;
 };

@@ -1,5 +1,7 @@
 #include "Brelo/TaskSchedulerSnapshot.h"
 
+#include <boost/circular_buffer.hpp>
+
 #include "Brelo/TaskScheduler.h"
 #include "Brelo/reports/ReportFigures.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"

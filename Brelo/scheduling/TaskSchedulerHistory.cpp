@@ -1,5 +1,6 @@
 #include "Brelo/TaskSchedulerHistory.h"
 
+#include <boost/circular_buffer.hpp>
 #include <chrono>
 
 #include "Brelo/TaskBase.h"
@@ -74,6 +75,11 @@ std::string TaskSchedulerHistory::Event::display() const {
   return fmt::format("{:<12} {}", eventTypeDisplay(), eventId_.string());
 }
 
+TaskSchedulerHistory::TaskSchedulerHistory(unsigned capacity)
+    : events_(std::make_unique<Ring>(capacity)) {}
+
+TaskSchedulerHistory::~TaskSchedulerHistory() = default;
+
 void TaskSchedulerHistory::insert(TaskTimePoint const& time, TaskSchedulerEventType type,
                                   _TaskBase const& task) {
   BRELO_SCHEDULER_ASSERT(eventNeedTask(type), "EventType: ", type);
@@ -90,27 +96,31 @@ void TaskSchedulerHistory::record(TaskTimePoint const& time, TaskSchedulerEventT
                                   ConstStringRef const& id, TaskSchedulerHistory const& itsOwn) {
   latestTime_ = time;
   // A subject of another tree hands its name over to that tree's history.
-  events_.push_front(Event(time, type, &itsOwn == this ? id.uncounted() : id));
+  events_->push_front(Event(time, type, &itsOwn == this ? id.uncounted() : id));
   ++recorded_;
   if (!endedNames_.empty()) releaseOverwritten();
 }
 
 void TaskSchedulerHistory::nameEnded(ConstStringRef name) noexcept {
-  if (!name.isNull() && !events_.empty()) endedNames_.keep(std::move(name), recorded_);
+  if (!name.isNull() && !events_->empty()) endedNames_.keep(std::move(name), recorded_);
 }
 
 void TaskSchedulerHistory::releaseOverwritten() noexcept {
-  if (recorded_ >= events_.capacity()) endedNames_.release(recorded_ - events_.capacity());
+  if (recorded_ >= events_->capacity()) endedNames_.release(recorded_ - events_->capacity());
+}
+
+unsigned TaskSchedulerHistory::capacity() const {
+  return static_cast<unsigned>(events_->capacity());
 }
 
 void TaskSchedulerHistory::capacityIs(unsigned capacity) {
   if (capacity == this->capacity()) return;
-  events_.set_capacity(capacity);
+  events_->set_capacity(capacity);
   releaseOverwritten();
 }
 
 void TaskSchedulerHistory::clear() {
-  events_.clear();
+  events_->clear();
   endedNames_.releaseAll();
 }
 

@@ -1,6 +1,7 @@
 #include "Brelo/TaskSchedulerHistory.h"
 
 #include <gtest/gtest.h>
+#include <boost/circular_buffer.hpp>
 
 #include <chrono>
 #include <sstream>

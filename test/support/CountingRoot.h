@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <boost/circular_buffer.hpp>
 #include <string>
 #include <vector>
 
