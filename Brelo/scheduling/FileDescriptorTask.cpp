@@ -1,11 +1,11 @@
 #include "Brelo/FileDescriptorTask.h"
-#include "Brelo/TaskSchedulerHistory.h"
-#include "Brelo/TaskSchedulerRoot.h"
 
 #include <utility>
 
 #include "Brelo/Assert.h"
 #include "Brelo/TaskSchedulerBase.h"
+#include "Brelo/TaskSchedulerHistory.h"
+#include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/scheduling/FileDescriptorTaskInner.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"

@@ -1,9 +1,9 @@
 #include "Brelo/TaskBase.h"
 
 #include <utility>
-#include "Brelo/TaskSchedulerHistory.h"
 
 #include "Brelo/TaskSchedulerBase.h"
+#include "Brelo/TaskSchedulerHistory.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 
 namespace Brelo {

@@ -1,10 +1,10 @@
 #include "Brelo/TaskImpl.h"
 
 #include <algorithm>
-#include "Brelo/TaskSchedulerHistory.h"
 
 #include "Brelo/TaskGroup.h"
 #include "Brelo/TaskSchedulerBase.h"
+#include "Brelo/TaskSchedulerHistory.h"
 #include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"

@@ -1,11 +1,11 @@
 #include "Brelo/TimerTask.h"
-#include "Brelo/TaskSchedulerHistory.h"
 
 #include <algorithm>
 #include <limits>
 #include <utility>
 
 #include "Brelo/TaskSchedulerBase.h"
+#include "Brelo/TaskSchedulerHistory.h"
 #include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"
