@@ -77,14 +77,14 @@ class BRELO_EXPORT _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   /// What the functions of these names give; for derived classes to read.
   /// @{
   std::shared_ptr<TaskScheduler> taskScheduler_;
-  ConstStringRef taskName_;
-  ConstStringRef taskStatsName_;
   ConstStringRef taskHistoryName_;
   TaskPriority taskPriority_;
   std::uint8_t taskTestYieldRatio_ = 0;
   std::uint8_t taskTestYieldRatioEffective_ = 0;
   mutable std::uint8_t taskTestYieldCount_ = 0;
   bool taskBusy_ = false;
+  ConstStringRef taskName_;
+  ConstStringRef taskStatsName_;
   /// @}
 };
 

@@ -147,8 +147,8 @@ class BRELO_EXPORT TaskImpl : public _TaskBase, public TaskCounters {
   static constexpr std::uint32_t taskMagicNumberEnded = 0xDEADDEAD;
 
   std::uint32_t taskMagicNumber_ = taskMagicNumberConstructed;
-  ListLinkNode<TaskImpl> taskRunQueueLink_;
   BookmarkListLinkNode<TaskImpl> taskRegisteredLink_;
+  ListLinkNode<TaskImpl> taskRunQueueLink_;  // last, beside the timer of a TimerTask
 
  public:
   /// The lists that a scheduler keeps its tasks on.

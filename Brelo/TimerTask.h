@@ -78,7 +78,7 @@ class BRELO_EXPORT TimerTask : public TaskImpl, TimerWheelEvent {
   void _scheduleTaskLowestDelay(T delay);
   template <class T>
   T jitterOffset(T delayIntoFuture, unsigned char maxJitterPercentage) const;
-  bool doStartTimer(double seconds, bool force);
+  bool doStartTimer(double seconds, bool force, TaskTimePoint const& now);
   void doStopTimer();
   std::shared_ptr<TimerWheel> const& wheel() const;
 

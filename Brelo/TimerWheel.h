@@ -52,6 +52,10 @@ class BRELO_EXPORT TimerWheelEvent {
   /// The absolute expiry on the clock of `Brelo::time()`; positive infinity when stopped.
   double expirationTime() const { return expirationTime_; }
 
+  /// Has the processor fetch the timer, for who will start or stop it after something else: one
+  /// among a million timers is in no cache.
+  void prefetch() const { __builtin_prefetch(&timeoutLink_), __builtin_prefetch(&expirationTime_); }
+
   /// Where the timer is; `notLinked` for a stopped one.
   TimerWheelState state() const;
   /// For the wheel. Every move between the two other states goes through `notLinked`: another is an
@@ -87,6 +91,8 @@ class BRELO_EXPORT TimerWheel : Platform::TimeoutHandler {
   /// What `TimerWheelEvent::setTimeout` and `delTimeout` stand for.
   /// @{
   void timerStart(TimerWheelEvent* event, double seconds);
+  void timerStart(TimerWheelEvent* event, double seconds,
+                  double now);  ///< for who has asked `time()`
   void timerStop(TimerWheelEvent* event);
   /// @}
 

@@ -8,4 +8,8 @@ double time() {
   return Zel::System::currentTime();
 }
 
+double timeAtMonotonic(std::int64_t nanoseconds) {
+  return Zel::System::timeAtMonotonic(nanoseconds);
+}
+
 }  // namespace Brelo

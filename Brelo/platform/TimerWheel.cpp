@@ -99,8 +99,12 @@ void TimerWheel::setCurrentTime(double now) {
 }
 
 void TimerWheel::timerStart(TimerWheelEvent* event, double seconds) {
+  timerStart(event, seconds, time());
+}
+
+void TimerWheel::timerStart(TimerWheelEvent* event, double seconds, double now) {
   if (std::isnan(seconds)) BRELO_FAIL("TimerWheel", "timeout is not a number");
-  double const expiry = time() + seconds;
+  double const expiry = now + seconds;
   if (expiry == event->expirationTime_) return;
   if (event->expirationTime_ != never) timerStop(event);
   if (expiry == never) return;

@@ -1,12 +1,14 @@
 #include "Brelo/TimerTask.h"
 
 #include <algorithm>
+#include <chrono>
 #include <limits>
 #include <utility>
 
 #include "Brelo/TaskSchedulerBase.h"
 #include "Brelo/TaskSchedulerHistory.h"
 #include "Brelo/TaskSchedulerRoot.h"
+#include "Brelo/Time.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"
 
@@ -86,7 +88,8 @@ std::shared_ptr<TimerWheel> const& TimerTask::wheel() const {
 }
 
 bool TimerTask::taskScheduled() const {
-  return TaskImpl::taskScheduled() || taskTimerRunning_;
+  sanityCheckCurrentRunningThread();
+  return taskTimerRunning_ || onRunQueue();
 }
 
 void TimerTask::scheduleTask() {
@@ -111,9 +114,10 @@ void TimerTask::timeout() {
   TaskImpl::scheduleTask();
 }
 
-bool TimerTask::doStartTimer(double seconds, bool force) {
+bool TimerTask::doStartTimer(double seconds, bool force, TaskTimePoint const& now) {
   if (!force && !(seconds < remainingTimeout())) return false;
-  setTimeout(wheel(), seconds);
+  std::chrono::nanoseconds const sinceBoot = now.time_since_epoch();
+  wheel()->timerStart(this, seconds, timeAtMonotonic(sinceBoot.count()));
   return true;
 }
 
@@ -134,7 +138,7 @@ void TimerTask::scheduleTaskDelayedPrivate(T delay, bool force) {
     BRELO_TRACE(schedulerTrace, 8, "TimerTask", "Already on runQueue {}", *this);
     return;
   }
-  if (doStartTimer(toSeconds(delay), force)) {
+  if (doStartTimer(toSeconds(delay), force, now)) {
     if (force) unscheduleTaskPrivate(now);
     taskTimerRunning_ = true;
     BRELO_TRACE(schedulerTrace, 8, "TimerTask", "Timer started {} delay {}", *this, delay);
@@ -186,12 +190,14 @@ void TimerTask::_scheduleTaskLowestDelay(T delay) {
 }
 
 void TimerTask::scheduleTaskDelay(TaskTimeDuration delay) {
+  prefetch();
   sanityCheckCurrentRunningThread();
   if (isNever(delay)) return stopTimerTask();
   scheduleTaskDelayedPrivate(delay, true);
 }
 
 void TimerTask::scheduleTaskDelay(double delay) {
+  prefetch();
   sanityCheckCurrentRunningThread();
   if (isNever(delay)) return stopTimerTask();
   scheduleTaskDelayedPrivate(delay, true);

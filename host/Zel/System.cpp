@@ -36,8 +36,12 @@ void advanceCurrentTime(std::int64_t nanoseconds) {
 namespace System {
 
 double currentTime() {
+  return timeAtMonotonic(nanoseconds(CLOCK_MONOTONIC));
+}
+
+double timeAtMonotonic(std::int64_t nanoseconds) {
   auto const offset = clockOffset().load(std::memory_order_relaxed);
-  return static_cast<double>(nanoseconds(CLOCK_MONOTONIC) + offset) * 1e-9;
+  return static_cast<double>(nanoseconds + offset) * 1e-9;
 }
 
 void doRun() {

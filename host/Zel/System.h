@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 #include "Zel/Export.h"
 #include "Zel/String.h"
 
@@ -10,6 +12,10 @@ namespace Zel::System {
 /// at load and advances with the monotonic clock from there, and by what virtual time has
 /// skipped. A double resolves a quarter of a microsecond here. Any thread.
 ZEL_EXPORT double currentTime();
+
+/// What `currentTime()` says, as virtual time stands now, at a reading of the monotonic clock
+/// (`CLOCK_MONOTONIC`) in nanoseconds. Any thread.
+ZEL_EXPORT double timeAtMonotonic(std::int64_t nanoseconds);
 
 /// Runs the activity loop on the calling thread: for the execution time if one has been set
 /// (see `ActivityManagerConfig::executionTimeIs`), and otherwise until no clock notifiee is
