@@ -102,6 +102,7 @@ void FileDescriptor::setWrites(bool on) {
 
 void FileDescriptor::setFd(int fd) {
   BRELO_TRACE(platformTrace, 5, "FileDescriptor", "registering fd:{}", fd);
+  hostFd_->descriptorIs(-1);  // may be closed, or a stranger's by now: the mode is not for it
   hostFd_->nonBlockingIs(true);
   hostFd_->descriptorIs(fd);
   notifiee_->fdIs(fd);

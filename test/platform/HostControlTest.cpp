@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <memory>
 #include <stdexcept>
@@ -48,6 +50,20 @@ TEST(HostControl, AnExceptionOfWhoDestroyedItsWatchGoesOn) {
   };
   EXPECT_THROW(doEventLoop(), std::runtime_error);
   EXPECT_THROW(Watch(1 << 20, true, false), std::system_error);
+}
+
+TEST(HostControl, ANewDescriptorLeavesAloneWhatHasTheNumberOfTheOldOne) {
+  SocketPair old, next, stranger;
+  Watch watch(old.near(), true, false);
+  int const numbers[] = {dup(old.near()), dup(old.near())};
+  watch.control->setFd(numbers[0]);
+  close(numbers[0]);
+  watch.control->setFd(numbers[1]);
+  dup2(stranger.near(), numbers[1]);
+  watch.control->setFd(next.near());
+  EXPECT_EQ(fcntl(stranger.near(), F_GETFL) & O_NONBLOCK, 0);
+  next.send();
+  EXPECT_TRUE(runUntil([&] { return watch.read.runs > 0; }));
 }
 
 }  // namespace
