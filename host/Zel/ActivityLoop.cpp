@@ -44,7 +44,7 @@ class ActivityLoop::Hold {
   /// Lets a thread that sleeps on the lock have it. To unlock is not enough: the loop would
   /// have it back before that thread is awake.
   void shareIfWanted() {
-    if (!taken_ || !lock_.contended()) return;
+    if (!lock_.contended() || !taken_) return;
     letGoDuring([] {
       timespec const moment{0, 1};
       nanosleep(&moment, nullptr);
@@ -64,6 +64,7 @@ struct ActivityLoop::Run {
 
 // One pass of the loop:
 //
+// A thread that sleeps on the activity lock has it before the pass begins.
 // 1. Look at the descriptors: without waiting if a clock notifiee is due, and otherwise
 //    until one becomes ready, the first notifiee is due or the execution time is over. Under
 //    virtual time do not wait but, if nothing is ready, move the clock. The activity lock is
@@ -88,11 +89,11 @@ struct ActivityLoop::Run {
 // was interrupted has left of steps 2 and 3. So nobody who throws at each pass keeps the others
 // from being told.
 bool ActivityLoop::pass(Run& run) {
+  run.hold.shareIfWanted();
   if (run.end || clock_.undecided()) clock_.nowIs(System::currentTime());
   descriptors_.prepare();
   clock_.collect();
   if (clock_.due()) {
-    run.hold.shareIfWanted();
     descriptors_.poll();
   } else if (!waitForFirst(run)) {
     return false;

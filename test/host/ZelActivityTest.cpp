@@ -1,9 +1,12 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <functional>
@@ -17,6 +20,7 @@
 #include <vector>
 
 #include "Zel/Activity.h"
+#include "Zel/FileDescriptor.h"
 #include "Zel/System.h"
 #include "support/ChildProcess.h"
 
@@ -162,22 +166,47 @@ TEST_F(ZelActivity, WaitsHaveNoSlackAndTheThreadAndItsChildrenKeepTheirOwn) {
 }
 
 TEST_F(ZelActivity, RunWithoutAPauseSharesTheLockAndEndsInTime) {
-  std::atomic<bool> running = false;
-  Ptr<Timer> const busy = timerAt(0.0, [&] {
-    running = true;
-    if (told.empty()) busy->timeMinIs(0.0);
-  });
-  std::thread other([&] {
-    while (!running)
-      std::this_thread::yield();
-    EXPECT_TRUE(activityLock().lock());
-    told = "other";
-    activityLock().unlock();
-  });
-  doRun();
-  other.join();
-  told.clear();
-  busy->timeMinIs(0.0);
+  struct Watch : Zel::FileDescriptor::NotifieeConst {
+    void onAttribute(Zel::AttributeId, void const*) override { told(); }
+    std::function<void()> told;
+  };
+  for (std::string const busy : {"clock", "virtual time", "readable", "unpollable"}) {
+    Zel::activityManager()->virtualTimeIs(busy == "virtual time");
+    std::atomic<int> taken = 0;
+    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    auto const endIfTaken = [&] {
+      if (taken == 20 || std::chrono::steady_clock::now() > end) throw std::runtime_error("end");
+    };
+    Ptr<Zel::FileDescriptor> const object(new Zel::FileDescriptor("busy"));
+    Ptr<Watch> const watch(new Watch);
+    watch->told = endIfTaken;
+    watch->notifierIs(object);
+    watch->isRegisteredNotifieeIs(true);
+    object->hasNotificationActiveIs(true);
+    object->notifyOnReadableIs(true);
+    Ptr<Timer> const timer = timerAt(never, [&] {
+      timer->timeMinIs(busy == "clock" ? 0.0 : currentTime() + 1.0);
+      endIfTaken();
+    });
+    if (busy == "readable") {
+      object->descriptorIs(eventfd(1, 0));
+    } else if (busy == "unpollable") {
+      object->descriptorIs(open("/proc/self/exe", O_RDONLY));
+    } else {
+      timer->timeMinIs(0.0);
+    }
+
+    std::thread other([&] {
+      for (; taken < 20; ++taken) {
+        EXPECT_TRUE(activityLock().lock());
+        activityLock().unlock();
+      }
+    });
+    EXPECT_THROW(doRun(), std::runtime_error);
+    EXPECT_EQ(taken, 20) << busy;
+    other.join();
+  }
+  Ptr<Timer> const again = timerAt(0.0, [&] { again->timeMinIs(0.0); });
   Zel::activityManager()->executionTimeIs(0.003);
   doRun();
 }
