@@ -19,8 +19,8 @@ class ZEL_EXPORT ActivityManagerConfig : public PtrInterface {
  public:
   /// Off at first.
   bool virtualTime() const { return virtualTime_.load(std::memory_order_relaxed); }
-  /// While on, the loop does not sleep until a notifiee is due: it moves the clock there.
-  /// What has been skipped stays skipped.
+  /// While on, the loop does not sleep until a notifiee is due: it moves the clock there, unless
+  /// that is as late as the clock can tell. What has been skipped stays skipped.
   void virtualTimeIs(bool on) { virtualTime_.store(on, std::memory_order_relaxed); }
 
   /// The clock that drives the activity loop.

@@ -67,8 +67,9 @@ struct ActivityLoop::Run {
 // A thread that sleeps on the activity lock has it before the pass begins.
 // 1. Look at the descriptors: without waiting if a clock notifiee is due, and otherwise
 //    until one becomes ready, the first notifiee is due or the execution time is over. Under
-//    virtual time do not wait but, if nothing is ready, move the clock. The activity lock is
-//    let go of during a wait. The time after the wait is the time of this pass.
+//    virtual time do not wait but, if nothing is ready, move the clock, unless to the end of its
+//    range. The activity lock is let go of during a wait. The time after the wait is the time of
+//    this pass.
 // 2. Tell the descriptors what step 1 found, readable before writable. One that a handler
 //    has unbound, bound or turned off since is passed over.
 // 3. Tell the time to every notifiee that is due, those included that step 2 armed for a time
@@ -136,7 +137,8 @@ bool ActivityLoop::waitForFirst(Run& run) {
     return true;
   }
 
-  bool const skip = config_.virtualTime();
+  // Where the clock's range ends nothing is due, and no later time could be waited for from there.
+  bool const skip = config_.virtualTime() && first < ClockQueue::lastTime;
   std::int64_t const left = roundUpToNanoseconds(std::max(first - clock_.now(), 0.0));
   look(run, skip ? 0 : left);
   if (skip && !descriptors_.found()) advanceCurrentTime(left);

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -218,6 +219,20 @@ TEST(ZelFileDescriptor, ReadyOneComesBeforeAMoveOfVirtualTime) {
   }));
   runFor(100);
   EXPECT_EQ(watch->times, 1);
+}
+
+TEST(ZelFileDescriptor, VirtualTimeDoesNotMoveToTheEndOfTheClock) {
+  Zel::activityManager()->virtualTimeIs(true);
+  double const start = Zel::System::currentTime();
+  Zel::Ptr<ClockWatch> const far(new ClockWatch([] { FAIL() << "told before its time"; }));
+  far->timeMinIs(1e300);
+  runFor(100);
+  int const real = timerfd_create(CLOCK_MONOTONIC, 0);
+  itimerspec const soon{{}, {0, 2'000'000}};
+  EXPECT_EQ(timerfd_settime(real, 0, &soon, nullptr), 0);
+  WatchPtr const watch(new Watch(real, [](Watch&, bool) { throw std::runtime_error("told"); }));
+  EXPECT_THROW(runFor(1e300), std::runtime_error);
+  EXPECT_NEAR(Zel::System::currentTime(), start + 100, 50);
 }
 
 }  // namespace
