@@ -77,9 +77,12 @@ class BRELO_EXPORT TimerWheelEvent {
 /// Timers never fire before their exact time, and fire in the order of their exact times.
 /// Starting and stopping one that is not the first takes constant time and touches neither the
 /// heap nor the event loop. Held through shared pointers; belongs to the thread of its master
-/// timer, which runs on that thread's backend. An exception of a timer's handler leaves the
-/// loop; the timers behind it stay, and wake again when one is started that becomes the first.
-class BRELO_EXPORT TimerWheel : Platform::TimeoutHandler {
+/// timer, which runs on that thread's backend. A handler may let go of the last pointer. An
+/// exception of a timer's handler leaves the loop; the timers behind it stay, and wake again when
+/// one is started that becomes the first. Where memory runs out, `std::bad_alloc` leaves the loop,
+/// and the timers that are due wake at the next entry.
+class BRELO_EXPORT TimerWheel : Platform::TimeoutHandler,
+                                public std::enable_shared_from_this<TimerWheel> {
  public:
   /// With a master timer of that priority on the calling thread's backend.
   explicit TimerWheel(Platform::EventPriority priority);
@@ -128,6 +131,7 @@ class BRELO_EXPORT TimerWheel : Platform::TimeoutHandler {
 
   void timeout() override;
   void drainWheel();
+  void putBack(std::size_t first);
   void setCurrentTime(double now);
   void setMasterTimer();
   double firstExpiryTime() const;
@@ -153,8 +157,8 @@ BRELO_EXPORT std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler(
 
 namespace Platform {
 
-/// A timer on a wheel. Its owner stops it before letting go of it. What the handler throws comes
-/// out of the loop's entry; `handleTimeoutException` is not asked.
+/// A timer on a wheel, of which none is an assertion. Its owner stops it before letting go of it.
+/// What the handler throws comes out of the loop's entry; `handleTimeoutException` is not asked.
 BRELO_EXPORT std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
                                                            std::shared_ptr<TimerWheel> wheel);
 

@@ -21,6 +21,9 @@ namespace {
 constexpr timeout_t ticksPerSecond = 100;
 constexpr double never = std::numeric_limits<double>::infinity();
 
+// Of the buffer that a pass leaves to the next one: a burst of more gives its memory back.
+constexpr std::size_t mostKept = 4096;
+
 /// The tick of a whole number of ticks, the first or the last one for a number beyond them.
 timeout_t toTick(double ticks) {
   if (!(ticks > 0)) return 0;
@@ -191,25 +194,58 @@ void TimerWheel::setMasterTimer() {
 }
 
 void TimerWheel::drainWheel() {
-  // Sorted first, since a map takes sorted keys in constant time and lays them out in order.
+  std::size_t moved = 0;
+  try {
+    // Sorted first, since a map takes sorted keys in constant time and lays them out in order.
+    while (timeouts_expired(wheel_)) {
+      std::size_t const order = released_.size();
+      Released& released = released_.emplace_back();
+      released.event = TimerWheelEvent::timeoutLink2TimerWheelEvent(timeouts_get(wheel_));
+      released.expiry = released.event->expirationTime_;
+      released.order = order;
+      released.event->stateIs(TimerWheelState::notLinked);
+    }
+    std::sort(released_.begin(), released_.end());
+    for (auto next = timersExpiryingSoon.end(); moved < released_.size(); ++moved, ++next) {
+      Released const& released = released_[moved];
+      next = timersExpiryingSoon.try_emplace(next, released.expiry);
+      released.event->stateIs(TimerWheelState::inTimersExpiryingSoon);
+      next->second.pushBack(&released.event->timeoutLink_);
+    }
+  } catch (...) {
+    putBack(moved);
+    throw;
+  }
   released_.clear();
-  while (struct timeout* const link = timeouts_get(wheel_)) {
-    TimerWheelEvent* const event = TimerWheelEvent::timeoutLink2TimerWheelEvent(link);
-    event->stateIs(TimerWheelState::notLinked);
-    released_.push_back({event->expirationTime_, released_.size(), event});
+  if (released_.capacity() > mostKept) released_.shrink_to_fit();
+}
+
+/// Memory has run out: the wheel gets back what it has released, from that one on, in front of what
+/// it has not, to release it at the next pass.
+void TimerWheel::putBack(std::size_t first) {
+  TimersAtTimeout behind;
+  while (struct timeout* const link = timeouts_get(wheel_))
+    behind.pushBack(link);
+  auto const add = [this](struct timeout* link) {
+    timeouts_add(wheel_, link,
+                 expiryTick(TimerWheelEvent::timeoutLink2TimerWheelEvent(link)->expirationTime_));
+  };
+  for (; first < released_.size(); ++first) {
+    add(&released_[first].event->timeoutLink_);
+    released_[first].event->stateIs(TimerWheelState::inTimerWheel);
   }
-  std::sort(released_.begin(), released_.end());
-  auto next = timersExpiryingSoon.end();
-  for (Released const& released : released_) {
-    next = timersExpiryingSoon.try_emplace(next, released.expiry);
-    released.event->stateIs(TimerWheelState::inTimersExpiryingSoon);
-    next->second.pushBack(&released.event->timeoutLink_);
-    ++next;
+  while (struct timeout* const link = behind.first()) {
+    behind.unlink(link);
+    add(link);
   }
+  released_.clear();
+  masterTimer_->setTimeout(0.0);
+  masterTimerExpiry_ = 0.0;
 }
 
 void TimerWheel::timeout() {
   BRELO_TRACE(timerWheelTrace, 8, "TimerWheel", "master timer expired");
+  auto const keepsThis = weak_from_this().lock();
   double const now = time();
   setCurrentTime(now);
   drainWheel();

@@ -101,7 +101,9 @@ namespace {
 class TimerWheelTimerControl : public TimerControl, TimerWheelEvent {
  public:
   TimerWheelTimerControl(TimeoutHandler* handler, std::shared_ptr<TimerWheel> wheel)
-      : TimerControl(handler), timerWheel_(std::move(wheel)) {}
+      : TimerControl(handler), timerWheel_(std::move(wheel)) {
+    if (timerWheel_ == nullptr) BRELO_FAIL("TimerWheelTimerControl", "Need a TimerWheel");
+  }
 
   void setTimeout(double seconds) override { TimerWheelEvent::setTimeout(timerWheel_, seconds); }
   void delTimeout() override { TimerWheelEvent::delTimeout(timerWheel_); }

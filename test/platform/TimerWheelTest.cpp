@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <new>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -12,6 +13,7 @@
 
 #include "Zel/Activity.h"
 #include "support/Backend.h"
+#include "support/FailingMemory.h"
 #include "support/Handlers.h"
 
 namespace {
@@ -104,11 +106,62 @@ TEST_P(TimerWheel, OfOneExactTimeFireInTheOrderOfStartingAndStayBehindAnExceptio
   });
 }
 
+TEST_P(TimerWheel, LosesNoTimerWhenMemoryRunsOutAndGivesMemoryBackAfterABurst) {
+  run([] {
+    auto const wheel = newWheel();
+    std::vector<Event> events(5000);
+    std::vector<Event*> fired;
+    for (auto& event : events)
+      event.action = [&] { fired.push_back(&event); };
+    fired.reserve(events.size());
+    bool failed = true;
+    for (unsigned long nth = 1; failed; nth += nth < 50 ? 1 : 500) {
+      fired.clear();
+      std::size_t const before = liveBytes();
+      // Three quarters of them at one time, the others at times of their own.
+      for (std::size_t i = 0; i < events.size(); ++i)
+        events[i].setTimeout(wheel, i % 4 != 0 ? -1e17 : -static_cast<double>(i));
+      FailingMemory const memory(nth);
+      try {
+        doEventLoop();
+      } catch (std::bad_alloc const&) {
+      }
+      failed = memory.failed();
+      doEventLoop();
+      ASSERT_EQ(fired.size(), events.size());
+      EXPECT_TRUE(std::is_sorted(fired.begin(), fired.begin() + 3750));
+      EXPECT_TRUE(std::is_sorted(fired.rbegin(), fired.rbegin() + 1250));
+      EXPECT_LT(liveBytes(), before + 150'000);
+    }
+  });
+}
+
+TEST_P(TimerWheel, AHandlerMayLetGoOfItAndThrow) {
+  run([] {
+    for (bool const throws : {false, true}) {
+      Timer timer;
+      timer.control = Brelo::Platform::getTimerControl(&timer, newWheel());
+      timer.action = [&] {
+        timer.control.reset();
+        if (throws) throw std::runtime_error("gone");
+      };
+      timer.control->setTimeout(0.0);
+      try {
+        doEventLoop();
+      } catch (std::runtime_error const&) {
+        EXPECT_TRUE(throws);
+      }
+      EXPECT_EQ(timer.runs, 1);
+    }
+  });
+}
+
 TEST(TimerWheel, MisuseEndsTheProcess) {
   auto wheel = newWheel();
   Event event;
   EXPECT_DEATH(Event().setTimeout(wheel, 9.0), "destroyed while inTimerWheel");
   EXPECT_DEATH((holdBack(event, wheel), wheel.reset()), "Destroyed while non-empty");
+  EXPECT_DEATH(Brelo::Platform::getTimerControl(nullptr, nullptr), "Need a TimerWheel");
   EXPECT_DEATH(event.setTimeout(wheel, never - never), "TimerWheel::timerStart.*not a number");
 }
 
