@@ -36,7 +36,8 @@ class BRELO_EXPORT LibeventTimerControl : public Platform::TimerControl {
   LibeventTimerControl(Platform::TimeoutHandler* handler, Platform::EventPriority priority);
   ~LibeventTimerControl() override;
 
-  /// The time is cut to whole microseconds.
+  /// The time is cut to whole microseconds. Where libevent has no memory for one more timer, that
+  /// is traced at level 0 and the timer stays idle.
   void setTimeout(double seconds) override;
   void delTimeout() override;
   double remainingTimeout() const override;
@@ -71,7 +72,9 @@ class BRELO_EXPORT LibeventCallbackControl : public Platform::CallbackControl,
 
 /// `clearEvents()` keeps the descriptor and both wishes, so that `setFd` brings the watches back.
 /// Reads that are turned off and on again within a pass cost no system call, nor as a rule does it
-/// when they are turned on again in the pass after.
+/// when they are turned on again in the pass after. A direction that the kernel refuses to watch is
+/// off, and `std::system_error` thrown; where there is no memory for it, `std::bad_alloc`. After
+/// such a failure of `setFd` there is no descriptor, and the wishes stay.
 class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
  public:
   /// Gives the calling thread a base, if it has none.
@@ -80,7 +83,8 @@ class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
 
   void setReads(bool on) override;
   void setWrites(bool on) override;
-  /// A descriptor that is not open stops the process on the C library's assertion.
+  /// -1 is `delFd()`. Another number that is not open stops the process on the C library's
+  /// assertion.
   void setFd(int fd) override;
   void delFd() override;
   int getFd() const override { return fd_; }
@@ -92,6 +96,7 @@ class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
   static void handleFdRead(int fd, short what, void* self);
   static void handleFdWrite(int fd, short what, void* self);
   void watch(event* ev, short flags, event_callback_fn callback);
+  static void readyAtNextPass(event* ev);
   void turnReadsOn();
   void turnReadsOff();
   bool settleReads(bool now);
@@ -103,6 +108,7 @@ class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
   bool* ended_ = nullptr;  // as in LibeventTimerControl
   bool reads_ = true;
   bool writes_ = false;
+  bool pollable_ = true;  // as far as is known of `fd_`
   event readEvent_;
   event writeEvent_;
   Zel::ListNode<LibeventFdControl> lingering_{this};  // reads are off, their event is not

@@ -56,7 +56,8 @@ BRELO_EXPORT std::shared_ptr<Platform::FdControl> getLeFdControl(Platform::FdEve
 /// @}
 
 /// The loop of the calling thread; see `Platform::doEventLoop` and its companions. An entry from
-/// inside a handler is refused by libevent: it is traced at level 0 and returns.
+/// inside a handler is refused by libevent: it is traced at level 0 and returns. Throws
+/// `std::system_error` if the system refuses to wait.
 /// @{
 BRELO_EXPORT void doLeEventLoop();
 BRELO_EXPORT void doLeEventLoop(double timeout);

@@ -118,13 +118,14 @@ class BRELO_EXPORT FdControl {
   virtual ~FdControl() = default;
 
   /// Turns a direction on or off; without a descriptor the wish waits for `setFd`. Writes
-  /// are off at first. Reads are on with libevent and off with the host.
+  /// are off at first. Reads are on with libevent and off with the host. Throws
+  /// `std::system_error` if the kernel refuses; the direction is then off, and the other one stays.
   /// @{
   virtual void setReads(bool on) = 0;
   virtual void setWrites(bool on) = 0;
   /// @}
-  /// Watches `fd` in the directions wished for and puts it in non-blocking mode. A descriptor
-  /// that is not open is a failure of the backend's own kind.
+  /// Watches `fd` in the directions wished for and puts it in non-blocking mode; -1 is `delFd()`.
+  /// Another number that is not open is a failure of the backend's own kind.
   virtual void setFd(int fd) = 0;
   /// Stops watching and forgets the descriptor; the wishes stay.
   virtual void delFd() = 0;
@@ -148,8 +149,8 @@ BRELO_EXPORT std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler);
 /// @}
 
 /// Runs the calling thread's loop. Without a bound it returns when nothing is left to wait for;
-/// with one, after that many seconds. An exception that a handler lets pass comes out of here
-/// with the loop in order.
+/// with one, after that many seconds; not-a-number is an assertion. An exception that a handler
+/// lets pass comes out of here with the loop in order.
 /// @{
 BRELO_EXPORT void doEventLoop();
 BRELO_EXPORT void doEventLoop(double seconds);

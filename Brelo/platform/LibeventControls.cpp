@@ -5,8 +5,11 @@
 #include <sys/time.h>
 
 #include <cassert>
+#include <cerrno>
 #include <cmath>
 #include <limits>
+#include <new>
+#include <system_error>
 
 #include "Brelo/Assert.h"
 #include "Brelo/LibeventFactory.h"
@@ -70,7 +73,9 @@ void LibeventTimerControl::setTimeout(double seconds) {
   if (std::isinf(seconds) && seconds > 0) return;
   timeval const tv = toTimeval(seconds);
   assign(&event_, -1, 0, handleTimeout, this, eventPriority_);
-  event_add(&event_, &tv);
+  if (event_add(&event_, &tv) == 0) return;
+  BRELO_TRACE(libeventTrace, 0, "LibeventTimerControl", "Timer {} is refused its timeout {}",
+              DisplayPointer(this), seconds);
 }
 
 void LibeventTimerControl::delTimeout() {
@@ -169,9 +174,10 @@ LibeventFdControl::~LibeventFdControl() {
 }
 
 void LibeventFdControl::setReads(bool on) {
-  reads_ = on;
+  reads_ = on && fd_ < 0;
   if (fd_ < 0) return;
   on ? turnReadsOn() : turnReadsOff();
+  reads_ = on;
 }
 
 // A change of a watch costs a system call. Reads that a handler turns off therefore stay installed,
@@ -215,30 +221,35 @@ bool Impl::leSettleReads(bool all) {
 }
 
 void LibeventFdControl::setWrites(bool on) {
-  writes_ = on;
+  writes_ = on && fd_ < 0;
   if (fd_ < 0) return;
   event_del(&writeEvent_);
-  if (on) {
-    watch(&writeEvent_, EV_WRITE, handleFdWrite);
-  } else {
-    writeEvent_.ev_fd = -1;
-  }
+  writeEvent_.ev_fd = -1;
+  if (on) watch(&writeEvent_, EV_WRITE, handleFdWrite);
+  writes_ = on;
 }
 
 void LibeventFdControl::setFd(int fd) {
+  if (fd == -1) return LibeventFdControl::delFd();
   fd_ = fd;
+  pollable_ = true;
   int const flags = fcntl(fd, F_GETFL);
   assert(flags >= 0);
   int const result = fcntl(fd, F_SETFL, flags | O_NONBLOCK);
   assert(result == 0);
   if (lingering_.linked()) withdrawReads();
-  if (reads_) {
-    event_del(&readEvent_);
-    watch(&readEvent_, EV_READ | EV_PERSIST, handleFdRead);
-  }
-  if (writes_) {
-    event_del(&writeEvent_);
-    watch(&writeEvent_, EV_WRITE, handleFdWrite);
+  try {
+    if (reads_) {
+      event_del(&readEvent_);
+      watch(&readEvent_, EV_READ | EV_PERSIST, handleFdRead);
+    }
+    if (writes_) {
+      event_del(&writeEvent_);
+      watch(&writeEvent_, EV_WRITE, handleFdWrite);
+    }
+  } catch (...) {
+    LibeventFdControl::delFd();
+    throw;
   }
 }
 
@@ -253,14 +264,28 @@ void LibeventFdControl::delFd() {
   fd_ = -1;
 }
 
+// What epoll refuses because it cannot be polled, a regular file for instance, and what has been
+// closed is always ready, so that the client meets an error itself.
 void LibeventFdControl::watch(event* ev, short flags, event_callback_fn callback) {
-  assign(ev, fd_, flags, callback, this, Platform::eventPriorityDefault);
-  if (event_add(ev, nullptr) == 0) return;
-  // epoll refuses what cannot be polled, a regular file for instance, and what has been closed.
-  // Both are always ready, reported by a timer of zero, so that the client meets an error itself.
-  timeval const now{};
+  if (pollable_) {
+    assign(ev, fd_, flags, callback, this, Platform::eventPriorityDefault);
+    auto const warnings = Impl::leWarnings();
+    if (event_add(ev, nullptr) == 0) return;
+    int const error = errno;
+    ev->ev_fd = -1;
+    if (warnings == Impl::leWarnings()) throw std::bad_alloc();
+    if (error != EPERM && error != EBADF) {
+      throw std::system_error(error, std::generic_category(), "failed to watch a descriptor");
+    }
+    pollable_ = error != EPERM;
+  }
   assign(ev, -1, 0, callback, this, Platform::eventPriorityDefault);
-  event_add(ev, &now);
+  readyAtNextPass(ev);
+}
+
+void LibeventFdControl::readyAtNextPass(event* ev) {
+  timeval const now{};
+  if (event_add(ev, &now) != 0) throw std::bad_alloc();
 }
 
 template <class Notify>
@@ -282,11 +307,10 @@ void LibeventFdControl::notify(Notify notify) {
 void LibeventFdControl::handleFdRead(int, short what, void* self) {
   auto* const control = static_cast<LibeventFdControl*>(self);
   if (!control->reads_) return;  // it lingers
-  if ((what & EV_TIMEOUT) != 0) {
-    timeval const now{};
-    event_add(&control->readEvent_, &now);
-  }
-  control->notify([control] { control->handler_->readFdEvent(control->getFd()); });
+  control->notify([control, what] {
+    if ((what & EV_TIMEOUT) != 0) readyAtNextPass(&control->readEvent_);
+    control->handler_->readFdEvent(control->getFd());
+  });
 }
 
 void LibeventFdControl::handleFdWrite(int, short, void* self) {

@@ -3,7 +3,10 @@
 #include <event2/thread.h>
 #include <pthread.h>
 
+#include <cerrno>
 #include <exception>
+#include <new>
+#include <system_error>
 #include <utility>
 
 #include "Brelo/Assert.h"
@@ -27,6 +30,7 @@ thread_local unsigned liveControls = 0;
 thread_local std::exception_ptr keptException;
 thread_local std::uint64_t passes = 0;
 thread_local bool inPass = false;
+thread_local unsigned warnings = 0;
 
 /// Frees a thread's base at the thread's end. A key's destructors run after those of all
 /// thread-local objects, so the thread's root has gone by then.
@@ -60,7 +64,7 @@ class EvLoopBreak {
     event_assign(&event_, ev_base, -1, 0, handleBaseLoopBreak, this);
     eventPrioritySet(&event_, Platform::eventPriorityDefault);
     timeval const tv = toTimeval(timeout);
-    event_add(&event_, &tv);
+    if (event_add(&event_, &tv) != 0) throw std::bad_alloc();
   }
   EvLoopBreak(EvLoopBreak const&) = delete;
   EvLoopBreak& operator=(EvLoopBreak const&) = delete;
@@ -105,6 +109,10 @@ void Impl::leKeepException() {
   event_base_loopbreak(ev_base);
 }
 
+unsigned Impl::leWarnings() {
+  return warnings;
+}
+
 std::uint64_t Impl::lePasses() {
   return passes;
 }
@@ -132,15 +140,21 @@ std::uint64_t Impl::lePass() {
 void Impl::leDispatch() {
   if (inPass) return traceRefusal();
   int result;
+  int error;
   do {
     int const mode = leSettleReads(false) ? EVLOOP_ONCE | EVLOOP_NONBLOCK : EVLOOP_ONCE;
     ++passes;
     inPass = true;
+    errno = 0;
     result = event_base_loop(ev_base, mode);
+    error = errno;
     inPass = false;
   } while (result == 0 && !event_base_got_break(ev_base) && !event_base_got_exit(ev_base));
   leSettleReads(true);
-  if (result < 0) traceRefusal();
+  if (result < 0) {
+    if (error == 0) return traceRefusal();
+    throw std::system_error(error, std::generic_category(), "failed to wait for descriptors");
+  }
   if (keptException) std::rethrow_exception(std::exchange(keptException, nullptr));
 }
 
@@ -152,6 +166,7 @@ void Impl::leDispatchFor(double timeout) {
 event_base* leCreateBase() {
   static LeInitializer const initializer;
   event_config* const config = event_config_new();
+  if (config == nullptr) BRELO_FAIL("Brelo", "Failed to create event_base");
   event_config_require_features(config, EV_FEATURE_ET);
   // Timers of libevent 2.1 are up to 4 ms early without the first of these flags, and up to the
   // length of a pass early without the second.
@@ -159,9 +174,9 @@ event_base* leCreateBase() {
   event_config_set_flag(config, EVENT_BASE_FLAG_NO_CACHE_TIME);
   event_base* const base = event_base_new_with_config(config);
   event_config_free(config);
-  if (base == nullptr) BRELO_FAIL("Brelo", "Failed to create event_base");
-  event_base_priority_init(base, 2);
-  return base;
+  if (base != nullptr && event_base_priority_init(base, 2) == 0) return base;
+  if (base != nullptr) event_base_free(base);
+  BRELO_FAIL("Brelo", "Failed to create event_base");
 }
 
 void leRegisterBase(event_base* base) {
@@ -255,7 +270,10 @@ void le_debug_cb(int severity, char const* message) {
   if (severity < 0 || severity > 3) {
     BRELO_FAIL("Brelo", "invalid libevent severity:{} msg:{}", severity, message);
   }
+  if (severity == 2) ++warnings;
+  int const error = errno;
   BRELO_TRACE(libeventTrace, levels[severity], "Brelo", "{}", message);
+  errno = error;
 }
 
 void le_fatal_cb(int err) {

@@ -1,6 +1,7 @@
 #include "Brelo/LibeventFastForward.h"
 
 #include <atomic>
+#include <new>
 #include <unordered_set>
 
 #include "Brelo/Assert.h"
@@ -36,7 +37,7 @@ timeval baseNow() {
   event_assign(&ev, ev_base, -1, 0, nullptr, nullptr);
   eventPrioritySet(&ev, Platform::eventPriorityDefault);
   timeval const zero{};
-  event_add(&ev, &zero);
+  if (event_add(&ev, &zero) != 0) throw std::bad_alloc();
   timeval const now = ev.ev_timeout;
   event_del(&ev);
   return now;

@@ -22,6 +22,10 @@ void leControlRemoved(event_base const* base);
 /// called inside a catch block.
 void leKeepException();
 
+/// What libevent has warned of on this thread so far: of each system call that fails, which leaves
+/// its `errno`, and not where memory runs out.
+unsigned leWarnings();
+
 /// The passes of the calling thread's loop so far, and the number of the present one, 0 outside.
 /// @{
 std::uint64_t lePasses();

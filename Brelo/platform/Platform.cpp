@@ -1,5 +1,6 @@
 #include "Brelo/Platform.h"
 
+#include <cmath>
 #include <unordered_set>
 
 #include "Brelo/Assert.h"
@@ -63,10 +64,12 @@ void doEventLoop() {
 }
 
 void doEventLoop(double seconds) {
+  if (std::isnan(seconds)) BRELO_FAIL("Brelo", "timeout is not a number");
   backend().eventLoopFor(seconds);
 }
 
 void doEventLoopInWaitfor(double maxTimeout) {
+  if (std::isnan(maxTimeout)) BRELO_FAIL("Brelo", "timeout is not a number");
   backend().eventLoopInWaitfor(maxTimeout);
 }
 

@@ -85,8 +85,8 @@ void FileDescriptorTask::pauseReads() {
 
 void FileDescriptorTask::resumeReads() {
   if (!readsPaused_) return;
-  readsPaused_ = false;
   fdControl_->setReads(true);
+  readsPaused_ = false;
 }
 
 void FileDescriptorTask::taskWatchReadableIs(bool on) {

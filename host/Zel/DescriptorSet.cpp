@@ -16,15 +16,20 @@ constexpr std::int64_t millisecond = 1'000'000;
 
 }  // namespace
 
-int DescriptorSet::bind(FileDescriptor& descriptor) {
-  int const number = descriptor.descriptor_;
+void DescriptorSet::makeRoomFor(int number) {
   while (watches_.size() <= static_cast<std::size_t>(number))
     watches_.emplace_back();
+  if (alwaysReady_.capacity() < watches_.size()) alwaysReady_.reserve(2 * watches_.size());
+}
+
+int DescriptorSet::bind(FileDescriptor& descriptor) {
+  int const number = descriptor.descriptor_;
   descriptor.node_.insertBefore(watch(number).descriptors);
 
   // Even if nothing new is wanted: the number may have been closed and opened anew under an
   // object that was bound to it before, and the kernel has dropped the watch then.
   watch(number).brief = false;
+  watch(number).pollable = true;
   int error = 0;
   if (std::uint32_t const events = wanted(number); events != 0) {
     error = install(number, events, true);
@@ -201,6 +206,10 @@ int DescriptorSet::install(int number, std::uint32_t events, bool anew) {
     if (int const error = renew(); error != 0) return error;
   }
   Watch& watched = watch(number);
+  if (!watched.pollable) {
+    record(number, events, Place::alwaysReady);
+    return 0;
+  }
   std::uint32_t const mode = watched.brief ? std::uint32_t{EPOLLONESHOT} : 0;
   bool const isIn = watched.place != Place::none && watched.place != Place::alwaysReady;
   int error = isIn && !anew ? control(EPOLL_CTL_MOD, number, events | mode) : ENOENT;
@@ -213,6 +222,7 @@ int DescriptorSet::install(int number, std::uint32_t events, bool anew) {
     if (!lost) error = control(EPOLL_CTL_MOD, number, events | mode);
   }
   if (error == EPERM) {
+    watched.pollable = false;
     record(number, events, Place::alwaysReady);
     return 0;
   }

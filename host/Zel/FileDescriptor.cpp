@@ -52,6 +52,7 @@ void FileDescriptor::descriptorIs(int descriptor) {
 
   int error = giveMode(descriptor, nonBlocking_);
   if (error == 0) {
+    descriptorSet().makeRoomFor(descriptor);
     descriptor_ = descriptor;
     readable_.since = writable_.since = descriptorSet().looks();
     error = descriptorSet().bind(*this);

@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <memory>
+#include <new>
 #include <string>
 
 #include "Brelo/LibeventFactory.h"
@@ -69,6 +71,42 @@ TEST(Libevent, TheLoopIsNotEnteredFromAHandlerAndMessagesAreTracedAsTheyAre) {
     Brelo::le_debug_cb(2, "100%d {}");
     EXPECT_THAT(traces.take(), testing::ContainsRegex("/1 .*100%d \\{\\}\n"));
   });
+}
+
+/// libevent's memory, which has run out while this is alive.
+struct NoMemory {
+  NoMemory() {
+    event_set_mem_functions([](std::size_t) -> void* { return nullptr; },
+                            [](void*, std::size_t) -> void* { return nullptr; }, std::free);
+  }
+  ~NoMemory() { event_set_mem_functions(std::malloc, std::realloc, std::free); }
+};
+
+TEST(Libevent, WithoutMemoryTimersAreTracedAndWatchesLoopsAndBasesFail) {
+  onBackend(Backend::libevent, [] {
+    TraceCapture traces("BreloLibevent");
+    SocketPair pair;
+    Timer timers[20];
+    {
+      NoMemory const none;
+      EXPECT_THROW(Watch(pair.near(), true, false), std::bad_alloc);
+      EXPECT_THROW(doEventLoop(0.001), std::bad_alloc);
+      for (auto& timer : timers)
+        timer.control->setTimeout(0.0);
+      EXPECT_THAT(traces.take(), testing::ContainsRegex("/0 .*Timer 0x[0-9a-f]+ is refused its"));
+      EXPECT_EQ(timers[19].control->remainingTimeout(), never);
+    }
+    for (auto& timer : timers)
+      timer.control->setTimeout(0.0);
+    Watch watch(pair.near(), false, true);
+    doEventLoop();
+    EXPECT_EQ(timers[19].runs + watch.write.runs, 2);
+  });
+  auto const makesBase = [] {
+    NoMemory const none;
+    Timer();
+  };
+  EXPECT_DEATH(onBackend(Backend::libevent, makesBase), "Failed to create event_base");
 }
 
 TEST(Libevent, MisuseEndsTheProcess) {

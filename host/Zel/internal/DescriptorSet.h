@@ -26,7 +26,10 @@ class DescriptorSet {
  public:
   static constexpr std::int64_t forEver = -1;
 
-  /// The descriptor's number is taken to be open. After an error it is not bound.
+  /// For a descriptor that is bound to this number next. The one operation that takes memory.
+  void makeRoomFor(int number);
+  /// The descriptor's number is taken to be open, and there is room for it. After an error it is
+  /// not bound.
   int bind(FileDescriptor& descriptor);
   /// Forgets the number at once, since it may be closed next.
   void unbind(FileDescriptor& descriptor) noexcept;
@@ -81,6 +84,7 @@ class DescriptorSet {
     Place place = Place::none;
     std::uint8_t reports = 0;  ///< by level, since it was turned on; counted as far as two
     bool brief = false;        ///< the last time it was turned off after one report
+    bool pollable = true;      ///< as far as is known since it was bound
     bool unsettled = false;    ///< `events` may not be what is wanted
   };
 
