@@ -37,8 +37,9 @@ BRELO_EXPORT void leRegisterBase(event_base* base);
 BRELO_EXPORT void leFree();
 /// The calling thread has a base.
 BRELO_EXPORT bool leInitialized();
-/// To be called in the child of a fork before it touches a control, so that the watches of the
-/// parent stay as they are.
+/// Gives the calling thread's base, which it makes if there is none, an epoll set of its own. The
+/// child of a `fork()` has had that done, so that the watches of the parent stay as they are; for
+/// one that was made in another way, before it touches a control.
 BRELO_EXPORT void leForkReinit();
 /// Sets `mainThread` anew for the calling thread.
 BRELO_EXPORT void setMainThread();

@@ -31,6 +31,7 @@ thread_local std::exception_ptr keptException;
 thread_local std::uint64_t passes = 0;
 thread_local bool inPass = false;
 thread_local unsigned warnings = 0;
+bool forkedChild = false;
 
 /// Frees a thread's base at the thread's end. A key's destructors run after those of all
 /// thread-local objects, so the thread's root has gone by then.
@@ -45,6 +46,13 @@ class ThreadExit {
   }
   pthread_key_t key_;
 };
+
+/// The forking thread goes on in the child, where its base needs an epoll set of its own: the
+/// present one is the parent's, too.
+void inForkedChild() {
+  forkedChild = true;
+  if (ev_base != nullptr) leForkReinit();
+}
 
 /// What is done once in the process, before the first base is made.
 struct LeInitializer {
@@ -102,6 +110,10 @@ void Impl::leControlAdded() {
 void Impl::leControlRemoved(event_base const* base) {
   // A root may outlive its thread and end on another one, whose count is not its own.
   if (base == ev_base && liveControls > 0) --liveControls;
+}
+
+bool Impl::leMayTouch(event_base const* base) {
+  return !forkedChild || base == ev_base;
 }
 
 void Impl::leKeepException() {
@@ -186,6 +198,7 @@ void leRegisterBase(event_base* base) {
   }
   static ThreadExit threadExit;
   threadExit.armed();
+  [[maybe_unused]] static int const forkHandled = pthread_atfork(nullptr, nullptr, inForkedChild);
   ev_base = base;
   setMainThread();
 }
