@@ -102,6 +102,20 @@ TEST(ReportMemory, IsWholeOrRefused) {
   close(nowhere);
 }
 
+TEST(ReportMemory, IsNotTakenForTasksThatHaveEnded) {
+  auto const root = schedulerRootBreloNonShared("root");
+  for (int i = 0; i < 20'000; ++i) {
+    IdleTask ended(root, TaskPriority::low, "ended");
+    ended.includeInCompletedTaskIs(false);
+  }
+  IdleTask const lives(root, TaskPriority::low, "lives");
+  BreloTest::takeLargestBlock();
+  auto const frozen =
+      root->snapshot("", true, true, true, TaskSchedulerSnapshot::displayOrderUnset);
+  EXPECT_EQ(frozen->tasks().size(), 1U);
+  EXPECT_LT(BreloTest::takeLargestBlock(), 100'000U);
+}
+
 class ExportMemory : public BreloTest::OnBothBackends {
  protected:
   void SetUp() override { signal(SIGPIPE, SIG_IGN); }

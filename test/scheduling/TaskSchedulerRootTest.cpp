@@ -1,7 +1,9 @@
 #include "Brelo/TaskSchedulerRoot.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 #include <thread>
@@ -48,6 +50,32 @@ TEST(Root, IsUsedOnItsOwnThreadOnlyWithThreeExcuses) {
   auxThreadCount = 0;
   // Forked from there, the child's one thread is not the owner's.
   onThread([&] { EXPECT_TRUE(passesInChild(schedule)); });
+}
+
+/// Ends after whatever static object is made later, and after the main thread's locals.
+struct EndsWithProcess {
+  ~EndsWithProcess() {
+    int runs = 0;
+    auto const root = schedulerRootBrelo();
+    auto const task = workTask(root, "last", [&](WorkTask&) { ++runs; });
+    task->scheduleTask();
+    Brelo::Platform::doEventLoop();
+    _exit(root->schedulerName() == "main" ? runs : 99);
+  }
+};
+
+TEST(Root, IsToBeHadFromAStaticObjectThatEnds) {
+  for (Backend const backend : backends) {
+    for (bool const hadOne : {false, true}) {
+      auto const end = [=] {
+        if (backend == Backend::libevent) Brelo::useThreadLocalSingletons();
+        static EndsWithProcess const last;
+        if (hadOne) schedulerRootBrelo();
+        std::exit(98);
+      };
+      EXPECT_EXIT(end(), testing::ExitedWithCode(1), "") << toString(backend) << hadOne;
+    }
+  }
 }
 
 class RootOnLoop : public OnBothBackends {};

@@ -3,14 +3,17 @@
 #include <event2/event.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace {
 
 thread_local unsigned long untilFailure = 0;  // 0 for never
 thread_local bool hasFailed = false;
+thread_local std::size_t largest = 0;
 std::atomic<std::size_t> live{0};
 
 bool fails() {
@@ -21,6 +24,7 @@ bool fails() {
 
 void* take(std::size_t size) {
   if (fails()) return nullptr;
+  largest = std::max(largest, size);
   void* const memory = std::malloc(size);
   live += malloc_usable_size(memory);
   return memory;
@@ -73,6 +77,10 @@ FailingMemory::~FailingMemory() {
 
 bool FailingMemory::failed() const {
   return hasFailed;
+}
+
+std::size_t takeLargestBlock() {
+  return std::exchange(largest, 0);
 }
 
 std::size_t liveBytes() {

@@ -20,6 +20,9 @@ class FailingMemory {
   bool failed() const;
 };
 
+/// The largest block asked for on this thread since the last call.
+std::size_t takeLargestBlock();
+
 /// What is allocated and not freed, of the whole program.
 std::size_t liveBytes();
 
