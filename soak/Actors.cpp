@@ -134,7 +134,10 @@ class Stream : public Actor, public Brelo::FileDescriptorTask {
     give(own);
     if (day.below(4) == 0) taskWatchWritableIs(true);
   }
-  void handleResetStats() override { job.runs = write_.runs = 0; }
+  void handleResetStats() override {
+    day.model.reset(write_);
+    day.model.reset(job);
+  }
 
   void disturb() override {
     unsigned const what = day.below(80);

@@ -125,8 +125,8 @@ void Day::endGroup(std::size_t index) {
 
 void Day::clearStats(Branch& branch) {
   if (branch.groups != 0) return;  // they would reset in the background, and stay for it
+  model.resetTotals(branch);       // first, as there; then each task
   branch.scheduler->clearStats();
-  branch.ended.clear();
 }
 
 void Day::suspend(std::size_t index, bool on) {
@@ -224,7 +224,8 @@ void Day::audit(Branch const& branch) const {
          "{} has {} tasks and {} ended kinds, reported are {} and {}", branch.name, branch.jobs,
          branch.ended.size(), known, knownEnded);
   for (auto const& [priority, stats] : snapshot->queueStats()) {
-    auto const& level = counted[priority.value()];
+    auto& level = counted[priority.value()];
+    level.totalRunCount -= model.kept(branch, priority.value());
     expect(stats.runnableTasks == level.runnableTasks && stats.idleTasks == level.idleTasks &&
                stats.completedTasks == level.completedTasks &&
                stats.totalRunCount == level.totalRunCount,

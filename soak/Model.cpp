@@ -27,6 +27,7 @@ void Model::end(Job& job) {
   auto& [tasks, taskRuns] = job.home->ended[job.statsName];
   ++tasks;
   taskRuns += job.runs;
+  job.home->keptByEnded[job.level] += job.kept;
 }
 
 void Model::enqueue(Job& job, std::uint64_t turn, double order) {
@@ -91,8 +92,24 @@ void Model::run(Job& job) {
 }
 
 void Model::reset(Job& job) {
-  job.runs = 0;
-  if (job.home->first == &job) job.home->ended.clear();
+  job.runs = job.kept = 0;
+  if (job.home->first == &job) resetTotals(*job.home);
+}
+
+void Model::resetTotals(Home& home) {
+  home.ended.clear();
+  std::fill(std::begin(home.keptByEnded), std::end(home.keptByEnded), 0);
+  for (auto const& [name, job] : jobs_) {
+    if (job->home.get() == &home) job->kept = job->runs;
+  }
+}
+
+unsigned Model::kept(Home const& home, unsigned char level) const {
+  unsigned sum = home.keptByEnded[level];
+  for (auto const& [name, job] : jobs_) {
+    if (job->home.get() == &home && job->level == level) sum += job->kept;
+  }
+  return sum;
 }
 
 bool Model::see(double before, double now, double after) {

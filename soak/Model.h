@@ -40,6 +40,7 @@ struct Home {
   // By level, in the order of the requests: a count and, for timers, the time of the expiry.
   std::set<std::tuple<std::uint64_t, double, Job*>> queues[5];
   std::map<std::string, std::pair<unsigned, unsigned>> ended;  // tasks and runs by stats name
+  unsigned keptByEnded[5] = {};                                // by level: as `Job::kept`, of those
 };
 
 /// One task.
@@ -51,6 +52,7 @@ struct Job {
   std::function<bool()> timerRunning = {};  // asks the library
   bool suspended = false, queued = false, armed = false;
   std::uint32_t runs = 0;
+  std::uint32_t kept = 0;  // of these, from before the latest reset, which has passed it over
   std::tuple<std::uint64_t, double, Job*> place = {};
   double due = 0, latest = 0;  // if armed: its time, and the latest time for it
 };
@@ -71,6 +73,9 @@ class Model {
   void suspend(Job& job, bool on);
   void run(Job& job);
   void reset(Job& job);
+  void resetTotals(Home& home);
+  /// The runs at that level that a scheduler's total has forgotten, and its tasks have not.
+  unsigned kept(Home const& home, unsigned char level) const;
   /// The library's figures of a task; false for one of its own.
   bool agrees(std::string const& name, std::uint32_t runs, bool queued, bool timer,
               bool suspended) const;
