@@ -42,15 +42,14 @@ class Session : OwnedFd, public Brelo::FileDescriptorTask {
     if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (got <= 0) return end();
     unsent_.assign(buffer, static_cast<std::size_t>(got));
-    taskWatchReadableIs(false);
-    scheduleTaskWritable();  // at once: as a rule there is room
+    taskExecuteWritable();  // at once: as a rule there is room
   }
   void taskExecuteWritable() override {
     ssize_t const sent = ::send(fd, unsent_.data(), unsent_.size(), MSG_NOSIGNAL);
     if (sent < 0 && errno != EAGAIN && errno != EINTR) return end();
     if (sent > 0) unsent_.erase(0, static_cast<std::size_t>(sent));
-    if (unsent_.empty()) return taskWatchReadableIs(true);
-    taskWatchWritableIs(true);  // for one run, when there is room
+    taskWatchReadableIs(unsent_.empty());
+    if (!unsent_.empty()) taskWatchWritableIs(true);  // for one run, when there is room
   }
 
  private:
