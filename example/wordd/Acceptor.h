@@ -9,8 +9,8 @@
 
 namespace Wordd {
 
-/// Takes the clients of a listening socket, a few in a run. While the descriptor table is full
-/// none is taken; the kernel lets them wait.
+/// Takes the clients of a listening socket, a few in a run. While there are as many as may be, or
+/// the descriptor table is full, none is taken; the kernel lets them wait.
 class Acceptor : public Brelo::FileDescriptorTask {
  public:
   Acceptor(std::shared_ptr<Brelo::TaskScheduler> const& scheduler, std::string const& name,
@@ -21,16 +21,20 @@ class Acceptor : public Brelo::FileDescriptorTask {
   void taskExecuteWritable() override {}
 
  protected:
-  /// A client's socket, in non-blocking mode.
+  /// A client's socket, in non-blocking mode. Where this throws, that client is refused.
   virtual void accepted(Descriptor socket) = 0;
+  /// No client is taken while it is on. Does not throw.
+  void fullIs(bool full);
   Descriptor const& listening() const { return listening_; }
 
  private:
+  void take(Descriptor socket);
+  void pause();
+  void resume();
+
   Descriptor listening_;
+  bool full_ = false;
   std::shared_ptr<Timeout> resume_;
 };
-
-/// The result of a system call, or the error as a std::system_error.
-int checked(int result, char const* what);
 
 }  // namespace Wordd

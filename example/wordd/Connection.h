@@ -21,18 +21,25 @@ namespace Wordd {
 /// for us.
 class Connection : public Brelo::FileDescriptorTask {
  public:
-  /// Tells `ended` when the client is served, has vanished, or was idle for `idleSeconds`, which
-  /// may be infinity. The owner then gives the connection up, from inside the call if it likes.
+  /// Tells `ended` when the client is served, has vanished, was idle for `idleSeconds`, which may
+  /// be infinity, or cannot be served. The owner then gives the connection up, from inside the
+  /// call if it likes.
   Connection(std::shared_ptr<Brelo::TaskScheduler> scheduler,
-             std::shared_ptr<Brelo::TaskGroup> const& counting, Descriptor socket,
-             std::string const& name, double idleSeconds, std::function<void()> ended);
+             std::shared_ptr<Brelo::TaskGroup> const& counting,
+             std::shared_ptr<MemoryBudget> memory, Descriptor socket, std::string const& name,
+             double idleSeconds, std::function<void()> ended);
   ~Connection() override;
 
   void taskExecuteReadable() override;
   void taskExecuteWritable() override;
 
  private:
+  template <class Step>
+  void endIfFails(Step step);
+  void receive();
   void textWorkedOff();
+  void sendAnswer();
+  void idle();
   void waitForClient() { idle_->scheduleTaskDelay(idleSeconds_); }
 
   Descriptor socket_;

@@ -12,8 +12,10 @@ constexpr std::size_t step = 512;
 }  // namespace
 
 CountTask::CountTask(std::shared_ptr<Brelo::TaskGroup> const& group, std::string name,
-                     std::function<void()> workedOff)
-    : Task(group, Brelo::TaskPriority::low, std::move(name)), workedOff_(std::move(workedOff)) {
+                     std::shared_ptr<MemoryBudget> memory, std::function<void()> workedOff)
+    : Task(group, Brelo::TaskPriority::low, std::move(name)),
+      words_(std::move(memory)),
+      workedOff_(std::move(workedOff)) {
   taskStatsNameIs("count");
 }
 

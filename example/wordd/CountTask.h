@@ -20,10 +20,10 @@ class CountTask : public Brelo::Task {
  public:
   static constexpr std::size_t queueMax = 64 << 10;
 
-  /// Tells `workedOff` at the end of each run that leaves nothing to count. It may not destroy
-  /// what owns the task.
+  /// Tells `workedOff` at the end of each run that leaves nothing to count. It may give up the
+  /// last owner of the task.
   CountTask(std::shared_ptr<Brelo::TaskGroup> const& group, std::string name,
-            std::function<void()> workedOff);
+            std::shared_ptr<MemoryBudget> memory, std::function<void()> workedOff);
 
   /// At most `room()` bytes.
   void append(std::string_view bytes);

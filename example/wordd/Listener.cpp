@@ -7,6 +7,8 @@
 #include <string>
 #include <utility>
 
+#include "Checked.h"
+
 namespace Wordd {
 
 namespace {
@@ -35,9 +37,10 @@ Descriptor listenOnLoopback(std::uint16_t port) {
 }  // namespace
 
 Listener::Listener(std::shared_ptr<Brelo::TaskScheduler> const& scheduler, std::uint16_t port,
-                   double idleSeconds)
+                   Limits const& limits)
     : Acceptor(scheduler, "listener", listenOnLoopback(port)),
-      idleSeconds_(idleSeconds),
+      limits_(limits),
+      memory_(std::make_shared<MemoryBudget>(limits.memory)),
       counting_(
           Brelo::TaskGroup::TaskGroupIs("counting", Brelo::TaskPriority::low, true, scheduler)) {
   counting_->taskGroupQuantumIs(countingQuantum);
@@ -54,9 +57,16 @@ std::uint16_t Listener::port() const {
 
 void Listener::accepted(Descriptor socket) {
   std::uint64_t const number = ++accepted_;
-  connections_[number] = std::make_shared<Connection>(
-      taskScheduler(), counting_, std::move(socket), "connection " + std::to_string(number),
-      idleSeconds_, [this, number] { connections_.erase(number); });
+  connections_[number] =
+      std::make_shared<Connection>(taskScheduler(), counting_, memory_, std::move(socket),
+                                   "connection " + std::to_string(number), limits_.idleSeconds,
+                                   [this, number] { ended(number); });
+  fullIs(connections_.size() >= limits_.clients);
+}
+
+void Listener::ended(std::uint64_t number) {
+  fullIs(false);
+  connections_.erase(number);
 }
 
 }  // namespace Wordd

@@ -3,9 +3,9 @@
 #include <signal.h>
 #include <sys/signalfd.h>
 
-#include <cerrno>
-#include <system_error>
 #include <utility>
+
+#include "Checked.h"
 
 namespace Wordd {
 
@@ -17,9 +17,7 @@ Descriptor blockAndWatch(std::initializer_list<int> signals) {
   for (int const signal : signals)
     sigaddset(&set, signal);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  Descriptor descriptor(::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
-  if (descriptor.get() < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
-  return descriptor;
+  return Descriptor(checked(::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC), "signalfd"));
 }
 
 }  // namespace

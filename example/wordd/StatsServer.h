@@ -1,28 +1,43 @@
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <memory>
-#include <set>
-#include <string>
 
 #include "Acceptor.h"
 #include "Brelo/TaskScheduler.h"
+#include "SocketFile.h"
+#include "Timeout.h"
 
 namespace Wordd {
 
 /// Answers each client of a Unix stream socket with the scheduler's statistics as one JSON
-/// document, however slow the client reads. The socket's file goes with the server, and so do the
-/// clients that are still reading.
+/// document, however slow the client reads, within its time. Each answer holds a copy of the
+/// statistics, so only a few clients are answered at a time, and the others wait. The socket's
+/// file goes with the server, and so do the clients that are still reading.
 class StatsServer : public Acceptor {
  public:
-  /// A file that stands at `path` is replaced. Throws std::system_error.
-  StatsServer(std::shared_ptr<Brelo::TaskScheduler> const& scheduler, std::string path);
+  static constexpr std::size_t readersMax = 8;
+
+  /// Who has not read everything after `secondsToRead`, which may be infinity, is left.
+  StatsServer(std::shared_ptr<Brelo::TaskScheduler> const& scheduler, SocketFile file,
+              double secondsToRead);
   ~StatsServer() override;
 
  private:
-  void accepted(Descriptor socket) override;
+  /// A handle on the socket that the export closes when it is done.
+  struct Reader {
+    Descriptor socket;
+    std::shared_ptr<Timeout> limit;
+  };
 
-  std::string path_;
-  std::shared_ptr<std::set<int>> exports_ = std::make_shared<std::set<int>>();  // descriptors
+  void accepted(Descriptor socket) override;
+  void ended(std::uint64_t number);
+
+  SocketFile file_;
+  double const secondsToRead_;
+  std::uint64_t accepted_ = 0;
+  std::map<std::uint64_t, Reader> readers_;
 };
 
 }  // namespace Wordd

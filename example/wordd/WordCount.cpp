@@ -1,6 +1,7 @@
 #include "WordCount.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -8,6 +9,16 @@ namespace Wordd {
 
 void WordCount::add(std::string_view text) {
   if (tooLarge_) return;
+  try {
+    count(text);
+  } catch (std::bad_alloc const&) {
+    return giveUp();
+  }
+  std::size_t const memory = memory_ + word_.size();
+  if (memory > memoryMax || !share_.sizeIs(memory)) giveUp();
+}
+
+void WordCount::count(std::string_view text) {
   for (char const c : text) {
     // The bit that tells the cases apart; with it set, nothing but a letter falls into a to z.
     auto const lower = static_cast<unsigned char>(c | 0x20);
@@ -17,7 +28,6 @@ void WordCount::add(std::string_view text) {
       endWord();
     }
   }
-  giveUpIfTooLarge();
 }
 
 void WordCount::endWord() {
@@ -27,11 +37,11 @@ void WordCount::endWord() {
   word_.clear();
 }
 
-void WordCount::giveUpIfTooLarge() {
-  if (memory_ + word_.size() <= memoryMax) return;
+void WordCount::giveUp() {
   tooLarge_ = true;
   counts_.clear();
   word_ = {};
+  share_.sizeIs(0);
 }
 
 std::string WordCount::answer() {

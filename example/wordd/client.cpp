@@ -4,21 +4,17 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
-#include <system_error>
 
+#include "Checked.h"
 #include "Descriptor.h"
 
 namespace {
 
-ssize_t checked(ssize_t result, char const* what) {
-  if (result < 0) throw std::system_error(errno, std::generic_category(), what);
-  return result;
-}
+using Wordd::checked;
 
 void copy(int from, int to) {
   std::array<char, 64 << 10> buffer;
@@ -39,7 +35,7 @@ int main(int argc, char** argv) {
   }
   try {
     Wordd::Descriptor const socket(
-        static_cast<int>(checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket")));
+        checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(std::atoi(argv[1])));

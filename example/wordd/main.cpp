@@ -1,62 +1,73 @@
 // wordd: counts the words of what is streamed to it.
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
-#include <initializer_list>
 #include <iostream>
 #include <limits>
-#include <memory>
 #include <string>
 
 #include "Brelo/Backtrace.h"
 #include "Brelo/Debug.h"
-#include "Brelo/Platform.h"
-#include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/Thread.h"
-#include "Listener.h"
-#include "SignalTask.h"
-#include "StatsServer.h"
+#include "Checked.h"
+#include "Daemon.h"
 
 namespace {
 
 struct Options {
   std::uint16_t port = 0;
   double idleSeconds = 60;
+  std::size_t clients = 1000;
+  std::size_t memory = 256;  // MiB
   std::string backend = "host";
   std::string statsPath;
+  double statsSeconds = 10;
   std::string trace;
 };
 
-void serve(Options const& options) {
-  // A root of our own and not the thread's, which would stay, and its timers with it.
-  auto scheduler = Brelo::TaskSchedulerRoot::TaskSchedulerRootIs("wordd");
-  double const idle =
-      options.idleSeconds > 0 ? options.idleSeconds : std::numeric_limits<double>::infinity();
-  auto listener = std::make_shared<Wordd::Listener>(scheduler, options.port, idle);
-  std::shared_ptr<Wordd::StatsServer> stats;
-  if (!options.statsPath.empty()) {
-    stats = std::make_shared<Wordd::StatsServer>(scheduler, options.statsPath);
-  }
-  std::shared_ptr<Wordd::SignalTask> signals;
-  auto const onSignal = [&](int number) {
-    if (number == SIGUSR1) {
-      scheduler->statsRenderTextForDebug(std::cout, true, false, true, false);
-      std::cout.flush();
-      return;
-    }
-    if (number == SIGUSR2) return Brelo::BacktraceTracker::printAll(std::cout);
-    scheduler->historyRenderTextForDebug(std::cout);
-    listener.reset();
-    stats.reset();
-    signals.reset();
-    scheduler.reset();
-  };
-  signals = std::make_shared<Wordd::SignalTask>(
-      scheduler, std::initializer_list<int>{SIGTERM, SIGINT, SIGUSR1, SIGUSR2}, onSignal);
-  std::cout << "listening on 127.0.0.1:" << listener->port() << std::endl;
-  Brelo::Platform::doEventLoop();  // returns when a signal has left it nothing to wait for
+void addTo(CLI::App& app, Options& options) {
+  app.add_option("--port", options.port, "port to listen on; 0 picks one")->capture_default_str();
+  app.add_option("--idle", options.idleSeconds,
+                 "seconds after which an idle client is dropped; 0: never")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  app.add_option("--clients", options.clients, "clients at a time; further ones wait")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  app.add_option("--memory", options.memory,
+                 "MiB for the words of all clients; who needs more is told so")
+      ->check(CLI::Range(1, 1 << 20))
+      ->capture_default_str();
+  app.add_option("--backend", options.backend, "event loop to run on")
+      ->check(CLI::IsMember({"host", "libevent"}))
+      ->capture_default_str();
+  app.add_option("--stats", options.statsPath,
+                 "Unix socket that answers each connection with the statistics as JSON");
+  app.add_option("--stats-seconds", options.statsSeconds,
+                 "seconds in which they are to be read; 0: any")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  app.add_option("--trace", options.trace, "trace settings, for example TaskScheduler/4+5");
+  app.footer(
+      "SIGUSR1 prints the statistics, SIGUSR2 the latest exceptions with their backtraces;\n"
+      "SIGTERM and SIGINT print the latest events and end the daemon.");
+}
+
+double orForEver(double seconds) {
+  return seconds > 0 ? seconds : std::numeric_limits<double>::infinity();
+}
+
+/// What is opened from here on is none of the three, however we were started.
+void openStandardDescriptors() {
+  int fd = 0;
+  while (fd <= STDERR_FILENO)
+    fd = Wordd::checked(::open("/dev/null", O_RDWR), "/dev/null");
+  ::close(fd);
 }
 
 }  // namespace
@@ -66,20 +77,7 @@ int main(int argc, char** argv) {
   CLI::App app{
       "Counts the words of text that is streamed to it over TCP on the loopback address. When a\n"
       "client has sent everything, it gets the ten most frequent words, as lines \"count word\"."};
-  app.add_option("--port", options.port, "port to listen on; 0 picks one")->capture_default_str();
-  app.add_option("--idle", options.idleSeconds,
-                 "seconds after which an idle client is dropped; 0: never")
-      ->check(CLI::NonNegativeNumber)
-      ->capture_default_str();
-  app.add_option("--backend", options.backend, "event loop to run on")
-      ->check(CLI::IsMember({"host", "libevent"}))
-      ->capture_default_str();
-  app.add_option("--stats", options.statsPath,
-                 "Unix socket that answers each connection with the statistics as JSON");
-  app.add_option("--trace", options.trace, "trace settings, for example TaskScheduler/4+5");
-  app.footer(
-      "SIGUSR1 prints the statistics, SIGUSR2 the latest exceptions with their backtraces;\n"
-      "SIGTERM and SIGINT print the latest events and end the daemon.");
+  addTo(app, options);
   CLI11_PARSE(app, argc, argv);
 
   signal(SIGPIPE, SIG_IGN);  // a peer that has gone is an error of the write, stdout's included
@@ -87,7 +85,12 @@ int main(int argc, char** argv) {
   if (!options.trace.empty()) Brelo::Platform::setupBreloDebug(options.trace.c_str());
   Brelo::BacktraceTracker::enabledIs(true);
   try {
-    serve(options);
+    openStandardDescriptors();
+    Wordd::Daemon daemon({options.port,
+                          {orForEver(options.idleSeconds), options.clients, options.memory << 20},
+                          options.statsPath,
+                          orForEver(options.statsSeconds)});
+    daemon.run();
   } catch (std::exception const& error) {
     std::cerr << "wordd: " << error.what() << "\n";
     return 1;

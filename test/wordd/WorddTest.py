@@ -2,6 +2,7 @@
 """WorddTest.py PATH_OF_WORDD: a real daemon under clients of every kind, on each backend."""
 
 import collections
+import fcntl
 import itertools
 import json
 import os
@@ -38,10 +39,15 @@ def eventually(condition, seconds=5):
 
 
 class WorddTest:
+    def launch(self, *options, **popen):
+        daemon = subprocess.Popen([WORDD, '--backend', self.backend, *options],
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, **popen)
+        for end in daemon.stderr.close, daemon.stdout.close, daemon.wait, daemon.kill:
+            self.addCleanup(end)
+        return daemon
+
     def start(self, *options, **popen):
-        self.daemon = subprocess.Popen([WORDD, '--backend', self.backend, *options],
-                                       stdout=subprocess.PIPE, stderr=subprocess.PIPE, **popen)
-        self.addCleanup(self.daemon.kill)
+        self.daemon = self.launch(*options, **popen)
         line = self.daemon.stdout.readline()
         self.port = int(re.fullmatch(rb'listening on 127\.0\.0\.1:(\d+)\n', line).group(1))
         self.descriptors = self.openDescriptors()
@@ -160,17 +166,122 @@ class WorddTest:
         self.assertLess(len(b''.join(iter(lambda: neverReads.recv(MEBI), b''))), 7 * MEBI)
         self.stop()
 
-    def testStreamsItsStatisticsHoweverTheyAreRead(self):
-        def reader():
-            client = socket.socket(socket.AF_UNIX)
-            self.addCleanup(client.close)
-            client.connect(path)
-            return client
+    def testKeepsClientsWhoDidTheirPartWhileItWasStopped(self):
+        self.start('--idle', '0.3')
+        silent, *clients = [self.connect() for _ in range(100)]
+        self.assertTrue(eventually(lambda: self.openDescriptors() == self.descriptors + 100))
+        self.daemon.send_signal(signal.SIGSTOP)
+        for client in clients:
+            client.sendall(b'word')
+        time.sleep(0.5)
+        self.daemon.send_signal(signal.SIGCONT)
+        self.assertEqual([self.answer(client) for client in clients], [b'1 word\n'] * 99)
+        self.assertEqual(silent.recv(1), b'')
+        self.stop()
 
+    def testBoundsItsClientsAndTheMemoryOfAll(self):
+        self.start('--clients', '3', '--memory', '2')
+        different = b' '.join(b'%x' % i for i in range(20000)).translate(
+            bytes.maketrans(b'0123456789', b'ghijklmnop'))  # needs some 1.5 MiB
+        first, second, *others = [self.connect() for _ in range(40)]
+        first.sendall(different)
+        self.assertTrue(eventually(lambda: self.openDescriptors() == self.descriptors + 3))
+        before = self.cpuSeconds()
+        time.sleep(0.3)
+        self.assertLess(self.cpuSeconds() - before, 0.15)
+        self.assertEqual(self.openDescriptors(), self.descriptors + 3)
+        second.sendall(different)
+        self.assertRegex(self.answer(second), rb'^error: .*\n$')
+        self.assertEqual(self.answer(first), expected(different))
+        self.assertEqual([self.answer(client) for client in others], [b''] * 38)
+        self.assertEqual(self.ask(different), expected(different))
+        self.assertAllClientsGone()
+        self.stop()
+
+    def testWaitsForNobodyWhoDoesNotReadItsOutput(self):
+        self.start()
+        size = fcntl.fcntl(self.daemon.stdout, 1031, 4096)  # F_SETPIPE_SZ
+        for _ in range(300):
+            self.daemon.send_signal(signal.SIGUSR1)
+            time.sleep(0.001)
+        self.assertEqual(self.ask(b'still counting'), expected(b'still counting'))
+        self.assertLess(self.peakMemory(), 64 * MEBI)
+        self.daemon.send_signal(signal.SIGTERM)
+        self.assertEqual(self.daemon.wait(timeout=5), 0)
+        self.assertGreater(len(self.daemon.stdout.read()), size // 2)
+
+        self.start()
+        self.daemon.stdout.close()
+        self.daemon.send_signal(signal.SIGUSR1)
+        self.assertEqual(self.ask(b'still counting'), expected(b'still counting'))
+        self.daemon.send_signal(signal.SIGTERM)
+        self.assertEqual(self.daemon.wait(timeout=5), 0)
+
+    def statsPath(self):
         directory = tempfile.TemporaryDirectory()
         self.addCleanup(directory.cleanup)
-        path = os.path.join(directory.name, 'stats')
+        return os.path.join(directory.name, 'stats')
+
+    def statsReader(self, path):
+        client = socket.socket(socket.AF_UNIX)
+        self.addCleanup(client.close)
+        client.settimeout(20)
+        client.connect(path)
+        return client
+
+    def testTakesNobodysStatisticsPath(self):
+        path = self.statsPath()
+        other = [WORDD, '--backend', self.backend, '--stats', path]
+        with open(path, 'w') as file:
+            file.write('precious')
+        taken = subprocess.run(other, capture_output=True)
+        self.assertEqual((taken.returncode, taken.stdout), (1, b''))
+        self.assertIn(b'stats is not a socket', taken.stderr)
+        with open(path) as file:
+            self.assertEqual(file.read(), 'precious')
+        os.remove(path)
+
         self.start('--stats', path)
+        self.daemon.kill()
+        self.daemon.wait()
+        self.start('--stats', path)  # in place of a dead one
+        taken = subprocess.run(other, capture_output=True)
+        self.assertEqual(taken.returncode, 1)
+        self.assertIn(b'stats: Address already in use', taken.stderr)
+        self.assertEqual(self.statsReader(path).recv(1), b'{')
+        os.rename(path, path + '.old')
+        with open(path, 'w') as file:
+            file.write('precious')
+        self.stop()
+        self.assertTrue(os.path.isfile(path))
+
+        os.remove(path)
+        daemons = [self.launch('--stats', path) for _ in range(4)]
+        self.assertEqual(sum(bool(daemon.stdout.readline()) for daemon in daemons), 1)
+        self.assertEqual(self.statsReader(path).recv(1), b'{')
+
+    def testLeavesReadersOfItsStatisticsWhoDoNotRead(self):
+        path = self.statsPath()
+        self.start('--stats', path, '--stats-seconds', '0.3')
+        clients = [self.connect() for _ in range(400)]
+        self.assertTrue(eventually(lambda: self.openDescriptors() == self.descriptors + 400))
+        readers = [self.statsReader(path) for _ in range(20)]
+        # Two descriptors each: the export's and the one to end it by.
+        self.assertTrue(eventually(lambda: self.openDescriptors() == self.descriptors + 400 + 16))
+        time.sleep(0.1)
+        self.assertEqual(self.openDescriptors(), self.descriptors + 400 + 16)
+        self.assertTrue(eventually(lambda: self.openDescriptors() == self.descriptors + 400))
+        for reader in readers:
+            text = b''.join(iter(lambda: reader.recv(MEBI), b''))
+            self.assertGreater(len(text), 1000)
+        text = b''.join(iter(lambda reader=self.statsReader(path): reader.recv(MEBI), b''))
+        self.assertIn('wordd', json.loads(text)['schedulers'])
+        self.stop()
+
+    def testStreamsItsStatisticsHoweverTheyAreRead(self):
+        path = self.statsPath()
+        self.start('--stats', path)
+        reader = lambda: self.statsReader(path)
         clients = [self.connect() for _ in range(400)]
         self.assertTrue(eventually(lambda: self.openDescriptors() == self.descriptors + 400))
 
@@ -193,7 +304,7 @@ class WorddTest:
             client.sendall(b'word')
             self.assertEqual(self.answer(client), b'1 word\n')
         self.stop()
-        self.assertEqual(os.listdir(directory.name), [])
+        self.assertEqual(os.listdir(os.path.dirname(path)), [])
 
     def testEndsUnderLoadWhenToldTo(self):
         self.start()
