@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <memory>
 
 #include "Zel/internal/StandardError.h"
 
@@ -13,6 +14,7 @@ namespace {
 struct Records {
   std::mutex lock;  // guards the list, and the filling of every slot
   std::vector<AllocTrackTypeInfo*> all;
+  AllocTrackTypeInfo common{typeid(void), 0, false};  // of types that found no memory
 };
 
 Records& records() {
@@ -23,6 +25,7 @@ Records& records() {
                        for (AllocTrackTypeInfo* record : records().all) {
                          new (&record->lock) std::mutex;
                        }
+                       new (&records().common.lock) std::mutex;
                        records().lock.unlock();
                      });
     return *new Records;
@@ -62,8 +65,13 @@ void AllocTrackTypeInfo::allocateTypeInfo(AllocTrackTypeInfo** slot, std::type_i
                                           unsigned long size, bool isArray) noexcept {
   std::lock_guard<std::mutex> const guard(records().lock);
   if (recordOf(slot) != nullptr) return;
-  auto* const record = new AllocTrackTypeInfo(type, size, isArray);
-  records().all.push_back(record);
+  AllocTrackTypeInfo* record = &records().common;
+  try {
+    auto made = std::make_unique<AllocTrackTypeInfo>(type, size, isArray);
+    records().all.push_back(made.get());
+    record = made.release();
+  } catch (std::bad_alloc const&) {
+  }
   __atomic_store_n(slot, record, __ATOMIC_RELEASE);
 }
 

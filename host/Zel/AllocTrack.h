@@ -17,8 +17,8 @@ namespace Zel {
 ///
 /// A record belongs to the slot (a pointer with static storage, initially null) through which
 /// it was made, and lives for ever. The numbers are read and written under `lock`; the rest
-/// never changes. All functions may be called from any thread and in a forked child; running
-/// out of memory for a record ends the process.
+/// never changes. All functions may be called from any thread and in a forked child. Types that
+/// find no memory for their record are counted together, in one that no list knows.
 class ZEL_EXPORT AllocTrackTypeInfo {
  public:
   /// A record of zeros that no list knows; clients go through a slot.
