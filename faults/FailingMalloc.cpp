@@ -1,0 +1,68 @@
+#include "FailingMalloc.h"
+
+#include <cerrno>
+#include <cstddef>
+
+// The C library's own, under the names that it keeps for who puts something in their place.
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* memory, std::size_t size);
+}
+
+namespace {
+
+unsigned long asked = 0;
+unsigned long firstFailure = 0;  // 0 for never
+unsigned long lastFailure = 0;
+int uncounted = 1;  // until the first order
+
+/// Where a debugger stops for the stack of a failure.
+[[gnu::noinline]] void refuse() {
+  errno = ENOMEM;
+}
+
+bool fails() {
+  if (uncounted != 0) return false;
+  ++asked;
+  if (firstFailure == 0 || asked < firstFailure || asked > lastFailure) return false;
+  refuse();
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+void* malloc(std::size_t size) {
+  return fails() ? nullptr : __libc_malloc(size);
+}
+void* calloc(std::size_t count, std::size_t size) {
+  return fails() ? nullptr : __libc_calloc(count, size);
+}
+void* realloc(void* memory, std::size_t size) {
+  return fails() ? nullptr : __libc_realloc(memory, size);
+}
+}
+
+namespace Faults {
+
+void failAllocation(unsigned long nth, unsigned long more) {
+  asked = 0;
+  firstFailure = nth;
+  lastFailure = nth + more;
+  uncounted = 0;
+}
+
+unsigned long allocations() {
+  return asked;
+}
+
+Uncounted::Uncounted() {
+  ++uncounted;
+}
+
+Uncounted::~Uncounted() {
+  --uncounted;
+}
+
+}  // namespace Faults
