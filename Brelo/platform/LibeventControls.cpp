@@ -186,7 +186,8 @@ void LibeventFdControl::setReads(bool on) {
 // its turn comes, which is in the next pass if it has the loop to itself.
 void LibeventFdControl::turnReadsOff() {
   readsOffPass_ = Impl::lePass();
-  if (readsOffPass_ == 0) return withdrawReads();
+  bool const installed = readEvent_.ev_fd != -1;
+  if (readsOffPass_ == 0 || !installed) return withdrawReads();
   if (!lingering_.linked()) lingering_.insertBefore(lingeringReads);
 }
 

@@ -230,6 +230,25 @@ TEST_P(Platform, ReadsThatAreOffWhileTheirClientWaitsCostLittle) {
   });
 }
 
+TEST_P(Platform, ReadsThatWereOffAlreadyComeBack) {
+  run([] {
+    SocketPair pair;
+    pair.send();
+    Watch watch(pair.near(), true, false);
+    Callback later;
+    watch.read.action = [&] {
+      watch.control->setReads(false);
+      later.control->requestCallback();
+    };
+    later.action = [&] {
+      if (later.runs % 4 != 0) return later.control->requestCallback();
+      watch.control->setReads(false);
+      watch.control->setReads(true);
+    };
+    EXPECT_TRUE(runUntil([&] { return watch.read.runs >= 3; }));
+  });
+}
+
 TEST_P(Platform, EachMessageIsOneRunOfADescriptorTask) {
   run([] {
     struct Reader : Brelo::FileDescriptorTask {

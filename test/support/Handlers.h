@@ -76,7 +76,7 @@ struct SocketPair {
 
 /// Runs the loop until `done()`; false if that takes longer than any machine should need.
 inline bool runUntil(std::function<bool()> const& done) {
-  for (int left = 20'000; left > 0 && !done(); --left)
+  for (int left = 3000; left > 0 && !done(); --left)
     Brelo::Platform::doEventLoop(0.001);
   return done();
 }
