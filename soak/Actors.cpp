@@ -43,9 +43,10 @@ class Worker : public Actor, public Base {
   void handleResetStats() override { day.model.reset(job); }
 
   void disturb() override {
+    enum : unsigned { suspends, unschedules, requests };
     unsigned const what = day.below(6);
-    if (what > 1) return request();
-    if (what == 1) {
+    if (what >= requests) return request();
+    if (what == unschedules) {
       this->unscheduleTask();
       return day.model.unschedule(job);
     }
@@ -140,26 +141,29 @@ class Stream : public Actor, public Brelo::FileDescriptorTask {
   }
 
   void disturb() override {
-    unsigned const what = day.below(80);
-    if (what < 8) {  // read interest goes too, or what is ready would keep the loop from waiting
+    enum : unsigned { suspends = 8, wantsToWrite = 16, runsWrite = 24, runsRead = 32, closes = 33 };
+    enum : unsigned { reads = 50, all = 80 };
+    unsigned const what = day.below(all);
+    if (what < suspends) {
+      // Read interest goes too, or what is ready would keep the loop from waiting.
       taskWatchReadableIs(job.suspended);
       taskSuspendedIs(!job.suspended);
       write_.suspended = job.suspended = !job.suspended;
-    } else if (what < 16) {
+    } else if (what < wantsToWrite) {
       taskWatchWritableIs(true);
-    } else if (what < 24) {
+    } else if (what < runsWrite) {
       scheduleTaskWritable();
-    } else if (what < 32) {
+    } else if (what < runsRead) {
       if (taskWatchReadable()) scheduleTaskReadable();
     } else if (peerClosed()) {
       return;
-    } else if (what == 32) {
+    } else if (what < closes) {
       while (take(peer) > 0) {
       }
       expect(taken_[peer] == given_[own], "{} lost bytes", write_.name);
       closeEnd(peer);
     } else {
-      what < 50 ? static_cast<void>(take(peer)) : give(peer);
+      what < reads ? static_cast<void>(take(peer)) : give(peer);
     }
   }
   void skipped() const override {

@@ -73,30 +73,32 @@ void Day::addActor(std::size_t branch, Kind kind) {
 }
 
 void Day::operate() {
+  enum : unsigned { makesGroup, endsGroup, clears, suspends, resets, disturbsAll };
+  enum : unsigned { makesActor = 15, endsActor = 25, all = 200 };  // each up to there
   ++operations_;
   std::size_t const at = below(branches_.size());
-  unsigned const what = below(200);
-  if (what == 0 && at != 1 && branches_.size() < 10) {
+  unsigned const what = below(all);
+  if (what == makesGroup && at != 1 && branches_.size() < 10) {
     Brelo::TaskPriority const priority(static_cast<unsigned char>(below(5)));
     auto const group = Brelo::TaskGroup::TaskGroupIs(fmt::format("group{}", operations_), priority,
                                                      false, branches_[at]->scheduler);
     group->tasksPermittedMultipleRunsIs(below(2) == 0);
     group->taskGroupQuantumIs(std::chrono::microseconds(1 + below(20)));
     addBranch(group, branches_[at].get());
-  } else if (what == 1) {
+  } else if (what == endsGroup) {
     endGroup(at);
-  } else if (what == 2) {
+  } else if (what == clears) {
     clearStats(*branches_[at]);
-  } else if (what == 3) {
+  } else if (what == suspends) {
     suspend(below(2), true);
-  } else if (what == 4) {
+  } else if (what == resets) {
     root(1).resetStats();
-  } else if (what == 5) {
+  } else if (what == disturbsAll) {
     for (auto const& actor : actors_)
       actor->disturb();
-  } else if (what < 15 && actors_.size() < 90) {
+  } else if (what < makesActor && actors_.size() < 90) {
     addActor(at, static_cast<Kind>(below(at == 1 ? 2 : 3)));
-  } else if (what < 25 && actors_.size() > 60) {
+  } else if (what < endsActor && actors_.size() > 60) {
     end(actors_[1 + below(actors_.size() - 1)].get());
   } else {
     actors_[below(actors_.size())]->disturb();
