@@ -51,11 +51,14 @@ bool const given = [] {
 
 }  // namespace
 
-// Out of line, since the compiler would take an inlined free() for a mismatch. Both forms of
-// delete are here, since sanitizers bring their own: memory goes back the way it came.
+// Out of line, since the compiler would take an inlined free() for a mismatch. All forms are here,
+// since sanitizers bring their own: memory goes back the way it came.
 [[gnu::noinline]] void* operator new(std::size_t size) {
   if (void* const memory = take(size)) return memory;
   throw std::bad_alloc();
+}
+[[gnu::noinline]] void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
+  return take(size);
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
   give(memory);
