@@ -85,7 +85,12 @@ void FileDescriptorTask::pauseReads() {
 
 void FileDescriptorTask::resumeReads() {
   if (!readsPaused_) return;
-  fdControl_->setReads(true);
+  try {
+    fdControl_->setReads(true);
+  } catch (...) {
+    readTask_->TaskImpl::scheduleTask();  // tries again after its run, or nobody ever would
+    throw;
+  }
   readsPaused_ = false;
 }
 
