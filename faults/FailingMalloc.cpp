@@ -13,9 +13,8 @@ void* __libc_realloc(void* memory, std::size_t size);
 namespace {
 
 unsigned long asked = 0;
-unsigned long firstFailure = 0;  // 0 for never
-unsigned long lastFailure = 0;
-int uncounted = 1;  // until the first order
+unsigned long failure = 0;  // 0 for never
+int uncounted = 1;          // until the first order
 
 /// Where a debugger stops for the stack of a failure.
 [[gnu::noinline]] void refuse() {
@@ -25,7 +24,7 @@ int uncounted = 1;  // until the first order
 bool fails() {
   if (uncounted != 0) return false;
   ++asked;
-  if (firstFailure == 0 || asked < firstFailure || asked > lastFailure) return false;
+  if (asked != failure) return false;
   refuse();
   return true;
 }
@@ -46,10 +45,9 @@ void* realloc(void* memory, std::size_t size) {
 
 namespace Faults {
 
-void failAllocation(unsigned long nth, unsigned long more) {
+void failAllocation(unsigned long nth) {
   asked = 0;
-  firstFailure = nth;
-  lastFailure = nth + more;
+  failure = nth;
   uncounted = 0;
 }
 

@@ -5,9 +5,9 @@
 
 namespace Faults {
 
-/// Makes the `nth` allocation from now on fail, counted from 1, and `more` that follow it; 0 for
-/// none. Takes up the count anew.
-void failAllocation(unsigned long nth, unsigned long more = 0);
+/// Makes the `nth` allocation from now on fail, counted from 1; 0 for none. Takes up the count
+/// anew.
+void failAllocation(unsigned long nth);
 
 /// Since the last call of `failAllocation`.
 unsigned long allocations();

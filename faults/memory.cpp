@@ -41,7 +41,19 @@ struct Tally {
 };
 
 std::string backend = "host";
-unsigned long more = 0;
+
+/// The scenario in this process, without a failing allocation.
+int runHere() {
+  if (backend == "libevent") Brelo::useThreadLocalSingletons();
+  try {
+    Faults::Scenario([](char const*) {}).run();
+    std::puts("it came to its end");
+    return 0;
+  } catch (std::exception const& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 1;
+  }
+}
 
 [[noreturn]] void live(Child const& child) {
   alarm(timeLimit);
@@ -52,7 +64,7 @@ unsigned long more = 0;
     Faults::Scenario scenario([&](char const* part) {
       std::strncpy(child.told->part, part, sizeof child.told->part - 1);
     });
-    Faults::failAllocation(child.nth, more);
+    Faults::failAllocation(child.nth);
     scenario.run();
     child.told->allocations = Faults::allocations();
     child.told->refused = scenario.refused();
@@ -145,11 +157,16 @@ int main(int argc, char** argv) {
   CLI::App app{"Fails each allocation of a long scenario, one in each run."};
   app.add_option("--step", step, "every so many")->check(CLI::PositiveNumber);
   app.add_option("--offset", offset, "begin that much later");
-  app.add_option("--more", more, "allocations that fail after that one, in a row");
   app.add_option("--jobs", jobs, "runs at a time")->check(CLI::PositiveNumber);
+  bool here = false;
+  app.add_flag("--here", here, "no failures, and no child");
   app.add_option("--nth", nth, "this allocation alone");
   app.add_option("--backend", only)->check(CLI::IsMember({"host", "libevent", "both"}));
   CLI11_PARSE(app, argc, argv);
+  if (here) {
+    backend = only;
+    return runHere();
+  }
 
   std::printf("%-10s %12s %8s %8s %9s %12s %5s\n", "backend", "allocations", "failed", "unseen",
               "bad_alloc", "ended so", "bad");
