@@ -11,7 +11,12 @@ endforeach()
 # One export set for each namespace, so that a host can supply a library of its own for any of them.
 set(config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/ZelBrelo)
 function(brelo_install namespace target)
-  set_target_properties(${target} PROPERTIES INSTALL_RPATH $ORIGIN)
+  # One folder and one path for both trees. An installer that edits the path pads it with empty
+  # elements, and each of these is the working directory to the dynamic linker.
+  set_target_properties(${target} PROPERTIES
+    LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib
+    INSTALL_RPATH $ORIGIN
+    BUILD_WITH_INSTALL_RPATH ON)
   install(TARGETS ${target} EXPORT ${namespace}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)

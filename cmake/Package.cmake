@@ -9,8 +9,7 @@ set(CPACK_COMPONENTS_ALL runtime development)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
-  ${PROJECT_BINARY_DIR}/Brelo ${PROJECT_BINARY_DIR}/host/Zel ${PROJECT_BINARY_DIR}/host/netnsaid)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/lib)
 
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
   "Tasks with priorities, timers and descriptors on one event loop, and reports\non them. The library and the host runtime beneath it, for programs\nbuilt with it.")
