@@ -20,7 +20,8 @@
 
 namespace Brelo::Platform {
 
-/// A string stream for text that is built with `<<`; prints 12 significant digits.
+/// A string stream for text that is built with `<<`; prints 12 significant digits, in the classic
+/// locale whatever the global one is.
 class BRELO_EXPORT DebugStream : public std::stringstream {
  public:
   DebugStream();

@@ -102,8 +102,7 @@ void Callback::cancelCallback() {
 }
 
 bool Callback::pendingCallback() const {
-  BRELO_TRACE(platformTrace, 5, "Callback", "");
-  return notifiee_->timeMin() != never;
+  return ClockTimer::remainingTimeout() != never;
 }
 
 void Callback::timeout() {

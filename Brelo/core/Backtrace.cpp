@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ios>
 #include <limits>
+#include <locale>
 #include <optional>
 #include <sstream>
 
@@ -58,6 +59,7 @@ int Backtrace::verbosity() {
 
 std::string Backtrace::pretty() const {
   std::ostringstream text;
+  text.imbue(std::locale::classic());
   text << std::fixed << "Timestamp:" << timestamp_ << " tid:" << tid_ << " Backtrace:\n";
   if (count_ == 0) text << "No backtrace available\n";
   for (std::uint32_t i = 0; i < count_; ++i) {

@@ -1,6 +1,7 @@
 #include "Brelo/Debug.h"
 
 #include <iterator>
+#include <locale>
 
 #include "Zel/Trace.h"
 
@@ -9,6 +10,7 @@ namespace Brelo {
 namespace Platform {
 
 DebugStream::DebugStream() {
+  imbue(std::locale::classic());
   precision(12);
 }
 

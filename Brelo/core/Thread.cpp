@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <locale>
 #include <sstream>
 
 #include "Brelo/Assert.h"
@@ -69,6 +70,7 @@ void threadNameIs(char const* name) {
 
 std::string toThreadIdString(std::thread::id id) {
   std::ostringstream text;
+  text.imbue(std::locale::classic());
   text << id;
   return text.str();
 }

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <locale>
 #include <sstream>
 #include <string>
 #include <system_error>
@@ -14,6 +15,7 @@ namespace {
 
 [[noreturn]] void throwFailed(char const* operation, pthread_mutex_t const* mutex, int code) {
   std::ostringstream text;
+  text.imbue(std::locale::classic());
   text << "failed to " << operation << " the mutex at " << static_cast<void const*>(mutex);
   throw std::system_error(code, std::generic_category(), text.str());
 }

@@ -1,11 +1,18 @@
 #include "Brelo/Debug.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <iomanip>
+#include <locale>
 #include <memory>
+#include <regex>
+#include <sstream>
 #include <string>
+#include <thread>
 
+#include "Brelo/Assert.h"
+#include "Brelo/Thread.h"
 #include "support/TraceRecords.h"
 
 namespace {
@@ -27,6 +34,34 @@ TEST(Debug, LineCarriesClassFunctionAndPlace) {
             "DebugTest/15 file.cpp:12 func|NULL\n"
             "DebugTest/2 file.cpp:12 func|0.3333333333330x000000000000ab12\n");
   EXPECT_DEATH(Brelo::fmtrace(*handler, 1, "f", "f", 1, "C", "{} {}", 1), "format_error");
+}
+
+struct Grouping : std::numpunct<char> {
+  char do_thousands_sep() const override { return '_'; }
+  std::string do_grouping() const override { return "\1"; }
+};
+
+TEST(Debug, AGlobalLocaleThatGroupsDigitsChangesNoText) {
+  std::locale const before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
+  std::ostringstream grouped;
+  grouped << 1234 << " " << DisplayPointer(reinterpret_cast<void const*>(0xAB12));
+  EXPECT_EQ(grouped.str(), "1_2_3_4 0x000000000000ab12");
+  EXPECT_EQ(Brelo::Impl::vtracestr(true, "C", "f", "g", 1234, "5678", {}), "f:1234: C::g() 5678");
+  Brelo::Platform::DebugStream stream;
+  stream << 1234 << " " << 0.5;
+  EXPECT_EQ(stream.str(), "1234 0.5");
+  Brelo::throwOnAssertFailIs(true);
+  try {
+    Brelo::debugAndAssert(stream, "f", "g", 5678);
+  } catch (Brelo::AssertException const& exception) {
+    EXPECT_EQ(exception.msg(), "Brelo::AssertException(\"f:g:5678: 1234 0.5\")");
+    std::string const what = exception.what();
+    std::string const backtrace = what.substr(what.find("Timestamp:"));
+    std::regex const line("(Timestamp:\\d+\\.\\d{6} tid:\\d+ Backtrace:|.*\\[0x[0-9a-f]+\\])\n");
+    EXPECT_EQ(std::regex_replace(backtrace, line, ""), "");
+  }
+  EXPECT_THAT(Brelo::toThreadIdString(std::this_thread::get_id()), testing::MatchesRegex("[0-9]+"));
+  std::locale::global(before);
 }
 
 TEST(Debug, HandlersOfOneNameShareOneMaskAndEvaluateNothingIfOff) {
