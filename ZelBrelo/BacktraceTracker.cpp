@@ -1,6 +1,7 @@
 #include "ZelBrelo/BacktraceTracker.h"
 
 #include <iterator>
+#include <locale>
 #include <sstream>
 
 #include "Brelo/Backtrace.h"
@@ -23,6 +24,7 @@ void BacktraceTracker::capacityIs(std::uint32_t capacity) const {
 
 Zel::String BacktraceTracker::printAll() const {
   std::ostringstream text;
+  text.imbue(std::locale::classic());
   Brelo::BacktraceTracker::printAll(text);
   return text.str();
 }

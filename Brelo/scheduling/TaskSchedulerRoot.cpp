@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <sstream>
 #include <thread>
 
 #include "Brelo/Assert.h"
@@ -37,9 +36,7 @@ struct ThreadRoot {
 
 std::string threadRootName() {
   if (isMainThread()) return "main";
-  std::ostringstream name;
-  name << "thread:" << std::this_thread::get_id();
-  return name.str();
+  return "thread:" + toThreadIdString(std::this_thread::get_id());
 }
 
 }  // namespace

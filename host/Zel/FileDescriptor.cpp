@@ -4,6 +4,7 @@
 #include <sys/epoll.h>
 
 #include <cerrno>
+#include <locale>
 #include <sstream>
 #include <system_error>
 #include <utility>
@@ -24,6 +25,7 @@ int giveMode(int descriptor, std::optional<bool> nonBlocking) {
 
 [[noreturn]] void throwFailed(char const* what, int descriptor, String const& name, int error) {
   std::ostringstream text;
+  text.imbue(std::locale::classic());
   text << "failed to " << what << " descriptor " << descriptor << " of " << name;
   throw std::system_error(error, std::generic_category(), text.str());
 }
