@@ -85,6 +85,8 @@ class Model {
   bool see(double before, double now, double after);
   /// What has taken the time up to now since the last call was not the library.
   void notStalled(double now) { lastSeen_ = now; }
+  /// The longest time that the library has taken at once.
+  double stall() const { return stall_; }
   /// Takes note of the timers that have expired.
   void expire(double now);
   double firstDue() const { return armed_.empty() ? INFINITY : armed_.begin()->first; }
@@ -99,7 +101,7 @@ class Model {
   std::map<std::string, Job*> jobs_;
   std::set<std::pair<double, Job*>> armed_;
   std::uint64_t turn_ = 0;
-  double skipped_ = 0, lastSeen_ = 0, stall_ = 0;  // the longest time without a call of `see`
+  double skipped_ = 0, lastSeen_ = 0, stall_ = 0;
 };
 
 }  // namespace Soak
