@@ -81,7 +81,7 @@ void LibeventTimerControl::setTimeout(double seconds) {
 void LibeventTimerControl::delTimeout() {
   BRELO_TRACE(libeventTrace, 9, "LibeventTimerControl", "Timer {} del timeout",
               DisplayPointer(this));
-  if (Impl::leMayTouch(event_get_base(&event_))) event_del(&event_);
+  if (Impl::leMayTouch(event_)) event_del(&event_);
 }
 
 double LibeventTimerControl::remainingTimeout() const {
@@ -169,7 +169,7 @@ LibeventFdControl::LibeventFdControl(Platform::FdEventHandler* handler) : FdCont
 
 LibeventFdControl::~LibeventFdControl() {
   if (ended_ != nullptr) *ended_ = true;
-  if (Impl::leMayTouch(event_get_base(&readEvent_))) LibeventFdControl::clearEvents();
+  if (Impl::leMayTouch(readEvent_)) LibeventFdControl::clearEvents();
   Impl::leControlRemoved(event_get_base(&readEvent_));
 }
 

@@ -112,8 +112,8 @@ void Impl::leControlRemoved(event_base const* base) {
   if (base == ev_base && liveControls > 0) --liveControls;
 }
 
-bool Impl::leMayTouch(event_base const* base) {
-  return !forkedChild || base == ev_base;
+bool Impl::leMayTouch(event const& ev) {
+  return !forkedChild || event_get_base(&ev) == ev_base;
 }
 
 void Impl::leKeepException() {

@@ -18,10 +18,10 @@ namespace Brelo::Impl {
 void leControlAdded();
 void leControlRemoved(event_base const* base);
 
-/// Whether an event of this base may be taken out of it by the calling thread. In a forked child
-/// the bases of the parent's other threads are left as they are: nobody runs them, one of those
-/// threads may have locked them, and their descriptors are the parent's to watch.
-bool leMayTouch(event_base const* base);
+/// Whether the calling thread may take the event out of its base. In a forked child the bases of
+/// the parent's other threads are left as they are: nobody runs them, one of those threads may have
+/// locked them, and their descriptors are the parent's to watch.
+bool leMayTouch(event const& ev);
 
 /// Keeps the exception in flight for the loop's entry and breaks the calling thread's loop. To be
 /// called inside a catch block.

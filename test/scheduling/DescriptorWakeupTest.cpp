@@ -83,7 +83,7 @@ class World {
     } else if (what < throwing) {
       task.throws = true;
     } else if (what < unbinds) {
-      task.taskWatchFdDel();
+      below(2) == 0 ? task.taskWatchFdDel() : task.taskWatchFdIs(-1);
       if (below(2) == 0) task.taskWatchFdIs(client.pairs[client.bound].near());
     } else if (what < suspendsRoot) {
       root_->suspendedIs(!root_->suspended());
