@@ -19,6 +19,7 @@ say "install, and move"
 cmake --install "$build" --prefix "$scratch/first" >/dev/null
 mv "$scratch/first" "$scratch/moved"
 ! grep -rI "$scratch/first\|$source" "$scratch/moved" || fail "the tree knows where it was made"
+"$source/.ci/hardened" "$scratch/moved"
 cp -r "$source/test/install/consumer" "$scratch/consumer"
 cd "$scratch"
 

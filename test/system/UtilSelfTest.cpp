@@ -11,8 +11,14 @@ using UtilSelf = BreloTest::HelperTest;
 
 static std::string logged;
 
-/// Takes the place of the C library's.
+/// Take the place of the C library's, of which hardened builds call the second one.
 extern "C" void syslog(int priority, char const* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  logged = fmt::format("{} {} {}", priority, format, va_arg(arguments, char const*));
+  va_end(arguments);
+}
+extern "C" void __syslog_chk(int priority, int, char const* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   logged = fmt::format("{} {} {}", priority, format, va_arg(arguments, char const*));
