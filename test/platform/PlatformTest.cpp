@@ -230,23 +230,71 @@ TEST_P(Platform, ReadsThatAreOffWhileTheirClientWaitsCostLittle) {
   });
 }
 
-TEST_P(Platform, ReadsThatWereOffAlreadyComeBack) {
-  run([] {
+/// Watches whose wishes, descriptors and input change at random, also in each other's handlers.
+struct RandomReaders {
+  RandomReaders() {
+    for (Reader& reader : readers) {
+      reader.watch.read.action = [&reader, this] {
+        EXPECT_TRUE(reader.wants && reader.bound && (reader.input > 0 || reader.drained));
+        reader.told = true;
+        for (auto changes = random() % 6; changes > 0; --changes)
+          change(random() % 2 == 0 ? reader : readers[random() % readers.size()]);
+      };
+      reader.watch.control->setFd(reader.pair.near());
+    }
+  }
+
+  void run(int rounds) {
+    for (; rounds > 0 && !testing::Test::HasFailure(); --rounds) {
+      change(readers[random() % readers.size()]);
+      pass();
+      for (Reader& reader : readers) {
+        reader.told = false;
+        reader.mustBeTold = reader.wants && reader.bound && reader.input > 0;
+      }
+      for (int passes = 0; passes < 3; ++passes)
+        pass();
+      for (Reader& reader : readers)
+        EXPECT_TRUE(reader.told || !reader.mustBeTold);
+    }
+  }
+
+  void pass() {
+    for (Reader& reader : readers)
+      reader.drained = false;
+    doEventLoop(0.0);
+  }
+
+  struct Reader {
     SocketPair pair;
-    pair.send();
-    Watch watch(pair.near(), true, false);
-    Callback later;
-    watch.read.action = [&] {
-      watch.control->setReads(false);
-      later.control->requestCallback();
-    };
-    later.action = [&] {
-      if (later.runs % 4 != 0) return later.control->requestCallback();
-      watch.control->setReads(false);
-      watch.control->setReads(true);
-    };
-    EXPECT_TRUE(runUntil([&] { return watch.read.runs >= 3; }));
-  });
+    Watch watch{-1, true, false};
+    bool wants = true, bound = true, told = false, mustBeTold = false;
+    bool drained = false;  // in this pass
+    int input = 0;
+  };
+  void change(Reader& reader) {
+    reader.mustBeTold = false;  // by what was so before
+    auto const kind = random() % 8;
+    char byte;
+    if (kind < 2) {
+      reader.input += 1, reader.pair.send();
+    } else if (kind < 4) {
+      reader.input -= reader.drained = read(reader.pair.near(), &byte, 1) == 1;
+    } else if (kind < 7) {
+      reader.watch.control->setReads(reader.wants = random() % 2 == 0);
+    } else {
+      reader.bound = !reader.bound;
+      reader.bound ? reader.watch.control->setFd(reader.pair.near())
+                   : reader.watch.control->delFd();
+    }
+  }
+
+  std::mt19937 random;
+  std::vector<Reader> readers{4};
+};
+
+TEST_P(Platform, RandomChangesLoseNoReadinessAndTellNobodyWhoDoesNotWantToKnow) {
+  run([] { RandomReaders().run(20000); });
 }
 
 TEST_P(Platform, EachMessageIsOneRunOfADescriptorTask) {

@@ -172,7 +172,7 @@ TEST_P(DescriptorWakeup, NoneIsLostWhateverHappens) {
           if (world.below(3) != 0) world.operate();
           world.pass();
         }
-        EXPECT_TRUE(world.allIsRead()) << "seed " << seed << " round " << round;
+        ASSERT_TRUE(world.allIsRead()) << "seed " << seed << " round " << round;
       }
     }
   });
