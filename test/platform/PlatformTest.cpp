@@ -1,23 +1,18 @@
 #include "Brelo/Platform.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <deque>
-#include <new>
 #include <random>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "Brelo/FileDescriptorTask.h"
 #include "Brelo/TaskScheduler.h"
 #include "support/Backend.h"
-#include "support/ChildProcess.h"
 #include "support/FaultInjection.h"
 #include "support/Handlers.h"
 
@@ -27,15 +22,10 @@ namespace {
 
 /// What the kernel has reported to libevent.
 std::size_t reports = 0;
-/// How often it has been asked by `epoll_wait`, and what it answers if not 0.
-int waits = 0;
-int waitError = 0;
 
 }  // namespace
 
 extern "C" int epoll_wait(int set, epoll_event* events, int most, int timeout) {
-  ++waits;
-  if (waitError != 0) return errno = waitError, -1;
   int const count = epoll_pwait(set, events, most, timeout, nullptr);
   if (count > 0) reports += static_cast<std::size_t>(count);
   return count;
@@ -368,119 +358,6 @@ TEST_P(Platform, AHandlerMayStopOrDestroyWhoeverIsReadyBesideIt) {
       EXPECT_EQ(runs, 1) << mode;
     }
   });
-}
-
-TEST_P(Platform, WhatTheKernelRefusesToWatchIsOffAndTheRestStays) {
-  run([] {
-    SocketPair pair;
-    Watch watch(pair.near(), true, false);
-    auto const refused = [&](std::vector<int> results, auto change) {
-      FaultInjection const refusal({{"epoll_ctl", std::move(results)}});
-      EXPECT_THROW(change(), std::system_error);
-    };
-    auto const reads = [&] {
-      watch.read.runs = 0;
-      return runUntil([&] { return watch.read.runs > 0; });
-    };
-    for (int const error : {ENOMEM, ENOSPC, EINVAL}) {
-      pair.send();
-      refused({error}, [&] { watch.control->setWrites(true); });
-      EXPECT_TRUE(reads());
-      EXPECT_EQ(watch.write.runs, 0);
-      watch.control->setReads(false);
-      doEventLoop();
-      refused({error}, [&] { watch.control->setReads(true); });
-      doEventLoop();  // nothing to wait for
-      watch.control->delFd();
-      watch.control->setReads(true);
-      refused({error}, [&] { watch.control->setFd(pair.near()); });
-      EXPECT_EQ(watch.control->getFd(), -1);
-      watch.control->setFd(pair.near());
-      EXPECT_TRUE(reads());
-    }
-    watch.control->setWrites(true);
-    EXPECT_TRUE(runUntil([&] { return watch.write.runs == 1; }));
-  });
-}
-
-TEST_P(Platform, WhatCannotBePolledIsTriedOnce) {
-  run([] {
-    Watch watch(-1, false, false);
-    std::size_t const enough = 100;
-    FaultInjection const counting({{"epoll_ctl", std::vector<int>(enough, 0)}});
-    for (int const file : {open("/proc/self/exe", O_RDONLY), open("/proc/self/exe", O_RDONLY)}) {
-      watch.control->setFd(file);
-      for (int write = 1; write <= 10; ++write) {
-        watch.write.runs = 0;
-        watch.control->setWrites(true);
-        doEventLoop();
-        EXPECT_EQ(watch.write.runs, 1);
-      }
-    }
-    EXPECT_EQ(enough - counting.left().at("epoll_ctl").size(), 2U);
-    SocketPair pair;
-    watch.control->setFd(pair.near());
-    watch.control->setReads(true);
-    pair.send();
-    EXPECT_TRUE(runUntil([&] { return watch.read.runs > 0; }));
-  });
-}
-
-TEST_P(Platform, AWaitThatFailsLeavesTheLoop) {
-  run([] {
-    SocketPair pair;
-    Watch const watch(pair.near(), true, false);
-    Timer timer;
-    timer.control->setTimeout(0.001);
-    waitError = EINVAL;
-    FaultInjection const byMilliseconds({{"epoll_pwait2", {ENOSYS}}});
-    EXPECT_THROW(doEventLoop(), std::system_error);
-    waitError = 0;
-    EXPECT_TRUE(runUntil([&] { return timer.runs == 1; }));
-  });
-}
-
-TEST(HostWait, OfMillisecondsIsRoundedUp) {
-  for (int const error : {ENOSYS, EPERM}) {
-    EXPECT_TRUE(passesInChild([error] {
-      FaultInjection const byMilliseconds({{"epoll_pwait2", {error}}});
-      SocketPair pair;
-      Watch watch(pair.near(), true, false);
-      double due = 0;
-      Timer timer([&] { EXPECT_GE(Brelo::time(), due); });
-      for (double const seconds : {0.0002, 0.0015, 0.0029}) {
-        due = Brelo::time() + seconds;
-        timer.control->setTimeout(seconds);
-        timer.runs = waits = 0;
-        doEventLoop(0.02);
-        EXPECT_EQ(timer.runs, 1);
-        EXPECT_TRUE(waits >= 2 && waits < 6) << waits;
-      }
-    }));
-  }
-}
-
-TEST(HostWatch, IsUnboundWhereMemoryRunsOut) {
-  SocketPair pair;
-  int const number = 900;
-  EXPECT_EQ(dup2(pair.near(), number), number);
-  pair.send();
-  bool failed = true;
-  for (std::size_t before = 0; failed; ++before) {
-    Watch watch(-1, true, false);
-    std::vector<int> results(before, 0);
-    results.push_back(ENOMEM);
-    try {
-      FaultInjection const failure({{"new", std::move(results)}});
-      watch.control->setFd(number);
-      failed = false;
-    } catch (std::bad_alloc const&) {
-      EXPECT_EQ(watch.control->getFd(), -1);
-    }
-    if (failed) continue;
-    EXPECT_GT(before, 1U);
-    EXPECT_TRUE(runUntil([&] { return watch.read.runs > 0; }));
-  }
 }
 
 }  // namespace
