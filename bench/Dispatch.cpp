@@ -46,6 +46,7 @@ void addDispatch(Catalogue& catalogue) {
   addUnit<Accounting>(catalogue, "dispatch with accounting");
   catalogue.aim({"dispatch with accounting", "1 task", "brelo-libevent", 1.25, "libevent-precise"});
   catalogue.aim({"dispatch with accounting", "1 task", "brelo-host", 1.0, "libevent"});
+  catalogue.aim({"dispatch with accounting", "1 task", "brelo-host", 1.0, "asio"});
 }
 
 }  // namespace Bench
