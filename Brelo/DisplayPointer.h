@@ -33,5 +33,10 @@ BRELO_EXPORT fmt::format_context::iterator formatValue(DisplayPointer const& poi
 
 }  // namespace Brelo
 
+namespace fmt {
+
+/// What `formatValue` writes.
 template <>
-struct fmt::formatter<Brelo::DisplayPointer> : Brelo::Impl::Formatter<Brelo::DisplayPointer> {};
+struct formatter<Brelo::DisplayPointer> : Brelo::Impl::Formatter<Brelo::DisplayPointer> {};
+
+}  // namespace fmt

@@ -76,5 +76,10 @@ BRELO_EXPORT fmt::format_context::iterator formatValue(MappingInfo const& info,
 
 }  // namespace Brelo
 
+namespace fmt {
+
+/// What `formatValue` writes.
 template <>
-struct fmt::formatter<Brelo::MappingInfo> : Brelo::Impl::Formatter<Brelo::MappingInfo> {};
+struct formatter<Brelo::MappingInfo> : Brelo::Impl::Formatter<Brelo::MappingInfo> {};
+
+}  // namespace fmt

@@ -180,6 +180,11 @@ BRELO_EXPORT bool refCountingEnabled();
 
 }  // namespace Brelo::Platform
 
+namespace fmt {
+
+/// What `formatValue` writes.
 template <>
-struct fmt::formatter<Brelo::Platform::EventPriority>
+struct formatter<Brelo::Platform::EventPriority>
     : Brelo::Impl::Formatter<Brelo::Platform::EventPriority> {};
+
+}  // namespace fmt

@@ -97,7 +97,11 @@ BRELO_EXPORT fmt::format_context::iterator formatValue(_TaskBase const& task,
 
 }  // namespace Brelo
 
+namespace fmt {
+
 /// For tasks of any class.
 template <class AnyTask>
-struct fmt::formatter<AnyTask, std::enable_if_t<std::is_base_of_v<Brelo::_TaskBase, AnyTask>, char>>
+struct formatter<AnyTask, std::enable_if_t<std::is_base_of_v<Brelo::_TaskBase, AnyTask>, char>>
     : Brelo::Impl::Formatter<AnyTask> {};
+
+}  // namespace fmt

@@ -63,5 +63,10 @@ BRELO_EXPORT fmt::format_context::iterator formatValue(TaskPriority priority,
 
 }  // namespace Brelo
 
+namespace fmt {
+
+/// What `formatValue` writes.
 template <>
-struct fmt::formatter<Brelo::TaskPriority> : Brelo::Impl::Formatter<Brelo::TaskPriority> {};
+struct formatter<Brelo::TaskPriority> : Brelo::Impl::Formatter<Brelo::TaskPriority> {};
+
+}  // namespace fmt

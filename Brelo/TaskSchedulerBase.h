@@ -227,8 +227,12 @@ BRELO_EXPORT fmt::format_context::iterator formatValue(TaskScheduler const& sche
 
 }  // namespace Brelo
 
+namespace fmt {
+
 /// For schedulers of any class.
 template <class AnyScheduler>
-struct fmt::formatter<AnyScheduler,
-                      std::enable_if_t<std::is_base_of_v<Brelo::TaskScheduler, AnyScheduler>, char>>
+struct formatter<AnyScheduler,
+                 std::enable_if_t<std::is_base_of_v<Brelo::TaskScheduler, AnyScheduler>, char>>
     : Brelo::Impl::Formatter<AnyScheduler> {};
+
+}  // namespace fmt

@@ -95,5 +95,10 @@ BRELO_EXPORT fmt::format_context::iterator formatValue(TaskTimeDuration const& d
 
 }  // namespace Brelo
 
+namespace fmt {
+
+/// What `formatValue` writes.
 template <>
-struct fmt::formatter<Brelo::TaskTimeDuration> : Brelo::Impl::Formatter<Brelo::TaskTimeDuration> {};
+struct formatter<Brelo::TaskTimeDuration> : Brelo::Impl::Formatter<Brelo::TaskTimeDuration> {};
+
+}  // namespace fmt
