@@ -149,11 +149,13 @@ BRELO_EXPORT std::string vfmthrow(Platform::DebugHandler const& handler, unsigne
 }  // namespace Impl
 
 /// Writes one trace line, `cls::func() text`, or the text alone for a null `cls`. Does not test
-/// the level: that is the call site's duty (BRELO_TRACE).
+/// the level: that is the call site's duty (BRELO_TRACE). Stays out of line, and with it the
+/// arguments' array.
 template <class... Args>
-void fmtrace(Platform::DebugHandler const& handler, unsigned short level, char const* file,
-             char const* func, int line, char const* cls, fmt::string_view format,
-             Args const&... args) {
+[[gnu::cold, gnu::noinline]] void fmtrace(Platform::DebugHandler const& handler,
+                                          unsigned short level, char const* file, char const* func,
+                                          int line, char const* cls, fmt::string_view format,
+                                          Args const&... args) {
   Impl::vfmtrace(handler, level, cls, file, func, line, format, fmt::make_format_args(args...));
 }
 

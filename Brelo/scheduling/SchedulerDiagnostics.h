@@ -14,9 +14,10 @@ namespace Brelo::Impl {
 [[noreturn]] void schedulerAssertFail(Platform::DebugStream const& text, char const* func,
                                       unsigned line);
 
+/// The parts come by value, so that no local of a hot function has an address.
 template <class... Parts>
 [[noreturn, gnu::cold, gnu::noinline]] void schedulerFail(char const* func, unsigned line,
-                                                          Parts const&... parts) {
+                                                          Parts... parts) {
   Platform::DebugStream text;
   (text << ... << parts);
   schedulerAssertFail(text, func, line);
