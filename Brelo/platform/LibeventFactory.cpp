@@ -4,10 +4,6 @@
 #include <pthread.h>
 
 #include <cerrno>
-#include <exception>
-#include <new>
-#include <system_error>
-#include <utility>
 
 #include "Brelo/Assert.h"
 #include "Brelo/MemTrack.h"
@@ -27,9 +23,6 @@ ModuleTrace const Impl::libeventTrace("BreloLibevent");
 namespace {
 
 thread_local unsigned liveControls = 0;
-thread_local std::exception_ptr keptException;
-thread_local std::uint64_t passes = 0;
-thread_local bool inPass = false;
 thread_local unsigned warnings = 0;
 bool forkedChild = false;
 
@@ -64,43 +57,6 @@ struct LeInitializer {
   }
 };
 
-/// Bounds one run of the loop: breaks it `timeout` seconds after construction.
-class EvLoopBreak {
- public:
-  explicit EvLoopBreak(double timeout) {
-    BRELO_TRACE(libeventTrace, 8, "EvLoopBreak", "{} timeout {}", DisplayPointer(this), timeout);
-    event_assign(&event_, ev_base, -1, 0, handleBaseLoopBreak, this);
-    eventPrioritySet(&event_, Platform::eventPriorityDefault);
-    timeval const tv = toTimeval(timeout);
-    if (event_add(&event_, &tv) != 0) throw std::bad_alloc();
-  }
-  EvLoopBreak(EvLoopBreak const&) = delete;
-  EvLoopBreak& operator=(EvLoopBreak const&) = delete;
-  ~EvLoopBreak() {
-    BRELO_TRACE(libeventTrace, 9, "EvLoopBreak", "{}", DisplayPointer(this));
-    event_del(&event_);
-  }
-
- private:
-  static void handleBaseLoopBreak(int, short, void* self) {
-    BRELO_TRACE(libeventTrace, 8, "EvLoopBreak", "{}", DisplayPointer(self));
-    event_base_loopbreak(ev_base);
-    event_del(&static_cast<EvLoopBreak*>(self)->event_);
-  }
-
-  event event_;
-};
-
-void traceRefusal() {
-  BRELO_TRACE(libeventTrace, 0, "Brelo", "the loop cannot be entered on base:{}",
-              DisplayPointer(ev_base));
-}
-
-void eventLoopTimeout(double timeout) {
-  BRELO_TRACE(libeventTrace, 5, "Brelo", "timeout {}", timeout);
-  Impl::leDispatchFor(timeout);
-}
-
 }  // namespace
 
 void Impl::leControlAdded() {
@@ -116,63 +72,8 @@ bool Impl::leMayTouch(event const& ev) {
   return !forkedChild || event_get_base(&ev) == ev_base;
 }
 
-void Impl::leKeepException() {
-  keptException = std::current_exception();
-  event_base_loopbreak(ev_base);
-}
-
 unsigned Impl::leWarnings() {
   return warnings;
-}
-
-std::uint64_t Impl::lePasses() {
-  return passes;
-}
-
-std::uint64_t Impl::lePass() {
-  return inPass ? passes : 0;
-}
-
-// One pass of the loop:
-//
-// 1. Reads that a handler has turned off are taken out of the base, some of them one pass later
-//    (see LibeventFdControl::turnReadsOff).
-// 2. libevent looks at the descriptors: without waiting if a timer is due or such reads are left,
-//    else until the first timer or descriptor is. Timers that are due and descriptors that are
-//    ready become active, each at its priority.
-// 3. Everything active at `eventPriorityStrictHigh` is served: the master timers of the schedulers'
-//    wheels. Their handlers only queue tasks.
-// 4. After one more look, what is active at `eventPriorityDefault` is served: callbacks, timers,
-//    descriptors, the loop's bound. A scheduler's run is one of these callbacks.
-//
-// An exception that a handler lets pass is kept, the loop breaks, and the loop's entry throws it.
-//
-// Not ordered: events of one priority among each other, and the two directions of one descriptor. A
-// callback asked for during a pass runs in a later one.
-void Impl::leDispatch() {
-  if (inPass) return traceRefusal();
-  int result;
-  int error;
-  do {
-    int const mode = leSettleReads(false) ? EVLOOP_ONCE | EVLOOP_NONBLOCK : EVLOOP_ONCE;
-    ++passes;
-    inPass = true;
-    errno = 0;
-    result = event_base_loop(ev_base, mode);
-    error = errno;
-    inPass = false;
-  } while (result == 0 && !event_base_got_break(ev_base) && !event_base_got_exit(ev_base));
-  leSettleReads(true);
-  if (result < 0) {
-    if (error == 0) return traceRefusal();
-    throw std::system_error(error, std::generic_category(), "failed to wait for descriptors");
-  }
-  if (keptException) std::rethrow_exception(std::exchange(keptException, nullptr));
-}
-
-void Impl::leDispatchFor(double timeout) {
-  EvLoopBreak const loopBreak(timeout);
-  leDispatch();
 }
 
 event_base* leCreateBase() {
@@ -246,29 +147,6 @@ std::shared_ptr<Platform::CallbackControl> getLeCallbackControl(
 
 std::shared_ptr<Platform::FdControl> getLeFdControl(Platform::FdEventHandler* handler) {
   return makeTracked<LibeventFdControl>(handler);
-}
-
-void doLeEventLoop() {
-  leInit();
-  if (leFastForward()) Impl::leSkipFirstWait();
-  Impl::leDispatch();
-}
-
-void doLeEventLoop(double timeout) {
-  BRELO_TRACE(libeventTrace, 5, "Brelo", "timeout {}", timeout);
-  leInit();
-  if (!leFastForward()) return eventLoopTimeout(timeout);
-  double const end = time() + timeout;
-  do {
-    Impl::eventLoopFastForwardToFirstTimer(end - time());
-  } while (end > time());
-}
-
-void doLeEventLoopInWaitfor(double maxTimeout) {
-  BRELO_TRACE(libeventTrace, 5, "Brelo", "maxTimeout {}", maxTimeout);
-  leInit();
-  if (!leFastForward()) return eventLoopTimeout(maxTimeout);
-  Impl::eventLoopFastForwardToFirstTimer(maxTimeout);
 }
 
 Platform::Backend const& Platform::libeventBackend() {
