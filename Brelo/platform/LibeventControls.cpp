@@ -189,6 +189,7 @@ void LibeventFdControl::turnReadsOff() {
   bool const installed = readEvent_.ev_fd != -1;
   if (readsOffPass_ == 0 || !installed) return withdrawReads();
   if (!lingering_.linked()) lingering_.insertBefore(lingeringReads);
+  Impl::leReadsTurnedOff();
 }
 
 void LibeventFdControl::turnReadsOn() {

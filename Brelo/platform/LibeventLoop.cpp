@@ -46,6 +46,35 @@ class EvLoopBreak {
   event event_;
 };
 
+/// Passes in a row as one call of libevent. An entry of libevent for each pass costs it several
+/// locks, so that is done only while there are reads to settle between two.
+class Stretch {
+ public:
+  Stretch() {
+    event_assign(&end_, ev_base, -1, 0, handleEnd, this);
+    eventPrioritySet(&end_, Platform::eventPriorityDefault);
+  }
+  Stretch(Stretch const&) = delete;
+  Stretch& operator=(Stretch const&) = delete;
+  ~Stretch() { event_del(&end_); }
+
+  /// Ends the stretch with the present pass: what is active now is served before.
+  void end() { event_active(&end_, EV_TIMEOUT, 1); }
+  /// Whether it was this that ended it; once.
+  bool ended() { return std::exchange(ended_, false); }
+
+ private:
+  static void handleEnd(int, short, void* self) {
+    static_cast<Stretch*>(self)->ended_ = true;
+    event_base_loopbreak(ev_base);
+  }
+
+  event end_;
+  bool ended_ = false;
+};
+
+thread_local Stretch* stretch = nullptr;  // while there are no reads to settle
+
 void traceRefusal() {
   BRELO_TRACE(libeventTrace, 0, "Brelo", "the loop cannot be entered on base:{}",
               DisplayPointer(ev_base));
@@ -57,6 +86,10 @@ void eventLoopTimeout(double timeout) {
 }
 
 }  // namespace
+
+void Impl::leReadsTurnedOff() {
+  if (stretch != nullptr) std::exchange(stretch, nullptr)->end();
+}
 
 void Impl::leKeepException() {
   keptException = std::current_exception();
@@ -74,7 +107,8 @@ std::uint64_t Impl::lePass() {
 // One pass of the loop:
 //
 // 1. Reads that a handler has turned off are taken out of the base, some of them one pass later
-//    (see LibeventFdControl::turnReadsOff).
+//    (see LibeventFdControl::turnReadsOff). Where there are none this takes no step: such passes
+//    are one call of libevent.
 // 2. libevent looks at the descriptors: without waiting if a timer is due or such reads are left,
 //    else until the first timer or descriptor is. Timers that are due and descriptors that are
 //    ready become active, each at its priority.
@@ -91,15 +125,19 @@ void Impl::leDispatch() {
   if (inPass) return traceRefusal();
   int result;
   int error;
+  Stretch passesInARow;
   do {
-    int const mode = leSettleReads(false) ? EVLOOP_ONCE | EVLOOP_NONBLOCK : EVLOOP_ONCE;
+    bool const lingers = leSettleReads(false);
+    stretch = lingers ? nullptr : &passesInARow;
     ++passes;
     inPass = true;
     errno = 0;
-    result = event_base_loop(ev_base, mode);
+    result = event_base_loop(ev_base, lingers ? EVLOOP_ONCE | EVLOOP_NONBLOCK : 0);
     error = errno;
     inPass = false;
-  } while (result == 0 && !event_base_got_break(ev_base) && !event_base_got_exit(ev_base));
+  } while (result == 0 && !event_base_got_exit(ev_base) &&
+           (passesInARow.ended() || !event_base_got_break(ev_base)));
+  stretch = nullptr;
   leSettleReads(true);
   if (result < 0) {
     if (error == 0) return traceRefusal();

@@ -32,10 +32,14 @@ void leKeepException();
 unsigned leWarnings();
 
 /// The passes of the calling thread's loop so far, and the number of the present one, 0 outside.
+/// Passes in a row before which no reads were to be settled count as one.
 /// @{
 std::uint64_t lePasses();
 std::uint64_t lePass();
 /// @}
+
+/// In a handler: `leSettleReads` is wanted before the next pass.
+void leReadsTurnedOff();
 
 /// Takes reads that have been turned off out of the calling thread's base, or all of them. True if
 /// some linger, which the next look must not wait for.
