@@ -95,7 +95,7 @@ bool isReadable(std::uintptr_t address) {
 }
 
 // The sanitizers' rules are not for a look at other functions' frames.
-[[gnu::no_sanitize("address", "thread", "undefined")]] std::uintptr_t wordAt(
+__attribute__((no_sanitize("address", "thread", "undefined"))) std::uintptr_t wordAt(
     std::uintptr_t address) {
   return *reinterpret_cast<std::uintptr_t const*>(address);
 }
@@ -122,7 +122,7 @@ int accessMemory(unw_addr_space_t, unw_word_t address, unw_word_t* value, int wr
 /// again, by numbers that it got at its first walk. In a daemon that has closed all descriptors
 /// since, these are files. The first walk of another thread may be setting libunwind up meanwhile,
 /// under a lock of its own: what that overwrites is set again at the next walk.
-[[gnu::no_sanitize_thread]] void testAddressesWithoutPipe() {
+__attribute__((no_sanitize("thread"))) void testAddressesWithoutPipe() {
   auto* const access = &unw_get_accessors(unw_local_addr_space)->access_mem;
   if (__atomic_load_n(access, __ATOMIC_RELAXED) == &accessMemory) return;
   __atomic_store_n(access, &accessMemory, __ATOMIC_RELAXED);
