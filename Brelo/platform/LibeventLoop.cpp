@@ -46,6 +46,9 @@ class EvLoopBreak {
   event event_;
 };
 
+class Stretch;
+thread_local Stretch* stretch = nullptr;  // while there are no reads to settle
+
 /// Passes in a row as one call of libevent. An entry of libevent for each pass costs it several
 /// locks, so that is done only while there are reads to settle between two.
 class Stretch {
@@ -56,7 +59,10 @@ class Stretch {
   }
   Stretch(Stretch const&) = delete;
   Stretch& operator=(Stretch const&) = delete;
-  ~Stretch() { event_del(&end_); }
+  ~Stretch() {
+    stretch = nullptr;
+    event_del(&end_);
+  }
 
   /// Ends the stretch with the present pass: what is active now is served before.
   void end() { event_active(&end_, EV_TIMEOUT, 1); }
@@ -72,8 +78,6 @@ class Stretch {
   event end_;
   bool ended_ = false;
 };
-
-thread_local Stretch* stretch = nullptr;  // while there are no reads to settle
 
 void traceRefusal() {
   BRELO_TRACE(libeventTrace, 0, "Brelo", "the loop cannot be entered on base:{}",
@@ -137,7 +141,6 @@ void Impl::leDispatch() {
     inPass = false;
   } while (result == 0 && !event_base_got_exit(ev_base) &&
            (passesInARow.ended() || !event_base_got_break(ev_base)));
-  stretch = nullptr;
   leSettleReads(true);
   if (result < 0) {
     if (error == 0) return traceRefusal();

@@ -7,13 +7,13 @@ namespace Brelo {
 
 namespace {
 
-using Counts = std::map<TaskPriority, std::uint32_t>;
-
+template <class Counts>
 std::uint32_t countOf(Counts const& counts, TaskPriority priority) {
   auto const found = counts.find(priority);
   return found == counts.end() ? 0 : found->second;
 }
 
+template <class Counts>
 void decrement(Counts& counts, TaskPriority priority, char const* func) {
   std::uint32_t& count = counts[priority];
   if (count == 0) {
