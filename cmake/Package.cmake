@@ -5,7 +5,7 @@ set(CPACK_PACKAGE_CONTACT "${PROJECT_NAME} maintainers <root@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY ${PROJECT_DESCRIPTION})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_COMPONENTS_ALL runtime development kit_runtime kit_development)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
@@ -16,20 +16,40 @@ set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
   "Tasks with priorities, timers and descriptors on one event loop, and reports\non them. The headers, and what CMake and pkg-config need to build\nprograms with it.")
 
+set(CPACK_COMPONENT_KIT_RUNTIME_DESCRIPTION
+  "Streams, listeners, signals, children and mailboxes for daemons on\nlibZelBrelo. The library, for programs built with it.")
+set(CPACK_COMPONENT_KIT_DEVELOPMENT_DESCRIPTION
+  "Streams, listeners, signals, children and mailboxes for daemons on\nlibZelBrelo. The headers, and what CMake and pkg-config need to build\nprograms with it.")
+
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzelbrelo${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_KIT_RUNTIME_PACKAGE_NAME libbrelodaemon${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_KIT_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_KIT_RUNTIME_PACKAGE_DEPENDS
+  "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION})")
 set(debian ${PROJECT_BINARY_DIR}/debian)
 file(WRITE ${debian}/triggers "activate-noawait ldconfig\n")
-file(WRITE ${debian}/shlibs "")
-foreach(library IN ITEMS libZelBrelo libzel libnetnsaid)
-  file(APPEND ${debian}/shlibs
-    "${library} ${PROJECT_VERSION_MAJOR} ${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION})\n")
-endforeach()
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${debian}/triggers ${debian}/shlibs)
+function(brelo_shared_libraries component) # what dpkg is told of the libraries in a package
+  set(shlibs ${debian}/${component}/shlibs)
+  file(WRITE ${shlibs} "")
+  foreach(library IN LISTS ARGN)
+    file(APPEND ${shlibs}
+      "${library} ${PROJECT_VERSION_MAJOR} ${CPACK_DEBIAN_${component}_PACKAGE_NAME} (>= ${PROJECT_VERSION})\n")
+  endforeach()
+  set(CPACK_DEBIAN_${component}_PACKAGE_CONTROL_EXTRA ${debian}/triggers ${shlibs} PARENT_SCOPE)
+endfunction()
+brelo_shared_libraries(RUNTIME libZelBrelo libzel libnetnsaid)
+brelo_shared_libraries(KIT_RUNTIME libBreloDaemon)
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libzelbrelo-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "libzelbrelo${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), libboost-dev, libevent-dev, libfmt-dev, libunwind-dev, pkg-config")
+
+set(CPACK_DEBIAN_KIT_DEVELOPMENT_PACKAGE_NAME libbrelodaemon-dev)
+set(CPACK_DEBIAN_KIT_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_KIT_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_KIT_DEVELOPMENT_PACKAGE_DEPENDS
+  "${CPACK_DEBIAN_KIT_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), ${CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME} (= ${PROJECT_VERSION})")
 include(CPack)
