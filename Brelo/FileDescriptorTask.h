@@ -55,6 +55,7 @@ class BRELO_EXPORT FileDescriptorTask : public _TaskBase, Platform::FdEventHandl
   void readFdEvent(int fd) override;
   void writeFdEvent(int fd) override;
   /// @}
+  std::string handlerName() const override;  ///< the task's name in quotes
 
   /// Watches `fd`, which becomes non-blocking. A descriptor other than the present one takes
   /// queued runs of either direction off; the interest in both directions stays. -1 is

@@ -20,7 +20,8 @@ namespace Brelo {
 
 namespace Impl {
 bool leSettleReads(bool all);  ///< for the loop: takes out watches of reads that are off
-}
+class LibeventPending;
+}  // namespace Impl
 
 /// Sets the event's priority after `event_assign`, which resets it. The event must not be active.
 BRELO_EXPORT void eventPrioritySet(event* ev, Platform::EventPriority priority);
@@ -43,6 +44,8 @@ class BRELO_EXPORT LibeventTimerControl : public Platform::TimerControl {
   double remainingTimeout() const override;
 
  private:
+  friend class Impl::LibeventPending;
+
   static void handleTimeout(int fd, short what, void* self);
   void handler();
 
@@ -68,6 +71,7 @@ class BRELO_EXPORT LibeventCallbackControl : public Platform::CallbackControl,
 
  private:
   void timeout() override;
+  void timerPending(Platform::PendingList& list, double remaining) const override;
 };
 
 /// `clearEvents()` keeps the descriptor and both wishes, so that `setFd` brings the watches back.
@@ -92,6 +96,7 @@ class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
 
  private:
   friend bool Impl::leSettleReads(bool all);
+  friend class Impl::LibeventPending;
 
   static void handleFdRead(int fd, short what, void* self);
   static void handleFdWrite(int fd, short what, void* self);

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <iosfwd>
 #include <memory>
 #include <string>
 
@@ -29,6 +31,8 @@ BRELO_EXPORT std::string toString(EventPriority priority);
 BRELO_EXPORT fmt::format_context::iterator formatValue(EventPriority priority,
                                                        fmt::format_context& context);
 
+class PendingList;
+
 /// Who a timer tells. Must outlive the timer's control.
 class BRELO_EXPORT TimeoutHandler {
  public:
@@ -39,6 +43,11 @@ class BRELO_EXPORT TimeoutHandler {
   /// True means dealt with, the loop carries on; false lets the exception rise to the caller of
   /// the loop entry, which can be entered again.
   virtual bool handleTimeoutException() { return false; }
+  /// What `pendingRender` calls it: its type, unless overridden.
+  virtual std::string handlerName() const;
+  /// For the library: adds what waits for this timer, which is armed. Unless overridden that is the
+  /// handler.
+  virtual void timerPending(PendingList& list, double remaining) const;
 };
 
 /// Who a callback control calls. Must outlive the control.
@@ -49,6 +58,8 @@ class BRELO_EXPORT CallbackHandler {
   virtual void callback() = 0;
   /// For what `callback()` throws; see `TimeoutHandler::handleTimeoutException`.
   virtual bool handleCallbackException() { return false; }
+  /// See `TimeoutHandler::handlerName`.
+  virtual std::string handlerName() const;
 };
 
 /// Who a descriptor watch tells. Must outlive the watch's control.
@@ -61,6 +72,8 @@ class BRELO_EXPORT FdEventHandler {
   virtual void writeFdEvent(int fd) = 0;
   /// For what the two above throw; see `TimeoutHandler::handleTimeoutException`.
   virtual bool handleFdException(int fd);
+  /// See `TimeoutHandler::handlerName`.
+  virtual std::string handlerName() const;
 };
 
 /// A one-shot timer; idle until armed, and idle again before its handler runs.
@@ -155,6 +168,29 @@ BRELO_EXPORT std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler);
 BRELO_EXPORT void doEventLoop();
 BRELO_EXPORT void doEventLoop(double seconds);
 /// @}
+
+/// The entry of the loop that is innermost on the calling thread at this moment, whichever of these
+/// it is, returns after its present pass; outside of the loop the next one after its first, which
+/// does not wait. From a handler or a task, not from another thread. An entry that an exception
+/// leaves before has not returned: it counts for the next one.
+BRELO_EXPORT void stopEventLoop();
+
+/// Writes what keeps the calling thread's `doEventLoop()` from returning, a line for each: timers
+/// that are armed, the first to expire first, those of timer tasks among them; callbacks that have
+/// been requested; descriptors that are watched. With the task's name in quotes or the handler's
+/// type (`handlerName()`), and the time left:
+///
+///     callback "main" due
+///     timer "heartbeat" in 0.250 s
+///     descriptor 7 "connection" reads writes
+///
+/// What others than the platform's controls wait for on the same loop is named as such. A wheel
+/// whose timers have been stopped may keep the loop as long as the first of them would have:
+///
+///     timer of an idle wheel in 1.240 s
+BRELO_EXPORT void pendingRender(std::ostream& stream);
+/// How many things that is, idle wheels not counted.
+BRELO_EXPORT std::size_t pendingCount();
 
 /// One step for a caller that polls for a condition: at most `maxTimeout` seconds. Under
 /// fast-forward a step on libevent ends at the first timer; on the host it runs its whole bound.

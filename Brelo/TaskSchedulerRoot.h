@@ -41,7 +41,8 @@ class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackH
   void requestSchedulerRun() override;
   void handleTaskForceYieldInTest() override {}
   void taskRegister(TaskImpl* task) override;
-  void callback() override;  ///< the run that was asked for
+  void callback() override;                  ///< the run that was asked for
+  std::string handlerName() const override;  ///< the root's name in quotes
 
   /// Follows the host's virtual time, then runs at most one task.
   void handleSchedulerRun();

@@ -66,6 +66,7 @@ class BRELO_EXPORT TimerTask : public TaskImpl, TimerWheelEvent {
   double currentExpirationTime() const;
   /// The wheel's notification: queues the task.
   void timeout() override;
+  std::string timerName() const override;  ///< the task's name in quotes
 
  private:
   template <class T>

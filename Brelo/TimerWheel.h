@@ -45,6 +45,8 @@ class BRELO_EXPORT TimerWheelEvent {
   /// Starts the timer, or moves it. Positive infinity stops it; not-a-number is an assertion;
   /// zero or less fires at the next pass of the loop.
   void setTimeout(std::shared_ptr<TimerWheel> const& wheel, double seconds);
+  /// What `Platform::pendingRender` calls it: its type, unless overridden.
+  virtual std::string timerName() const;
   /// Stops the timer; harmless on a stopped one.
   void delTimeout(std::shared_ptr<TimerWheel> const& wheel);
   /// Seconds to the expiry, 0.0 if it has passed, positive infinity for a timer that is stopped.
@@ -66,6 +68,7 @@ class BRELO_EXPORT TimerWheelEvent {
   friend class TimerWheel;
 
   static TimerWheelEvent* timeoutLink2TimerWheelEvent(struct timeout* link);
+  static TimerWheelEvent const* timeoutLink2TimerWheelEvent(struct timeout const* link);
 
   // Its `flags` hold the state, in bits that the wheel library leaves to its clients.
   struct timeout timeoutLink_;
@@ -130,6 +133,7 @@ class BRELO_EXPORT TimerWheel : Platform::TimeoutHandler,
   };
 
   void timeout() override;
+  void timerPending(Platform::PendingList& list, double remaining) const override;
   void drainWheel();
   void putBack(std::size_t first);
   void setCurrentTime(double now);

@@ -7,6 +7,7 @@
 #include "Brelo/Assert.h"
 #include "Zel/System.h"
 #include "ZelBrelo/Platform.h"
+#include "ZelBrelo/internal/PendingNotifiee.h"
 #include "ZelBrelo/internal/PlatformTrace.h"
 
 namespace ZelBrelo {
@@ -17,7 +18,7 @@ constexpr double never = std::numeric_limits<double>::infinity();
 
 }  // namespace
 
-class ClockTimer::Notifiee : public Zel::Clock::NotifieeConst {
+class ClockTimer::Notifiee : public Zel::Clock::NotifieeConst, public PendingNotifiee {
  public:
   explicit Notifiee(ClockTimer* owner) : owner_(owner) {}
 
@@ -28,6 +29,10 @@ class ClockTimer::Notifiee : public Zel::Clock::NotifieeConst {
       return;
     }
     onTime();
+  }
+  void addTo(Brelo::Platform::PendingList& list) const override {
+    if (owner_ == nullptr) return;
+    owner_->handler_->timerPending(list, timeMin() - Zel::System::currentTime());
   }
   void orphan() {
     BRELO_TRACE(platformTrace, 5, "ClockTimer::Notifiee", "");
@@ -107,6 +112,10 @@ bool Callback::pendingCallback() const {
 
 void Callback::timeout() {
   CallbackControl::handler_->callback();
+}
+
+void Callback::timerPending(Brelo::Platform::PendingList& list, double) const {
+  list.addCallback(CallbackControl::handler_->handlerName());
 }
 
 bool Callback::onNotificationException() {

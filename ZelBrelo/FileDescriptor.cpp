@@ -3,11 +3,12 @@
 #include <utility>
 
 #include "ZelBrelo/Platform.h"
+#include "ZelBrelo/internal/PendingNotifiee.h"
 #include "ZelBrelo/internal/PlatformTrace.h"
 
 namespace ZelBrelo {
 
-class FileDescriptor::Notifiee : public Zel::PtrInterface::NotifieeConst {
+class FileDescriptor::Notifiee : public Zel::PtrInterface::NotifieeConst, public PendingNotifiee {
  public:
   Notifiee(FileDescriptor* owner, int fd) : owner_(owner), notifieeFd_(fd) {}
 
@@ -25,6 +26,12 @@ class FileDescriptor::Notifiee : public Zel::PtrInterface::NotifieeConst {
     } else {
       onWritableCount();
     }
+  }
+  void addTo(Brelo::Platform::PendingList& list) const override {
+    if (owner_ == nullptr) return;
+    Zel::FileDescriptor const& host = *owner_->hostFd_;
+    list.addDescriptor(owner_->handler_->handlerName(), host.descriptor(), host.notifyOnReadable(),
+                       host.notifyOnWritable());
   }
   void orphan() {
     BRELO_TRACE(platformTrace, 5, "FileDescriptor::Notifiee", "fd:{}", notifieeFd_);

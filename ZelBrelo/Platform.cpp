@@ -3,6 +3,7 @@
 #include "Brelo/MemTrack.h"
 #include "Brelo/platform/Backend.h"
 #include "Zel/System.h"
+#include "ZelBrelo/internal/PendingNotifiee.h"
 #include "ZelBrelo/internal/PlatformTrace.h"
 
 namespace ZelBrelo {
@@ -44,13 +45,10 @@ void eventLoopFor(double seconds) {
 }  // namespace
 
 Backend const& hostBackend() {
-  static constexpr Backend row = {BackendKind::host,
-                                  timerControl,
-                                  ZelBrelo::getCallbackControl,
-                                  ZelBrelo::getFdControl,
-                                  &Zel::System::doRun,
-                                  eventLoopFor,
-                                  eventLoopFor};
+  static constexpr Backend row = {
+      BackendKind::host,      timerControl,          ZelBrelo::getCallbackControl,
+      ZelBrelo::getFdControl, &Zel::System::doRun,   eventLoopFor,
+      eventLoopFor,           &Zel::System::stopRun, ZelBrelo::pending};
   return row;
 }
 

@@ -54,6 +54,7 @@ class BRELO_EXPORT Callback : public Brelo::Platform::CallbackControl,
  private:
   void timeout() override;
   bool onNotificationException() override;
+  void timerPending(Brelo::Platform::PendingList& list, double remaining) const override;
 };
 
 /// `clearEvents()` forgets the descriptor; the wishes for reads and writes stay. A descriptor that

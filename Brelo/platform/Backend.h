@@ -21,6 +21,8 @@ struct Backend {
   void (*eventLoop)();
   void (*eventLoopFor)(double seconds);
   void (*eventLoopInWaitfor)(double maxTimeout);
+  void (*stopEventLoop)();
+  void (*pending)(PendingList& list);
 };
 
 /// The rows. The host's is defined where its controls are.

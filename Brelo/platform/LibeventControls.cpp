@@ -14,6 +14,7 @@
 #include "Brelo/Assert.h"
 #include "Brelo/LibeventFactory.h"
 #include "Brelo/platform/LibeventState.h"
+#include "Brelo/platform/Pending.h"
 
 namespace Brelo {
 
@@ -158,6 +159,10 @@ void LibeventCallbackControl::timeout() {
     BRELO_TRACE(libeventTrace, 9, "LibeventCallbackControl",
                 "Callback notification exception was handled");
   }
+}
+
+void LibeventCallbackControl::timerPending(Platform::PendingList& list, double) const {
+  list.addCallback(CallbackControl::handler_->handlerName());
 }
 
 LibeventFdControl::LibeventFdControl(Platform::FdEventHandler* handler) : FdControl(handler) {

@@ -150,9 +150,9 @@ std::shared_ptr<Platform::FdControl> getLeFdControl(Platform::FdEventHandler* ha
 }
 
 Platform::Backend const& Platform::libeventBackend() {
-  static constexpr Backend row = {BackendKind::libevent, getLeTimerControl, getLeCallbackControl,
-                                  getLeFdControl,        doLeEventLoop,     doLeEventLoop,
-                                  doLeEventLoopInWaitfor};
+  static constexpr Backend row = {BackendKind::libevent,  getLeTimerControl, getLeCallbackControl,
+                                  getLeFdControl,         doLeEventLoop,     doLeEventLoop,
+                                  doLeEventLoopInWaitfor, Impl::leStop,      Impl::lePending};
   return row;
 }
 

@@ -103,14 +103,14 @@ void Impl::leSkipFirstWait() {
   if (fastForwardDelayToFirstTimer(&delta)) applyFastForwardDelta(&delta);
 }
 
-void Impl::eventLoopFastForwardToFirstTimer(double maxTimeout) {
+bool Impl::eventLoopFastForwardToFirstTimer(double maxTimeout) {
   BRELO_TRACE(libeventTrace, 5, "Brelo", "maxTimeout {}", maxTimeout);
   if (!leFastForward()) BRELO_FAIL("Brelo", "Called without fastForward enabled");
   timeval const max = toTimeval(maxTimeout);
   timeval delay;
   bool const toTimer = fastForwardDelayToFirstTimer(&delay) && timercmp(&delay, &max, <);
   applyFastForwardDelta(toTimer ? &delay : &max);
-  Impl::leDispatchFor(0.0);
+  return Impl::leDispatchFor(0.0);
 }
 
 }  // namespace Brelo

@@ -18,6 +18,7 @@ namespace {
 thread_local std::exception_ptr keptException;
 thread_local std::uint64_t passes = 0;
 thread_local bool inPass = false;
+thread_local bool stopAsked = false;
 
 /// Bounds one run of the loop: breaks it `timeout` seconds after construction.
 class EvLoopBreak {
@@ -34,6 +35,10 @@ class EvLoopBreak {
   ~EvLoopBreak() {
     BRELO_TRACE(libeventTrace, 9, "EvLoopBreak", "{}", DisplayPointer(this));
     event_del(&event_);
+  }
+
+  static bool isEventOfOne(event const& ev) {
+    return event_get_callback(&ev) == handleBaseLoopBreak;
   }
 
  private:
@@ -79,6 +84,10 @@ class Stretch {
   bool ended_ = false;
 };
 
+void endStretch() {
+  if (stretch != nullptr) std::exchange(stretch, nullptr)->end();
+}
+
 void traceRefusal() {
   BRELO_TRACE(libeventTrace, 0, "Brelo", "the loop cannot be entered on base:{}",
               DisplayPointer(ev_base));
@@ -92,12 +101,21 @@ void eventLoopTimeout(double timeout) {
 }  // namespace
 
 void Impl::leReadsTurnedOff() {
-  if (stretch != nullptr) std::exchange(stretch, nullptr)->end();
+  endStretch();
 }
 
 void Impl::leKeepException() {
   keptException = std::current_exception();
   event_base_loopbreak(ev_base);
+}
+
+void Impl::leStop() {
+  stopAsked = true;
+  endStretch();
+}
+
+bool Impl::leIsBound(event const& ev) {
+  return EvLoopBreak::isEventOfOne(ev);
 }
 
 std::uint64_t Impl::lePasses() {
@@ -122,36 +140,46 @@ std::uint64_t Impl::lePass() {
 //    descriptors, the loop's bound. A scheduler's run is one of these callbacks.
 //
 // An exception that a handler lets pass is kept, the loop breaks, and the loop's entry throws it.
+// The pass in which a stop is asked for is the last one, and so is the first one of an entry for
+// which that was done before; it does not wait.
 //
 // Not ordered: events of one priority among each other, and the two directions of one descriptor. A
 // callback asked for during a pass runs in a later one.
-void Impl::leDispatch() {
-  if (inPass) return traceRefusal();
+bool Impl::leDispatch() {
+  if (inPass) {
+    traceRefusal();
+    return false;
+  }
   int result;
   int error;
   Stretch passesInARow;
   do {
     bool const lingers = leSettleReads(false);
-    stretch = lingers ? nullptr : &passesInARow;
+    bool const single = lingers || stopAsked;
+    stretch = single ? nullptr : &passesInARow;
     ++passes;
     inPass = true;
     errno = 0;
-    result = event_base_loop(ev_base, lingers ? EVLOOP_ONCE | EVLOOP_NONBLOCK : 0);
+    result = event_base_loop(ev_base, single ? EVLOOP_ONCE | EVLOOP_NONBLOCK : 0);
     error = errno;
     inPass = false;
-  } while (result == 0 && !event_base_got_exit(ev_base) &&
+  } while (result == 0 && !stopAsked && !event_base_got_exit(ev_base) &&
            (passesInARow.ended() || !event_base_got_break(ev_base)));
   leSettleReads(true);
   if (result < 0) {
-    if (error == 0) return traceRefusal();
-    throw std::system_error(error, std::generic_category(), "failed to wait for descriptors");
+    if (error != 0) {
+      throw std::system_error(error, std::generic_category(), "failed to wait for descriptors");
+    }
+    traceRefusal();
+    return false;
   }
   if (keptException) std::rethrow_exception(std::exchange(keptException, nullptr));
+  return std::exchange(stopAsked, false);
 }
 
-void Impl::leDispatchFor(double timeout) {
+bool Impl::leDispatchFor(double timeout) {
   EvLoopBreak const loopBreak(timeout);
-  leDispatch();
+  return leDispatch();
 }
 
 void doLeEventLoop() {
@@ -165,9 +193,8 @@ void doLeEventLoop(double timeout) {
   leInit();
   if (!leFastForward()) return eventLoopTimeout(timeout);
   double const end = time() + timeout;
-  do {
-    Impl::eventLoopFastForwardToFirstTimer(end - time());
-  } while (end > time());
+  while (!Impl::eventLoopFastForwardToFirstTimer(end - time()) && end > time()) {
+  }
 }
 
 void doLeEventLoopInWaitfor(double maxTimeout) {

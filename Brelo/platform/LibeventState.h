@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "Brelo/Debug.h"
+#include "Brelo/Platform.h"
 
 /// @file
 /// What the sources of the libevent backend share among themselves.
@@ -45,15 +46,23 @@ void leReadsTurnedOff();
 /// some linger, which the next look must not wait for.
 bool leSettleReads(bool all);
 
-/// Runs the calling thread's loop, then throws what `leKeepException` kept.
-void leDispatch();
+/// See `Platform::stopEventLoop`.
+void leStop();
+/// Adds what is in the calling thread's base, but for what belongs to the loop itself.
+void lePending(Platform::PendingList& list);
+/// The event is the bound of a loop's entry.
+bool leIsBound(event const& ev);
+
+/// Runs the calling thread's loop, then throws what `leKeepException` kept. True if `leStop` has
+/// ended it.
+bool leDispatch();
 /// The same, for `timeout` seconds at most.
-void leDispatchFor(double timeout);
+bool leDispatchFor(double timeout);
 
 /// With fast-forward on: moves time to the first timer.
 void leSkipFirstWait();
 /// With fast-forward on: moves time to the first timer, or by `maxTimeout` if that is less, and
-/// serves what has fallen due.
-void eventLoopFastForwardToFirstTimer(double maxTimeout);
+/// serves what has fallen due. True if `leStop` has ended that.
+bool eventLoopFastForwardToFirstTimer(double maxTimeout);
 
 }  // namespace Brelo::Impl

@@ -68,6 +68,10 @@ void doEventLoop(double seconds) {
   backend().eventLoopFor(seconds);
 }
 
+void stopEventLoop() {
+  backend().stopEventLoop();
+}
+
 void doEventLoopInWaitfor(double maxTimeout) {
   if (std::isnan(maxTimeout)) BRELO_FAIL("Brelo", "timeout is not a number");
   backend().eventLoopInWaitfor(maxTimeout);

@@ -8,6 +8,7 @@
 #include "Brelo/Assert.h"
 #include "Brelo/MemTrack.h"
 #include "Brelo/platform/Backend.h"
+#include "Brelo/platform/Pending.h"
 #include "Brelo/platform/TimerWheelTrace.h"
 
 namespace Brelo {
@@ -271,6 +272,30 @@ void TimerWheel::timeout() {
     timerExpired(event);
   }
   setMasterTimer();
+}
+
+/// The master timer stands for the timers of the wheel.
+void TimerWheel::timerPending(Platform::PendingList& list, double remaining) const {
+  struct Report {
+    Platform::PendingList& list;
+    double now;
+    bool idle = true;
+
+    void add(struct timeout const* link) {
+      idle = false;
+      auto const* const event = TimerWheelEvent::timeoutLink2TimerWheelEvent(link);
+      list.addTimer(event->timerName(), event->expirationTime_ - now);
+    }
+  } report{list, time()};
+  timeouts_each(
+      wheel_,
+      [](struct timeout const* link, void* argument) { static_cast<Report*>(argument)->add(link); },
+      &report);
+  for (auto const& [expiry, timers] : timersExpiryingSoon) {
+    for (auto const* link = timers.first(); link != nullptr; link = link->tqe.tqe_next)
+      report.add(link);
+  }
+  if (report.idle) list.addIdleWheel(remaining);
 }
 
 void TimerWheel::timerExpired(TimerWheelEvent* event) {

@@ -1,7 +1,9 @@
 // One timer of a wheel, and the control that gives it to a plain client.
 
+#include <boost/core/demangle.hpp>
 #include <boost/intrusive/parent_from_member.hpp>
 #include <limits>
+#include <typeinfo>
 #include <utility>
 
 #include "Brelo/Assert.h"
@@ -65,6 +67,14 @@ TimerWheelEvent* TimerWheelEvent::timeoutLink2TimerWheelEvent(struct timeout* li
   return boost::intrusive::get_parent_from_member(link, &TimerWheelEvent::timeoutLink_);
 }
 
+TimerWheelEvent const* TimerWheelEvent::timeoutLink2TimerWheelEvent(struct timeout const* link) {
+  return boost::intrusive::get_parent_from_member(link, &TimerWheelEvent::timeoutLink_);
+}
+
+std::string TimerWheelEvent::timerName() const {
+  return boost::core::demangle(typeid(*this).name());
+}
+
 void TimerWheelEvent::setTimeout(std::shared_ptr<TimerWheel> const& wheel, double seconds) {
   wheel->timerStart(this, seconds);
 }
@@ -111,6 +121,7 @@ class TimerWheelTimerControl : public TimerControl, TimerWheelEvent {
 
  private:
   void timeout() override { handler_->timeout(); }
+  std::string timerName() const override { return handler_->handlerName(); }
 
   std::shared_ptr<TimerWheel> timerWheel_;
 };

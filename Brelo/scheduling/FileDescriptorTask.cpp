@@ -152,6 +152,10 @@ void FileDescriptorTask::writeFdEvent(int fd) {
   writeTask_->scheduleTaskAt(now);
 }
 
+std::string FileDescriptorTask::handlerName() const {
+  return fmt::format("\"{}\"", taskName());
+}
+
 void FileDescriptorTask::_taskExecuteReadable() {
   if (!taskWatchReadable_) {
     BRELO_FAIL("FileDescriptorTask", "ReadTask should only run if taskWatchReadable");

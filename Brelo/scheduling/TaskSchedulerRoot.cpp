@@ -99,6 +99,10 @@ void TaskSchedulerRoot::callback() {
   handleSchedulerRun();
 }
 
+std::string TaskSchedulerRoot::handlerName() const {
+  return fmt::format("\"{}\"", schedulerName());
+}
+
 void TaskSchedulerRoot::handleSchedulerRun() {
   followVirtualTime();
   TaskScheduler::handleSchedulerRun();

@@ -109,6 +109,10 @@ TaskStat::TaskStatus TimerTask::taskStatus() const {
   return status;
 }
 
+std::string TimerTask::timerName() const {
+  return fmt::format("\"{}\"", taskName());
+}
+
 void TimerTask::timeout() {
   taskTimerRunning_ = false;
   TaskImpl::scheduleTask();

@@ -81,7 +81,8 @@ struct ActivityLoop::Run {
 // once more after that run has drained it.
 //
 // A pass that begins at the end of the execution time or later is the last one, so what has
-// been armed for a time before the end is told.
+// been armed for a time before the end is told. So is the one in which a stop is asked for, and
+// the first one of a run for which that was done before; it does not wait.
 //
 // Not ordered: descriptors among each other, except that objects on one number are told in
 // the order of binding. Nothing is looked at again between step 1 and the end of step 3.
@@ -94,7 +95,7 @@ bool ActivityLoop::pass(Run& run) {
   if (run.end || clock_.undecided()) clock_.nowIs(System::currentTime());
   descriptors_.prepare();
   clock_.collect();
-  if (clock_.due()) {
+  if (clock_.due() || stopped_) {
     descriptors_.poll();
   } else if (!waitForFirst(run)) {
     return false;
@@ -124,8 +125,9 @@ void ActivityLoop::run() {
     clock_.collect();
     tell();
   }
-  while (pass(run)) {
+  while (pass(run) && !stopped_) {
   }
+  stopped_ = false;
 }
 
 /// Step 1 with nothing due. False if there is nothing to wait for.

@@ -19,6 +19,10 @@ void PtrInterface::notify(AttributeId id) {
   });
 }
 
+void PtrInterface::forEachNotifiee(std::function<void(NotifieeConst&)> const& visit) {
+  forEach(notifiees_, visit);
+}
+
 PtrInterface::NotifieeConst::~NotifieeConst() = default;
 
 void PtrInterface::NotifieeConst::onAttribute(AttributeId, void const*) {}

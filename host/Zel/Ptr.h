@@ -135,6 +135,9 @@ class ZEL_EXPORT PtrInterface : public VFPtrInterface {
  public:
   class NotifieeConst;
 
+  /// Calls `visit` with each registered notifiee, in the order of registration.
+  void forEachNotifiee(std::function<void(NotifieeConst&)> const& visit);
+
  protected:
   PtrInterface() = default;
   ~PtrInterface() override;

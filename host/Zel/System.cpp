@@ -48,6 +48,10 @@ void doRun() {
   activityLoop().run();
 }
 
+void stopRun() {
+  activityLoop().stop();
+}
+
 String getenv(String const& name) {
   return String(::secure_getenv(name.str().c_str()));
 }

@@ -29,6 +29,11 @@ ZEL_EXPORT double timeAtMonotonic(std::int64_t nanoseconds);
 /// `std::system_error` if the system refuses an epoll set.
 ZEL_EXPORT void doRun();
 
+/// Ends the run of the activity loop that is innermost at this moment with its present pass, or
+/// the next run with its first, which does not wait. What an exception takes out of the loop
+/// before has not ended by this, which then counts for the next run. On the loop's thread.
+ZEL_EXPORT void stopRun();
+
 /// The value of an environment variable, empty if it is not set, and in a program that has other
 /// rights than its caller (set-user-id and the like). Any thread, while nobody changes the
 /// environment.

@@ -139,6 +139,19 @@ struct timeout* timeouts_get(struct timeouts* wheel) {
   return timer;
 }
 
+static void visit_list(struct timeout_list const* list, void (*visit)(struct timeout const*, void*),
+                       void* argument) {
+  struct timeout const* timer;
+  TAILQ_FOREACH(timer, list, tqe) visit(timer, argument);
+}
+
+void timeouts_each(struct timeouts const* wheel, void (*visit)(struct timeout const*, void*),
+                   void* argument) {
+  visit_list(&wheel->expired, visit, argument);
+  for (unsigned slot = 0; slot < SLOTS; ++slot)
+    visit_list(&wheel->slots[slot], visit, argument);
+}
+
 bool timeouts_expired(struct timeouts const* wheel) {
   return !TAILQ_EMPTY(&wheel->expired);
 }

@@ -79,6 +79,11 @@ bool timeouts_expired(struct timeouts const* wheel);
 /// Whether a timer waits for its tick; expired ones do not count.
 bool timeouts_pending(struct timeouts const* wheel);
 
+/// Calls `visit` with each timer that waits or has expired, in no order. It may not touch the
+/// wheel.
+void timeouts_each(struct timeouts const* wheel,
+                   void (*visit)(struct timeout const* timer, void* argument), void* argument);
+
 /// Ticks from the current one to the next update worth making: never later than the first timer,
 /// perhaps earlier if it is far. 0 if something has expired, else at least 1; the largest value if
 /// nothing waits.

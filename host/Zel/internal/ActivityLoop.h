@@ -11,9 +11,9 @@ namespace Zel {
 
 /// The loop behind `System::doRun()`.
 ///
-/// One in the process. It keeps nothing between passes, so that a run can begin inside
-/// another and an exception can leave one anywhere; what is armed, due, watched and found is
-/// with the queue and the set.
+/// One in the process. It keeps nothing between passes but whether it is to stop, so that a run can
+/// begin inside another and an exception can leave one anywhere; what is armed, due, watched and
+/// found is with the queue and the set.
 class ActivityLoop {
  public:
   ActivityLoop(ActivityManagerConfig& config, ClockQueue& clock, DescriptorSet& descriptors,
@@ -21,6 +21,9 @@ class ActivityLoop {
       : config_(config), clock_(clock), descriptors_(descriptors), lock_(lock) {}
 
   void run();
+  /// The run that is innermost now, or the next one, ends with its pass, which does not wait.
+  void stop() { stopped_ = true; }
+  ClockQueue& clock() { return clock_; }
 
  private:
   class Hold;
@@ -35,6 +38,7 @@ class ActivityLoop {
   ClockQueue& clock_;
   DescriptorSet& descriptors_;
   ActivityLock& lock_;
+  bool stopped_ = false;
 };
 
 ActivityLoop& activityLoop();

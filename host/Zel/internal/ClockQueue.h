@@ -36,6 +36,15 @@ class ClockQueue {
   /// Makes everything that has been armed for `now` or earlier due.
   void collect();
 
+  /// Calls `visit` with each armed notifiee, in no order.
+  template <class Visit>
+  void forEachArmed(Visit const& visit) {
+    for (auto* const list : {&past_, &fresh_, &due_})
+      forEach(*list, visit);
+    for (std::size_t index = 1; index < heap_.size(); ++index)
+      visit(*heap_[index].notifiee);
+  }
+
   /// Something that was collected waits to be taken.
   bool due() const { return due_.linked(); }
   /// Disarms and tells the next one in order; false if there is none. What it throws goes on

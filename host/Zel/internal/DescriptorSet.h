@@ -43,6 +43,15 @@ class DescriptorSet {
   bool watching() const { return polled_ != 0 || !alwaysReady_.empty(); }
   /// A look would not wait.
   bool isReady() const { return !alwaysReady_.empty(); }
+  /// Calls `visit` with each descriptor that asks for something, by number.
+  template <class Visit>
+  void forEachWatched(Visit const& visit) {
+    for (Watch& watch : watches_) {
+      forEach(watch.descriptors, [&](FileDescriptor& descriptor) {
+        if (descriptor.events() != 0) visit(descriptor);
+      });
+    }
+  }
   /// How many looks there have been.
   std::uint64_t looks() const { return looks_; }
 
