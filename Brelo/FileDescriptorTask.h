@@ -21,7 +21,8 @@ namespace Brelo {
 /// the moment it gets a descriptor; write interest is one-shot and ends as the handler starts.
 ///
 /// Owned through a shared pointer, which its runs need; belongs to the scheduler's thread. The
-/// descriptor stays the client's. When a handler throws, the task cannot be run any more.
+/// descriptor stays the client's. When a handler throws, the task cannot be run any more, unless
+/// the root's handler deals with it (`TaskSchedulerRoot::taskExceptionHandlerIs`).
 class BRELO_EXPORT FileDescriptorTask : public _TaskBase, Platform::FdEventHandler {
  public:
   /// Without a descriptor. The platform watch is of the calling thread's backend.

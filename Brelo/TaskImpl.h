@@ -19,7 +19,8 @@ class TaskGroup;
 ///
 /// A run goes to the end of `taskExecute()`; nothing preempts it. All of it belongs to the thread
 /// of the task's scheduler. An exception from `taskExecute()` passes through and leaves the
-/// scheduler without a further run until something requests one.
+/// scheduler without a further run until something requests one, unless the root has somebody who
+/// deals with it (`TaskSchedulerRoot::taskExceptionHandlerIs`).
 class BRELO_EXPORT TaskImpl : public _TaskBase, public TaskCounters {
  public:
   /// Where `taskShouldYield()` takes the time from.
@@ -123,6 +124,9 @@ class BRELO_EXPORT TaskImpl : public _TaskBase, public TaskCounters {
   void scheduleTaskAt(TaskTimePoint const& now);
   void unscheduleTaskAt(TaskTimePoint const& now);
   /// @}
+  /// Called in the catch block for what `taskExecute()` lets pass. True: the run goes on as if it
+  /// had returned. Asks the root.
+  virtual bool handleTaskException();
   /// Leaves the scheduler as the destructor would, without ending the object.
   void handleDestroy();
   /// Takes the task off its run queue, if it is there, and says nothing of busy and idle.

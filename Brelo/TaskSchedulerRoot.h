@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -64,6 +65,16 @@ class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackH
   /// @}
   /// `TaskImpl::taskShouldYieldModeReevaluate()` of every task of the tree.
   void taskShouldYieldModeReevaluate();
+
+  /// Who is asked for what a task of the tree lets pass, inside the catch block, so that it may
+  /// rethrow to look at it. True means dealt with: the run is accounted for like any other, the
+  /// next one is requested, and the task can run again. False, or an exception of its own, goes on
+  /// to the loop's entry, as all do without a handler: it is empty at first. A descriptor task is
+  /// asked for as itself; one that has ended meanwhile as its inner task. What comes out of a group
+  /// has been asked for with the task that let it pass.
+  void taskExceptionHandlerIs(std::function<bool(_TaskBase& task)> handler);
+  /// Asks it, for the library.
+  bool taskExceptionHandled(_TaskBase& task);
 
   /// Whether the thread check is off for this tree. It adds no locking.
   /// @{
@@ -136,6 +147,7 @@ class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackH
   std::set<TaskScheduler*> schedulers_;  // of the tree, this one included
   std::shared_ptr<Platform::CallbackControl> callbackControl_;
   std::shared_ptr<TimerWheel> timerWheel_;
+  std::shared_ptr<std::function<bool(_TaskBase&)> const> taskExceptionHandler_;
   std::uint64_t threadId_;
   std::int32_t processId_;
   char threadName_[16] = {};

@@ -2,6 +2,7 @@
 
 #include "Brelo/TaskSchedulerBase.h"
 #include "Brelo/TaskSchedulerHistory.h"
+#include "Brelo/TaskSchedulerRoot.h"
 
 namespace Brelo {
 
@@ -18,6 +19,16 @@ void FileDescriptorTask::ReadWriteTaskBase::handleTaskBusy() {
   if (fileDescriptorTask_ == nullptr) return;
   fileDescriptorTask_->taskBusyIs(fileDescriptorTask_->taskScheduled(),
                                   taskScheduler()->history().latestTime());
+}
+
+bool FileDescriptorTask::ReadWriteTaskBase::handleTaskException() {
+  if (fileDescriptorTask_ == nullptr) return Task::handleTaskException();
+  auto const held = fileDescriptorTask_->shared_from_this();
+  if (!taskScheduler()->root().taskExceptionHandled(*fileDescriptorTask_)) return false;
+  if (fileDescriptorTask_ != nullptr && fileDescriptorTask_->executingTask_ == this) {
+    fileDescriptorTask_->executingTask_ = nullptr;
+  }
+  return true;
 }
 
 void FileDescriptorTask::ReadTask::handleTaskBusy() {

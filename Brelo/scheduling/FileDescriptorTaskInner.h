@@ -17,6 +17,7 @@ class FileDescriptorTask::ReadWriteTaskBase : public Task {
   void orphanIs() { fileDescriptorTask_ = nullptr; }
 
  protected:
+  bool handleTaskException() override;
   ReadWriteTaskBase(FileDescriptorTask* owner, char const* suffix);
 
   FileDescriptorTask* fileDescriptorTask_;

@@ -27,6 +27,8 @@ class TaskGroup::ParentTask : public Task {
     if (taskGroup_ != nullptr) taskGroup_->resetStats();
   }
 
+  bool handleTaskException() override { return false; }
+
   TaskGroup* taskGroup() const { return taskGroup_; }
   void orphanIs() { taskGroup_ = nullptr; }
 

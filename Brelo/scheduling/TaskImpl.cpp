@@ -124,7 +124,11 @@ void TaskImpl::taskDoRun(TaskTimePoint const& now, TaskTimePoint* finish) {
   }
   ++taskRunCount;
   taskCurrentlyRunning_ = true;
-  taskExecute();
+  try {
+    taskExecute();
+  } catch (...) {
+    if (!handleTaskException()) throw;
+  }
   taskCurrentlyRunning_ = false;
   BRELO_SCHEDULER_ASSERT(taskMagicNumber_ == taskMagicNumberConstructed, "Task: ", this,
                          " taskMagicNumber: ", taskMagicNumber_,
@@ -144,6 +148,10 @@ void TaskImpl::taskDoRun(TaskTimePoint const& now, TaskTimePoint* finish) {
   taskTotalRunTime += used;
   taskHistoryInsert(end, TaskSchedulerEventType::runEnd);
   taskBusyIs(taskScheduled(), end);
+}
+
+bool TaskImpl::handleTaskException() {
+  return taskScheduler_->root().taskExceptionHandled(*this);
 }
 
 void TaskImpl::taskRunFromTest() {

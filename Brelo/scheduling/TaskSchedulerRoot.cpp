@@ -149,6 +149,17 @@ void TaskSchedulerRoot::taskShouldYieldModeReevaluate() {
     scheduler->taskShouldYieldModesReevaluate();
 }
 
+void TaskSchedulerRoot::taskExceptionHandlerIs(std::function<bool(_TaskBase& task)> handler) {
+  taskExceptionHandler_ =
+      handler ? std::make_shared<std::function<bool(_TaskBase&)> const>(std::move(handler))
+              : nullptr;
+}
+
+bool TaskSchedulerRoot::taskExceptionHandled(_TaskBase& task) {
+  auto const handler = taskExceptionHandler_;  // which may replace itself
+  return handler != nullptr && (*handler)(task);
+}
+
 void TaskSchedulerRoot::threadSanityDisabledIs(bool disabled) {
   if (disabled == threadSanityDisabled_) return;
   BRELO_TRACE(schedulerTrace, 1, "TaskSchedulerRoot", "{} {}able thread sanity checking", *this,
