@@ -8,17 +8,15 @@ namespace BreloDaemon {
 
 StopStep::StopStep(std::string name, std::function<void()> refuse, std::function<void()> stop)
     : name_(std::move(name)), refuse_(std::move(refuse)), stop_(std::move(stop)) {
-  StopSequence::instance().add(this);
+  StopSequence::instance().add(*this);
 }
 
 StopStep::~StopStep() {
   done();
-  StopSequence::instance().remove(this);
 }
 
 void StopStep::done() {
-  if (std::exchange(done_, true)) return;
-  StopSequence::instance().done(*this);
+  if (!std::exchange(done_, true)) StopSequence::instance().remove(*this);
 }
 
 StopSequence& StopSequence::instance() {
@@ -31,36 +29,35 @@ void StopSequence::begin(std::function<void()> const& resume) {
   refuseAll();
 }
 
+// A step that is called may end itself and others, and make new ones, which come before it in the
+// list: they are for the next round.
 void StopSequence::refuseAll() {
-  StopStep* step = newest_;
-  while (step != nullptr) {
-    if (std::exchange(step->refused_, true)) {
-      step = step->older_;
-      continue;
+  for (bool found = true; found;) {
+    found = false;
+    next_ = newest_;
+    while (next_ != nullptr) {
+      StopStep& step = *std::exchange(next_, next_->older_);
+      if (std::exchange(step.refused_, true)) continue;
+      found = true;
+      if (auto const refuse = step.refuse_) refuse();
     }
-    auto const refuse = step->refuse_;  // which may destroy the step, and others
-    if (refuse) refuse();
-    step = newest_;
   }
 }
 
 bool StopSequence::goOn() {
   for (;;) {
-    refuseAll();  // steps that were made meanwhile
-    StopStep* step = newest_;
-    while (step != nullptr && step->done_)
-      step = step->older_;
-    if (step == nullptr) return true;
-    waitedFor_ = step;
-    if (std::exchange(step->stopped_, true)) return false;
-    auto const stop = step->stop_;
+    refuseAll();
+    waitedFor_ = newest_;
+    if (newest_ == nullptr) return true;
+    StopStep& step = *newest_;
+    if (std::exchange(step.stopped_, true)) return false;
     auto const* const resume =
         std::exchange(resume_, nullptr);  // what is done at once is seen here
     try {
-      if (stop) stop();
+      if (auto const stop = step.stop_) stop();
     } catch (...) {
       resume_ = resume;
-      if (waitedFor_ == step) step->done_ = true;
+      if (waitedFor_ == &step) step.done();
       throw;
     }
     resume_ = resume;
@@ -70,23 +67,20 @@ bool StopSequence::goOn() {
 std::vector<std::string> StopSequence::unfinished() const {
   std::vector<std::string> names;
   for (auto const* step = newest_; step != nullptr; step = step->older_)
-    if (!step->done_) names.push_back(step->name_);
+    names.push_back(step->name_);
   return names;
 }
 
-void StopSequence::add(StopStep* step) {
-  step->older_ = newest_;
-  if (newest_ != nullptr) newest_->newer_ = step;
-  newest_ = step;
+void StopSequence::add(StopStep& step) {
+  step.older_ = newest_;
+  if (newest_ != nullptr) newest_->newer_ = &step;
+  newest_ = &step;
 }
 
-void StopSequence::remove(StopStep* step) {
-  (step->newer_ != nullptr ? step->newer_->older_ : newest_) = step->older_;
-  if (step->older_ != nullptr) step->older_->newer_ = step->newer_;
-  if (waitedFor_ == step) waitedFor_ = nullptr;
-}
-
-void StopSequence::done(StopStep const& step) {
+void StopSequence::remove(StopStep const& step) {
+  if (next_ == &step) next_ = step.older_;
+  (step.newer_ != nullptr ? step.newer_->older_ : newest_) = step.older_;
+  if (step.older_ != nullptr) step.older_->newer_ = step.newer_;
   if (waitedFor_ != &step) return;
   waitedFor_ = nullptr;
   if (resume_ != nullptr) (*resume_)();

@@ -1,0 +1,247 @@
+#include "BreloDaemon/Daemon.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <list>
+#include <optional>
+#include <sstream>
+#include <utility>
+#include <vector>
+
+#include "Brelo/Assert.h"
+#include "Brelo/Platform.h"
+#include "Brelo/Time.h"
+#include "BreloDaemon/FunctionTask.h"
+#include "BreloDaemon/SignalTask.h"
+#include "BreloDaemon/StopStep.h"
+#include "BreloDaemon/internal/StandardError.h"
+#include "BreloDaemon/internal/StopSequence.h"
+
+namespace BreloDaemon {
+
+namespace {
+
+using Brelo::TaskPriority;
+
+// More exceptions than these within a second are no passing trouble.
+constexpr int exceptionsMax = 100;
+
+// How often it is looked whether anything is left, once nothing of the kit is.
+constexpr double lookSeconds = 0.01;
+
+/// Has done what comes before the first descriptor and the first write to a peer.
+std::string prepared(std::string name) {
+  Impl::openStandardDescriptors();
+  ::signal(SIGPIPE, SIG_IGN);
+  return name;
+}
+
+double inSeconds(std::chrono::nanoseconds duration) {
+  return std::chrono::duration<double>(duration).count();
+}
+
+/// What the exception in flight says of itself.
+std::string currentExceptionText() {
+  try {
+    throw;
+  } catch (std::exception const& exception) {
+    return exception.what();
+  } catch (...) {
+    return "an exception of unknown type";
+  }
+}
+
+}  // namespace
+
+class Daemon::Frame {
+ public:
+  Frame(std::string name, DaemonOptions const& options)
+      : name_(prepared(std::move(name))),
+        limit_(inSeconds(options.stopLimit)),
+        scheduler_(Brelo::TaskSchedulerRoot::TaskSchedulerRootIs(name_)),
+        goOn_(scheduler_, TaskPriority::absolute, name_ + ":stop", [this] { goOn(); }),
+        resume_([this] { goOn_.schedule(); }) {
+    if (!(limit_ > 0)) BRELO_FAIL("Daemon", "limit of {} s", limit_);
+    scheduler_->taskExceptionHandlerIs([this](Brelo::_TaskBase& task) {
+      exceptionThrown(&task);
+      return true;
+    });
+    stopSignals_.emplace(scheduler_, TaskPriority::absolute, name_ + ":signals",
+                         options.stopSignals, [this](auto const&) { stopSignal(); });
+  }
+  Frame(Frame const&) = delete;
+  ~Frame() {
+    StopSequence::instance().reset();
+    scheduler_->taskExceptionHandlerIs(nullptr);
+  }
+
+  std::string const& name() const { return name_; }
+  std::shared_ptr<Brelo::TaskSchedulerRoot> const& scheduler() const { return scheduler_; }
+  bool stopping() const { return stopping_; }
+
+  int run() {
+    while (!stopping_) {
+      if (enter([] { Brelo::Platform::doEventLoop(); })) stop(0);  // nothing was left, or a stop
+    }
+    while (!stepsDone_ && left() > 0)
+      enter([this] { Brelo::Platform::doEventLoop(left()); });
+    stopSignals_.reset();
+    while (left() > 0 && Brelo::Platform::pendingCount() > 0)
+      enter([this] { Brelo::Platform::doEventLoop(std::min(lookSeconds, left())); });
+    if (left() <= 0) sayWhatIsLeft();
+    return status_;
+  }
+
+  void stop(int status) {
+    status_ = std::max(status_, status);
+    if (std::exchange(stopping_, true)) return;
+    deadline_ = Brelo::time() + limit_;
+    for (int const signal : ownSignals_)
+      ::signal(signal, SIG_IGN);  // one that comes when nobody takes it any more
+    goOn_.schedule();
+    Brelo::Platform::stopEventLoop();  // entered again with a bound
+  }
+
+  void onStop(std::string name, std::function<void()> step) {
+    auto& place = steps_.emplace_back();
+    place.emplace(std::move(name), nullptr, [&place, step = std::move(step)] {
+      step();
+      place->done();
+    });
+  }
+
+  void onSignal(int signal, std::function<void()> handler) {
+    signals_.emplace_back(scheduler_, TaskPriority::high,
+                          name_ + ":signal" + std::to_string(signal),
+                          std::initializer_list<int>{signal},
+                          [handler = std::move(handler)](auto const&) { handler(); });
+    ownSignals_.push_back(signal);
+  }
+
+  void exceptionHandlerIs(std::function<bool(Brelo::_TaskBase*)> handler) {
+    exceptionHandler_ = std::move(handler);
+  }
+
+ private:
+  double left() const { return deadline_ - Brelo::time(); }
+
+  /// False if the loop was left by an exception.
+  template <class Entry>
+  bool enter(Entry entry) {
+    try {
+      entry();
+      return true;
+    } catch (...) {
+      exceptionThrown(nullptr);
+      scheduler_->requestSchedulerRun();
+      return false;
+    }
+  }
+
+  void goOn() {
+    try {
+      if (!std::exchange(begun_, true)) StopSequence::instance().begin(resume_);
+      stepsDone_ = StopSequence::instance().goOn();
+    } catch (...) {
+      goOn_.schedule();
+      throw;
+    }
+    if (stepsDone_) Brelo::Platform::stopEventLoop();
+  }
+
+  void stopSignal() {
+    if (!stopping_) return stop(0);
+    deadline_ = 0;
+    Brelo::Platform::stopEventLoop();
+  }
+
+  void exceptionThrown(Brelo::_TaskBase* task) {
+    try {
+      if (exceptionHandler_ != nullptr) {
+        if (!exceptionHandler_(task)) stop(1);
+        return;
+      }
+      say((task != nullptr ? "task \"" + task->taskName() + "\": " : "a handler: ") +
+          currentExceptionText());
+    } catch (...) {
+      // No memory for the text, or a handler that throws itself: counted like the others.
+    }
+    double const now = Brelo::time();
+    if (now - exceptionsSince_ > 1) {
+      exceptionsSince_ = now;
+      exceptions_ = 0;
+    }
+    if (++exceptions_ > exceptionsMax) stop(1);
+  }
+
+  void sayWhatIsLeft() {
+    status_ = std::max(status_, 1);
+    say("the end takes too long");
+    for (auto const& step : StopSequence::instance().unfinished())
+      say("step \"" + step + "\" is not done");
+    std::stringstream pending;
+    Brelo::Platform::pendingRender(pending);
+    for (std::string line; std::getline(pending, line);)
+      say(line);
+  }
+
+  void say(std::string const& text) { Impl::sayOnStandardError(name_ + ": " + text + "\n"); }
+
+  std::string const name_;
+  double const limit_;  // seconds
+  std::shared_ptr<Brelo::TaskSchedulerRoot> const scheduler_;
+  FunctionTask goOn_;
+  std::function<void()> const resume_;
+  std::optional<SignalTask> stopSignals_;
+  std::list<SignalTask> signals_;
+  std::vector<int> ownSignals_;
+  std::list<std::optional<StopStep>> steps_;
+  std::function<bool(Brelo::_TaskBase*)> exceptionHandler_;
+  double exceptionsSince_ = 0;
+  int exceptions_ = 0;
+  double deadline_ = 0;
+  int status_ = 0;
+  bool stopping_ = false;
+  bool begun_ = false;
+  bool stepsDone_ = false;
+};
+
+Daemon::Daemon(std::string name, DaemonOptions options)
+    : frame_(std::make_unique<Frame>(std::move(name), options)) {}
+
+Daemon::~Daemon() = default;
+
+std::string const& Daemon::name() const {
+  return frame_->name();
+}
+
+std::shared_ptr<Brelo::TaskSchedulerRoot> const& Daemon::scheduler() const {
+  return frame_->scheduler();
+}
+
+int Daemon::run() {
+  return frame_->run();
+}
+
+void Daemon::stop(int status) {
+  frame_->stop(status);
+}
+
+bool Daemon::stopping() const {
+  return frame_->stopping();
+}
+
+void Daemon::onStop(std::string name, std::function<void()> step) {
+  frame_->onStop(std::move(name), std::move(step));
+}
+
+void Daemon::onSignal(int signal, std::function<void()> handler) {
+  frame_->onSignal(signal, std::move(handler));
+}
+
+void Daemon::exceptionHandlerIs(std::function<bool(Brelo::_TaskBase* task)> handler) {
+  frame_->exceptionHandlerIs(std::move(handler));
+}
+
+}  // namespace BreloDaemon

@@ -1,0 +1,221 @@
+#include "BreloDaemon/Daemon.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Brelo/Platform.h"
+#include "Brelo/TaskScheduler.h"
+#include "BreloDaemon/Descriptor.h"
+#include "BreloDaemon/FunctionTask.h"
+#include "BreloDaemon/FunctionTimer.h"
+#include "BreloDaemon/StopStep.h"
+#include "support/Backend.h"
+#include "support/Handlers.h"
+#include "support/WorkTasks.h"
+
+namespace BreloDaemon {
+namespace {
+
+using namespace std::chrono_literals;
+using Brelo::TaskPriority;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class DaemonRun : public BreloTest::OnBothBackends {};
+INSTANTIATE_BOTH_BACKENDS(DaemonRun);
+
+/// Runs `body` with standard error going into a pipe; what arrived there.
+std::string standardErrorOf(std::function<void()> const& body) {
+  int ends[2];
+  EXPECT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+  Descriptor const readEnd(ends[0]);
+  Descriptor writeEnd(ends[1]);
+  Descriptor const saved(dup(STDERR_FILENO));
+  dup2(writeEnd.get(), STDERR_FILENO);
+  writeEnd.reset();
+  body();
+  dup2(saved.get(), STDERR_FILENO);
+  std::string text(1 << 17, '\0');
+  ssize_t const size = read(readEnd.get(), text.data(), text.size());
+  text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+  return text;
+}
+
+TEST_P(DaemonRun, EndsInOrderAtASignal) {
+  run([] {
+    std::vector<std::string> said;
+    auto const say = [&](char const* word) { return [&said, word] { said.push_back(word); }; };
+    Daemon daemon("test");
+    EXPECT_EQ(daemon.scheduler()->schedulerName(), "test");
+    FunctionTimer ticks(daemon.scheduler(), TaskPriority::normal, "ticks", [] {});
+    ticks.every(1h);
+    daemon.onStop("first made", say("first"));
+    std::optional<StopStep> slow;
+    FunctionTimer later(daemon.scheduler(), TaskPriority::normal, "later", [] {});
+    FunctionTask ends(daemon.scheduler(), TaskPriority::low, "ends", [&] {
+      said.push_back("slow is done");
+      slow.reset();
+    });
+    slow.emplace("slow", say("slow refuses"), [&] {
+      said.push_back("slow stops");
+      ends.schedule();
+    });
+    daemon.onStop("throws", [&] {
+      said.push_back("throws");
+      throw std::runtime_error("from a step");
+    });
+    daemon.onStop("last made", say("last"));
+    FunctionTask signals(daemon.scheduler(), TaskPriority::normal, "signals",
+                         [] { raise(SIGTERM); });
+    signals.schedule();
+    std::string const text = standardErrorOf([&] { EXPECT_EQ(daemon.run(), 0); });
+    EXPECT_THAT(
+        said, ElementsAre("slow refuses", "last", "throws", "slow stops", "slow is done", "first"));
+    EXPECT_EQ(text, "test: task \"test:stop\": from a step\n");
+    EXPECT_TRUE(daemon.stopping());
+  });
+}
+
+TEST_P(DaemonRun, ThatIsNotLetGoOfSaysWhatItIsAndFails) {
+  run([] {
+    Daemon daemon("test", {{SIGTERM}, 20ms});
+    StopStep const step("never done", nullptr, nullptr);
+    auto const timer =
+        std::make_shared<BreloTest::WorkTimer>(daemon.scheduler(), TaskPriority::normal, "waits");
+    timer->scheduleTaskDelay(100.0);
+    daemon.stop();
+    std::string const text = standardErrorOf([&] { EXPECT_EQ(daemon.run(), 1); });
+    EXPECT_THAT(text, HasSubstr("test: the end takes too long\n"
+                                "test: step \"never done\" is not done\n"));
+    EXPECT_THAT(text, HasSubstr("test: timer \"waits\" in 99."));
+  });
+  run([] {  // without a step, something else keeps the loop for a while
+    Daemon daemon("test");
+    auto const timer =
+        std::make_shared<BreloTest::WorkTimer>(daemon.scheduler(), TaskPriority::normal, "waits");
+    timer->scheduleTaskDelay(0.03);
+    daemon.stop(3);
+    daemon.stop(2);
+    EXPECT_EQ(daemon.run(), 3);
+    EXPECT_EQ(timer->taskRunCount, 1U);
+  });
+  run([] {  // a second signal ends it at once
+    Daemon daemon("test");
+    StopStep const step("never done", nullptr, [] { raise(SIGINT); });
+    raise(SIGTERM);
+    double const start = Brelo::time();
+    standardErrorOf([&] { EXPECT_EQ(daemon.run(), 1); });
+    EXPECT_LT(Brelo::time() - start, 5);
+  });
+}
+
+TEST_P(DaemonRun, GoesOnAfterExceptionsUntilThereAreTooMany) {
+  run([] {
+    Daemon daemon("test");
+    int runs = 0;
+    FunctionTask task(daemon.scheduler(), TaskPriority::normal, "fails", [&](auto& self) {
+      if (++runs < 3) self.scheduleTask();
+      if (runs == 2) throw 2;
+      throw std::runtime_error("no");
+    });
+    task.schedule();
+    BreloTest::Timer timer([&] {
+      if (timer.runs == 1) {
+        timer.control->setTimeout(0.001);
+        throw std::runtime_error("from a handler");
+      }
+      daemon.stop();
+    });
+    timer.control->setTimeout(0.001);
+    std::string const text = standardErrorOf([&] { EXPECT_EQ(daemon.run(), 0); });
+    EXPECT_EQ(text,
+              "test: task \"fails\": no\n"
+              "test: task \"fails\": an exception of unknown type\n"
+              "test: task \"fails\": no\n"
+              "test: a handler: from a handler\n");
+  });
+  run([] {
+    Daemon daemon("test");
+    FunctionTask task(daemon.scheduler(), TaskPriority::normal, "fails", [](auto& self) {
+      self.scheduleTask();
+      throw std::runtime_error("always");
+    });
+    task.schedule();
+    daemon.onStop("task", [&] { task.cancel(); });
+    standardErrorOf([&] { EXPECT_EQ(daemon.run(), 1); });
+  });
+  run([] {
+    Daemon daemon("test");
+    std::string asked;
+    daemon.exceptionHandlerIs([&](Brelo::_TaskBase* task) {
+      asked = task->taskName();
+      return false;
+    });
+    FunctionTask task(daemon.scheduler(), TaskPriority::normal, "fails",
+                      [] { throw std::runtime_error("once"); });
+    task.schedule();
+    EXPECT_EQ(daemon.run(), 1);
+    EXPECT_EQ(asked, "fails");
+  });
+}
+
+TEST_P(DaemonRun, SignalsAreRunsAndBrokenOutputHoldsNobodyUp) {
+  run([] {
+    Daemon daemon("test");
+    int reloads = 0;
+    daemon.onSignal(SIGHUP, [&] {
+      if (++reloads == 2) daemon.stop();
+      raise(SIGHUP);
+    });
+    raise(SIGHUP);
+    EXPECT_EQ(daemon.run(), 0);
+    EXPECT_GE(reloads, 2);
+  });
+  // A pipe that nobody reads: full, then closed.
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  Descriptor readEnd(ends[0]);
+  Descriptor const saved(dup(STDERR_FILENO));
+  dup2(ends[1], STDERR_FILENO);
+  close(ends[1]);
+  run([&] {
+    Daemon daemon("test");
+    int runs = 0;
+    FunctionTimer task(daemon.scheduler(), TaskPriority::normal, "fails", [&](auto&) {
+      if (++runs == 60) readEnd.reset();
+      if (runs == 80) daemon.stop();
+      throw std::runtime_error(std::string(3000, 'x'));
+    });
+    task.every(100us);
+    EXPECT_EQ(daemon.run(), 0);
+    EXPECT_EQ(runs, 80);
+  });
+  dup2(saved.get(), STDERR_FILENO);
+}
+
+TEST(DaemonStart, OpensStandardDescriptorsThatAreClosed) {
+  EXPECT_EXIT(
+      {
+        close(STDIN_FILENO);
+        close(STDOUT_FILENO);
+        Daemon daemon("test");
+        bool const open = fcntl(STDIN_FILENO, F_GETFL) >= 0 && fcntl(STDOUT_FILENO, F_GETFL) >= 0;
+        daemon.stop(open ? 7 : 8);
+        _exit(daemon.run());
+      },
+      testing::ExitedWithCode(7), "");
+}
+
+}  // namespace
+}  // namespace BreloDaemon
