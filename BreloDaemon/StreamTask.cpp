@@ -105,7 +105,8 @@ void StreamTask::taskExecute() {
 
 void StreamTask::serve() {
   if (gone()) return;
-  if (std::exchange(writeReady_, false)) flushUnsent();
+  if (keeper_ != nullptr && !closing_ && !std::exchange(begun_, true)) keeper_->streamBegins(*this);
+  if (std::exchange(writeReady_, false)) flushUnsent();  // none if it is gone
   tellDrained();
   receiveSome();
   flushGathered();

@@ -32,9 +32,10 @@ class StreamTask final : public Brelo::Task, public Brelo::Platform::FdEventHand
              std::string const& name, Descriptor descriptor);
   ~StreamTask() override;
 
-  /// Keeps the stream alive, and is told at the end of its last run.
+  /// Keeps the stream alive, and is told at the head of its first run and at the end of its last.
   class Keeper {
    public:
+    virtual void streamBegins(StreamTask& stream) = 0;
     virtual void streamEnded(StreamTask& stream) = 0;
 
    protected:
@@ -159,6 +160,7 @@ class StreamTask final : public Brelo::Task, public Brelo::Platform::FdEventHand
   int error_ = 0;
   Run* run_ = nullptr;  // while callbacks are called
   Keeper* keeper_ = nullptr;
+  bool begun_ = false;  // the keeper has been told
   std::list<std::shared_ptr<Stream>>::iterator place_;
   std::shared_ptr<Brelo::Platform::FdControl> control_;
   CallbackSlot<std::size_t(std::string_view)> receive_;
