@@ -6,6 +6,7 @@
 #include <list>
 #include <optional>
 #include <sstream>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -59,6 +60,7 @@ class Daemon::Frame {
   Frame(std::string name, DaemonOptions const& options)
       : name_(prepared(std::move(name))),
         limit_(inSeconds(options.stopLimit)),
+        readyAtRun_(options.readyAtRun),
         scheduler_(Brelo::TaskSchedulerRoot::TaskSchedulerRootIs(name_)),
         goOn_(scheduler_, TaskPriority::absolute, name_ + ":stop", [this] { goOn(); }),
         resume_([this] { goOn_.schedule(); }) {
@@ -69,6 +71,7 @@ class Daemon::Frame {
     });
     stopSignals_.emplace(scheduler_, TaskPriority::absolute, name_ + ":signals",
                          options.stopSignals, [this](auto const&) { stopSignal(); });
+    service_.feedWatchdog(scheduler_, options.watchdogPriority);
   }
   Frame(Frame const&) = delete;
   ~Frame() {
@@ -80,7 +83,10 @@ class Daemon::Frame {
   std::shared_ptr<Brelo::TaskSchedulerRoot> const& scheduler() const { return scheduler_; }
   bool stopping() const { return stopping_; }
 
+  ServiceNotify& service() { return service_; }
+
   int run() {
+    if (readyAtRun_) report(service_.ready());
     while (!stopping_) {
       if (enter([] { Brelo::Platform::doEventLoop(); })) stop(0);  // nothing was left, or a stop
     }
@@ -97,6 +103,7 @@ class Daemon::Frame {
     status_ = std::max(status_, status);
     if (std::exchange(stopping_, true)) return;
     deadline_ = Brelo::time() + limit_;
+    report(service_.stopping());
     for (int const signal : ownSignals_)
       ::signal(signal, SIG_IGN);  // one that comes when nobody takes it any more
     goOn_.schedule();
@@ -175,6 +182,10 @@ class Daemon::Frame {
     if (++exceptions_ > exceptionsMax) stop(1);
   }
 
+  void report(std::error_code error) {
+    if (error) say("the service manager cannot be told: " + error.message());
+  }
+
   void sayWhatIsLeft() {
     status_ = std::max(status_, 1);
     say("the end takes too long");
@@ -190,7 +201,9 @@ class Daemon::Frame {
 
   std::string const name_;
   double const limit_;  // seconds
+  bool const readyAtRun_;
   std::shared_ptr<Brelo::TaskSchedulerRoot> const scheduler_;
+  ServiceNotify service_;
   FunctionTask goOn_;
   std::function<void()> const resume_;
   std::optional<SignalTask> stopSignals_;
@@ -218,6 +231,10 @@ std::string const& Daemon::name() const {
 
 std::shared_ptr<Brelo::TaskSchedulerRoot> const& Daemon::scheduler() const {
   return frame_->scheduler();
+}
+
+ServiceNotify& Daemon::service() const {
+  return frame_->service();
 }
 
 int Daemon::run() {

@@ -8,22 +8,29 @@
 
 #include "Brelo/Export.h"
 #include "Brelo/TaskSchedulerRoot.h"
+#include "BreloDaemon/ServiceNotify.h"
 
 namespace BreloDaemon {
 
-/// How a daemon ends.
+/// How a daemon begins and ends.
 struct DaemonOptions {
   /// What begins the orderly end, with status 0. A second one while it lasts ends it at once.
   std::initializer_list<int> stopSignals = {15, 2};  // SIGTERM, SIGINT
   /// How long the orderly end may take; more than 0. A service manager has a limit of its own.
   std::chrono::nanoseconds stopLimit = std::chrono::seconds(10);
+  /// Whether `run()` tells the service manager that the daemon is ready, or the program will.
+  bool readyAtRun = true;
+  /// Of the task that feeds the service manager's watchdog, if there is one.
+  Brelo::TaskPriority watchdogPriority = Brelo::TaskPriority::normal;
 };
 
 /// The frame of a daemon's `main`: a scheduler, its loop, and an orderly end.
 ///
 /// Made first in `main`, before any thread and before everything that uses its scheduler: it opens
 /// /dev/null in place of standard descriptors that are closed, ignores SIGPIPE, and takes the
-/// signals that end the process. One on a thread at a time, which chooses its backend before.
+/// signals that end the process. One on a thread at a time, which chooses its backend before. The
+/// service manager, where there is one, hears that the daemon is ready, that it is stopping, and
+/// the signs of life that it asks for.
 ///
 ///     int main() {
 ///       BreloDaemon::Daemon daemon("echo");
@@ -52,6 +59,9 @@ class BRELO_EXPORT Daemon {
   std::string const& name() const;
   /// The root of all tasks of the daemon.
   std::shared_ptr<Brelo::TaskSchedulerRoot> const& scheduler() const;
+
+  /// The service manager, for a reload, a status line, or more time.
+  ServiceNotify& service() const;
 
   /// Runs the loop until the end has been reached; returns the exit status: that of `stop`, 0 for
   /// a signal, 1 when the end took longer than it may. Once.

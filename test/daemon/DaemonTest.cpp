@@ -4,9 +4,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -202,6 +206,31 @@ TEST_P(DaemonRun, SignalsAreRunsAndBrokenOutputHoldsNobodyUp) {
     EXPECT_EQ(runs, 80);
   });
   dup2(saved.get(), STDERR_FILENO);
+}
+
+TEST_P(DaemonRun, TheServiceManagerHearsOfBeginningLifeAndEnd) {
+  sockaddr_un address{AF_UNIX, {}};
+  std::string const name = "@brelo-daemon-" + std::to_string(getpid());
+  std::copy(name.begin() + 1, name.end(), address.sun_path + 1);
+  Descriptor const manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  ASSERT_EQ(bind(manager.get(), reinterpret_cast<sockaddr*>(&address),
+                 static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size())),
+            0);
+  setenv("NOTIFY_SOCKET", name.c_str(), 1);
+  setenv("WATCHDOG_USEC", "8000", 1);
+  run([] {
+    Daemon daemon("test");
+    BreloTest::Timer timer([&] { daemon.stop(); });
+    timer.control->setTimeout(0.01);
+    EXPECT_EQ(daemon.run(), 0);
+  });
+  std::vector<std::string> heard;
+  char text[256];
+  for (ssize_t size; (size = recv(manager.get(), text, sizeof text, 0)) > 0;) {
+    std::string const message(text, static_cast<std::size_t>(size));
+    if (heard.empty() || heard.back() != message) heard.push_back(message);
+  }
+  EXPECT_THAT(heard, ElementsAre("READY=1", "WATCHDOG=1", "STOPPING=1"));
 }
 
 TEST(DaemonStart, OpensStandardDescriptorsThatAreClosed) {
