@@ -6,9 +6,11 @@
 #include <sys/un.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <cstring>
+#include <system_error>
 
 namespace BreloDaemon {
 
@@ -90,9 +92,11 @@ SocketAddress SocketAddress::ofPeer(int fd) {
 }
 
 SocketAddress SocketAddress::ofSocket(int fd) {
-  return asked(fd, [](int of, sockaddr* address, socklen_t* size) {
+  auto const found = asked(fd, [](int of, sockaddr* address, socklen_t* size) {
     return ::getsockname(of, address, size);
   });
+  if (!found) throw std::system_error(errno, std::generic_category(), "the address of a socket");
+  return found;
 }
 
 std::string SocketAddress::path() const {

@@ -17,7 +17,8 @@ class SocketAddress {
   /// Reads a text; "/path" means "unix:/path". None if it is not an address: names of hosts are
   /// not looked up.
   static SocketAddress parse(std::string_view text);
-  /// Of an open socket; none if it has none.
+  /// Of an open socket. None if there is no peer any more; a socket's own throws
+  /// `std::system_error`.
   /// @{
   static SocketAddress ofPeer(int fd);
   static SocketAddress ofSocket(int fd);
