@@ -138,7 +138,7 @@ def wordd(command, environment):
                     line = daemon.stdout.readline()
                 else:  # the line got lost
                     line = ''
-                if line:
+                if line.startswith('listening'):
                     refused = talk(daemon, int(line.rsplit(':', 1)[1]), path)
                 daemon.send_signal(signal.SIGTERM)
                 out, errors = daemon.communicate()
@@ -168,7 +168,7 @@ def subjects(build):
         yield f'wordd, {backend}', lambda environment, command=daemon: wordd(command, environment)
     yield example('hello', '1 left')
     yield example('periodic_timer', 'stopped')
-    yield example('echo_server', 'the last line')
+    yield example('descriptors', 'the last line')
     yield example('fair_groups', 'in two groups')
     yield example('stats_socket', '^')  # its document is cut where its reader seems gone
     yield example('two_roots', 'has done.*has done')

@@ -4,17 +4,23 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <system_error>
 
-#include "Checked.h"
-#include "Descriptor.h"
+#include "BreloDaemon/Descriptor.h"
 
 namespace {
 
-using Wordd::checked;
+/// The result of a system call, or its error as a std::system_error.
+template <class Result>
+Result checked(Result result, char const* what) {
+  if (result < 0) throw std::system_error(errno, std::generic_category(), what);
+  return result;
+}
 
 void copy(int from, int to) {
   std::array<char, 64 << 10> buffer;
@@ -34,7 +40,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    Wordd::Descriptor const socket(
+    BreloDaemon::Descriptor const socket(
         checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
     sockaddr_in address{};
     address.sin_family = AF_INET;

@@ -1,23 +1,32 @@
 // wordd: counts the words of what is streamed to it.
-#include <fcntl.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <iostream>
-#include <limits>
+#include <memory>
+#include <optional>
+#include <sstream>
 #include <string>
 
 #include "Brelo/Backtrace.h"
 #include "Brelo/Debug.h"
+#include "Brelo/TaskScheduler.h"
 #include "Brelo/Thread.h"
-#include "Checked.h"
-#include "Daemon.h"
+#include "BreloDaemon/Daemon.h"
+#include "BreloDaemon/FunctionTimer.h"
+#include "BreloDaemon/Listener.h"
+#include "Output.h"
+#include "Session.h"
 
 namespace {
+
+using BreloDaemon::Daemon;
+using BreloDaemon::Listener;
+using BreloDaemon::Stream;
 
 struct Options {
   std::uint16_t port = 0;
@@ -34,7 +43,7 @@ void addTo(CLI::App& app, Options& options) {
   app.add_option("--port", options.port, "port to listen on; 0 picks one")->capture_default_str();
   app.add_option("--idle", options.idleSeconds,
                  "seconds after which an idle client is dropped; 0: never")
-      ->check(CLI::NonNegativeNumber)
+      ->check(CLI::Range(0.0, 1e9))
       ->capture_default_str();
   app.add_option("--clients", options.clients, "clients at a time; further ones wait")
       ->check(CLI::PositiveNumber)
@@ -50,7 +59,7 @@ void addTo(CLI::App& app, Options& options) {
                  "Unix socket that answers each connection with the statistics as JSON");
   app.add_option("--stats-seconds", options.statsSeconds,
                  "seconds in which they are to be read; 0: any")
-      ->check(CLI::NonNegativeNumber)
+      ->check(CLI::Range(0.0, 1e9))
       ->capture_default_str();
   app.add_option("--trace", options.trace, "trace settings, for example TaskScheduler/4+5");
   app.footer(
@@ -58,16 +67,73 @@ void addTo(CLI::App& app, Options& options) {
       "SIGTERM and SIGINT print the latest events and end the daemon.");
 }
 
-double orForEver(double seconds) {
-  return seconds > 0 ? seconds : std::numeric_limits<double>::infinity();
+/// 0 is never.
+std::chrono::nanoseconds asLimit(double seconds) {
+  if (seconds == 0) return std::chrono::nanoseconds::max();
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+      std::chrono::duration<double>(seconds));
 }
 
-/// What is opened from here on is none of the three, however we were started.
-void openStandardDescriptors() {
-  int fd = 0;
-  while (fd <= STDERR_FILENO)
-    fd = Wordd::checked(::open("/dev/null", O_RDWR), "/dev/null");
-  ::close(fd);
+/// Sends a reader the statistics, for which it has so much time.
+void sendStatistics(Stream& reader, Brelo::TaskSchedulerRoot& root, std::chrono::nanoseconds time) {
+  auto const limit = std::make_shared<BreloDaemon::FunctionTimer>(
+      root.shared_from_this(), Brelo::TaskPriority::normal, "stats:limit",
+      [&reader] { reader.abort(); });
+  limit->once(time);
+  reader.onEnd([limit](auto...) {});
+  reader.send(root.statsRenderJsonToString(true, true, true));
+  reader.close();
+}
+
+/// A report that there is no memory for is left out.
+template <class Report>
+void print(Wordd::Output& output, Report report) {
+  std::ostringstream text;
+  report(text);
+  output.print(text.str());
+}
+
+int serve(Options const& options) {
+  Daemon daemon("wordd");
+  auto const& root = daemon.scheduler();
+  Wordd::Output output(root);
+  daemon.onStop("history", [&] {
+    print(output, [&](std::ostream& out) { root->historyRenderTextForDebug(out); });
+  });
+  daemon.onSignal(SIGUSR1, [&] {
+    print(output,
+          [&](std::ostream& out) { root->statsRenderTextForDebug(out, true, false, true, false); });
+  });
+  daemon.onSignal(SIGUSR2, [&] {
+    print(output, [](std::ostream& out) { Brelo::BacktraceTracker::printAll(out); });
+  });
+
+  std::optional<Listener> statistics;
+  if (!options.statsPath.empty()) {
+    BreloDaemon::ListenerOptions readers;
+    readers.name = "stats";
+    readers.connectionsMax = 8;
+    statistics.emplace(
+        root, "unix:" + options.statsPath,
+        [&](Stream& reader) { sendStatistics(reader, *root, asLimit(options.statsSeconds)); },
+        readers);
+    statistics->onStop([](Stream& reader) { reader.abort(); });
+  }
+
+  auto const counting =
+      Brelo::TaskGroup::TaskGroupIs("counting", Brelo::TaskPriority::low, false, root);
+  auto const memory = std::make_shared<Wordd::MemoryBudget>(options.memory << 20);
+  BreloDaemon::ListenerOptions clients;
+  clients.connectionsMax = options.clients;
+  Listener listener(
+      root, "127.0.0.1:" + std::to_string(options.port),
+      [&](Stream& client) {
+        Wordd::Session::begin(client, counting, memory, asLimit(options.idleSeconds));
+      },
+      clients);
+  listener.onStop([](Stream& client) { client.abort(); });
+  output.print("listening on " + listener.addresses().front() + "\n");
+  return daemon.run();
 }
 
 }  // namespace
@@ -80,17 +146,11 @@ int main(int argc, char** argv) {
   addTo(app, options);
   CLI11_PARSE(app, argc, argv);
 
-  signal(SIGPIPE, SIG_IGN);  // a peer that has gone is an error of the write, stdout's included
   if (options.backend == "libevent") Brelo::useThreadLocalSingletons();
   if (!options.trace.empty()) Brelo::Platform::setupBreloDebug(options.trace.c_str());
   Brelo::BacktraceTracker::enabledIs(true);
   try {
-    openStandardDescriptors();
-    Wordd::Daemon daemon({options.port,
-                          {orForEver(options.idleSeconds), options.clients, options.memory << 20},
-                          options.statsPath,
-                          orForEver(options.statsSeconds)});
-    daemon.run();
+    return serve(options);
   } catch (std::exception const& error) {
     std::cerr << "wordd: " << error.what() << "\n";
     return 1;
