@@ -128,7 +128,6 @@ void StreamTask::settle() {
       shutDown();
     }
   }
-  if (kept_.empty()) handOver_ = false;
   if (!gone()) updateWatches();
   if (endDue_) return finish();
   if (!letGo_ && wantsRun()) scheduleTask();

@@ -65,6 +65,7 @@ void StreamTask::receiveSome() {
 }
 
 void StreamTask::handOver(std::string_view bytes) {
+  handOver_ = false;
   try {
     if (!kept_.empty()) kept_.append(bytes);
   } catch (std::bad_alloc const&) {
@@ -82,6 +83,7 @@ void StreamTask::handOver(std::string_view bytes) {
 }
 
 void StreamTask::handOverKept() {
+  handOver_ = false;
   std::size_t const consumed = checked(receive_(kept_), kept_.size());
   if (gone()) return;
   if (consumed == kept_.size()) {
@@ -94,10 +96,8 @@ void StreamTask::handOverKept() {
 
 /// To a new handler, or after a pause.
 void StreamTask::handOverAgain() {
-  while (handOver_ && !kept_.empty() && takesInput() && !taskShouldYield()) {
-    handOver_ = false;
+  while (handOver_ && !kept_.empty() && takesInput() && !taskShouldYield())
     handOverKept();
-  }
 }
 
 void StreamTask::checkReceiveLimit() {

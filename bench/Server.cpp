@@ -58,18 +58,6 @@ void serveToTheEnd(Server const& serve, std::vector<int> const& connections, Req
   if (!requests.complete()) throw std::runtime_error("server: the clients have gone");
 }
 
-/// The CPU time and the reports of one request.
-std::vector<double> serveBusy(Server const& serve, std::size_t clients, std::uint64_t count) {
-  Listener const listener;
-  ClientProcess const process(busyClients, listener, clients);
-  Connections connections;
-  connections.accept(listener, clients);
-  Requests requests(clients, count);
-  serveToTheEnd(serve, connections.fds(), requests);
-  auto const all = static_cast<double>(count);
-  return {requests.cpuSeconds() * 1e9 / all, static_cast<double>(requests.reports()) / all};
-}
-
 /// All clients have asked once before the measured part begins, which keeps a loop's first look at
 /// new descriptors out of it. The loop is held until all have asked again.
 std::vector<double> serveBurst(Server const& serve, std::size_t clients) {
@@ -103,13 +91,6 @@ std::vector<double> servePolite(Server const& serve, std::size_t busy, std::uint
   return {latency.median * 1e9, latency.percentile99 * 1e9};
 }
 
-/// Besides its connections a server has a few descriptors more, and so has the program.
-bool canHold(std::size_t clients, std::string const& what) {
-  if (mayOpenDescriptors(clients + 200)) return true;
-  std::cerr << "server: skipped for want of descriptors: " << what << '\n';
-  return false;
-}
-
 /// The peers' reports are left out: they call for each of them, and one read takes all there is.
 void addBusy(Catalogue& catalogue, std::size_t clients, std::string const& form) {
   if (!canHold(clients, form)) return;
@@ -123,7 +104,11 @@ void addBusy(Catalogue& catalogue, std::size_t clients, std::string const& form)
         figures, each.who, requestCount,
         [=, number = figures.size()](std::uint64_t count) {
           // Every client asks ten times or more: a small run has few.
-          auto values = serveBusy(each.serve, std::min<std::size_t>(clients, count / 10), count);
+          auto const busy =
+              serveBusy(each.serve, std::min<std::size_t>(clients, count / 10), count);
+          auto const all = static_cast<double>(count);
+          std::vector<double> values = {busy.cpuSeconds * 1e9 / all,
+                                        static_cast<double>(busy.reports) / all};
           values.resize(number);
           return values;
         },
@@ -172,6 +157,22 @@ void addMemory(Catalogue& catalogue) {
 }
 
 }  // namespace
+
+bool canHold(std::size_t clients, std::string const& what) {
+  if (mayOpenDescriptors(clients + 200)) return true;
+  std::cerr << "server: skipped for want of descriptors: " << what << '\n';
+  return false;
+}
+
+BusyFigures serveBusy(Server const& serve, std::size_t clients, std::uint64_t count) {
+  Listener const listener;
+  ClientProcess const process(busyClients, listener, clients);
+  Connections connections;
+  connections.accept(listener, clients);
+  Requests requests(clients, count);
+  serveToTheEnd(serve, connections.fds(), requests);
+  return {requests.cpuSeconds(), requests.reports()};
+}
 
 void addServer(Catalogue& catalogue) {
   addBusy(catalogue, 1, "1 client");

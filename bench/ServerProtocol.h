@@ -43,6 +43,12 @@ class Requests {
     return over_;
   }
 
+  /// The same for a server that reads and writes by itself: one request has been answered.
+  bool answered() {
+    if (!over_) over_ = isLast();
+    return over_;
+  }
+
   bool complete() const { return complete_; }
   double cpuSeconds() const { return run_.seconds(); }
   std::uint64_t reports() const { return reports_; }

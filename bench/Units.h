@@ -11,6 +11,7 @@ void addTimerExpiry(Catalogue& catalogue);
 void addLateness(Catalogue& catalogue);
 void addDescriptorWake(Catalogue& catalogue);
 void addServer(Catalogue& catalogue);
+void addStream(Catalogue& catalogue);
 void addGroupRun(Catalogue& catalogue);
 void addShouldYield(Catalogue& catalogue);
 void addReports(Catalogue& catalogue);

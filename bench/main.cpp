@@ -74,6 +74,7 @@ int runUnits(int argc, char** argv) {
   Bench::addLateness(catalogue);
   Bench::addDescriptorWake(catalogue);
   Bench::addServer(catalogue);
+  Bench::addStream(catalogue);
   Bench::addGroupRun(catalogue);
   Bench::addShouldYield(catalogue);
   Bench::addReports(catalogue);

@@ -91,6 +91,7 @@ unsigned openDescriptors() {
 
 // clang-format off
 INTERPOSE(int, bind, -1, (int fd, sockaddr const* address, socklen_t length), fd, address, length)
+INTERPOSE(int, accept4, -1, (int fd, sockaddr* address, socklen_t* size, int flags), fd, address, size, flags)
 INTERPOSE(int, chmod, -1, (char const* path, mode_t mode), path, mode)
 INTERPOSE(int, fchmod, -1, (int fd, mode_t mode), fd, mode)
 INTERPOSE(int, epoll_ctl, -1, (int set, int operation, int fd, epoll_event* event), set, operation, fd, event)
@@ -105,7 +106,9 @@ INTERPOSE(DIR*, opendir, nullptr, (char const* path), path)
 INTERPOSE(ssize_t, read, -1, (int fd, void* data, size_t size), fd, data, size)
 INTERPOSE(dirent*, readdir, nullptr, (DIR* dir), dir)
 INTERPOSE(ssize_t, readlink, -1, (char const* path, char* text, size_t size), path, text, size)
+INTERPOSE(ssize_t, recv, -1, (int fd, void* data, size_t size, int flags), fd, data, size, flags)
 INTERPOSE(int, rmdir, -1, (char const* path), path)
+INTERPOSE(ssize_t, send, -1, (int fd, void const* data, size_t size, int flags), fd, data, size, flags)
 INTERPOSE(int, setns, -1, (int fd, int type), fd, type)
 INTERPOSE(int, setsockopt, -1, (int fd, int level, int name, void const* value, socklen_t size), fd, level, name, value, size)
 INTERPOSE(int, socket, -1, (int domain, int type, int protocol), domain, type, protocol)

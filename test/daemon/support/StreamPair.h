@@ -44,7 +44,7 @@ class Peer {
   /// What there is to be read.
   std::string read(std::size_t most = 1 << 20) {
     std::string bytes(most, '\0');
-    ssize_t const got = ::recv(fd_.get(), bytes.data(), most, MSG_DONTWAIT);
+    ssize_t const got = ::recvfrom(fd_.get(), bytes.data(), most, MSG_DONTWAIT, nullptr, nullptr);
     ended_ = got == 0;
     reset_ = got < 0 && errno != EAGAIN;
     bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
@@ -53,7 +53,7 @@ class Peer {
   /// How much of it the kernel has taken.
   std::size_t write(std::string_view bytes) {
     ssize_t const taken =
-        ::send(fd_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        ::sendto(fd_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL, nullptr, 0);
     return taken > 0 ? static_cast<std::size_t>(taken) : 0;
   }
   bool ended() const { return ended_; }  ///< as of the last read
