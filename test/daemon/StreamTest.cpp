@@ -145,6 +145,25 @@ TEST_P(StreamTest, KeepsWhatTheKernelDoesNotTakeAndStopsReadingMeanwhile) {
   });
 }
 
+TEST_P(StreamTest, OffersTheRestOnceTheOutputHasDrained) {
+  run([] {
+    StreamPair pair;
+    std::string const answer = pattern(300'000);
+    pair.stream->receive([&](std::string_view requests) {
+      std::size_t done = 0;
+      while (done < requests.size() && pair.stream->unsent() < 64 << 10) {
+        pair.stream->send(answer);
+        ++done;
+      }
+      return done;
+    });
+    pair.peer.write("12345");
+    std::string got;
+    EXPECT_TRUE(loopUntil([&] { return (got += pair.peer.read()).size() == 5 * answer.size(); }));
+    EXPECT_EQ(pair.stream->unsent(), 0);
+  });
+}
+
 TEST_P(StreamTest, DrainsForWhoSendsByThemselves) {
   run([] {
     StreamPair pair;
