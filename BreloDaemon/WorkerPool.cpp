@@ -1,6 +1,5 @@
 #include "BreloDaemon/WorkerPool.h"
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <system_error>
@@ -8,6 +7,7 @@
 
 #include "Brelo/Assert.h"
 #include "Brelo/Thread.h"
+#include "BreloDaemon/internal/AllSignalsBlocked.h"
 #include "BreloDaemon/internal/WorkerThreads.h"
 
 namespace BreloDaemon {
@@ -15,23 +15,6 @@ namespace BreloDaemon {
 namespace {
 
 constexpr std::size_t threadNameMax = 15;
-
-/// The signal mask of the calling thread is full for its lifetime; a thread that is started
-/// meanwhile inherits it.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before_);
-  }
-  SignalsBlocked(SignalsBlocked const&) = delete;
-  SignalsBlocked& operator=(SignalsBlocked const&) = delete;
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
- private:
-  sigset_t before_;
-};
 
 }  // namespace
 
@@ -102,7 +85,7 @@ bool WorkerThreads::submit(std::unique_ptr<Job> job) {
 }
 
 void WorkerThreads::startThread() {
-  SignalsBlocked const inherited;
+  AllSignalsBlocked const inherited;
   try {
     threads_.emplace_back([this] { work(); });
   } catch (...) {

@@ -26,6 +26,7 @@ class MailboxTask : public Brelo::Task, Brelo::Platform::FdEventHandler {
   void taskExecute() override;
   void readFdEvent(int fd) override;
   void writeFdEvent(int) override {}
+  std::string handlerName() const override { return '"' + taskName() + '"'; }
 
   std::unique_ptr<Post> next();
   void settle(unsigned long ran);

@@ -42,6 +42,7 @@ class Watching : public Base, Brelo::Platform::FdEventHandler {
     control_->setReads(false);
   }
   void writeFdEvent(int) override {}
+  std::string handlerName() const override { return '"' + Base::taskName() + '"'; }
 
   std::shared_ptr<Brelo::Platform::FdControl> control_;
 };
