@@ -23,12 +23,11 @@ class FunctionTimer::Inner : public Brelo::TimerTask {
         std::string const& name, FunctionTask::Work work)
       : TimerTask(std::move(scheduler), priority, name),
         work_(std::move(work)),
-        stop_(
-            name, [this] { stopped_ = true; },
-            [this] {
-              cancel();
-              stop_.done();
-            }) {}
+        stop_(name, nullptr, [this] {
+          stopped_ = true;
+          cancel();
+          stop_.done();
+        }) {}
 
   void once(std::chrono::nanoseconds delay) {
     if (delay.count() < 0) BRELO_FAIL("FunctionTimer", "negative delay of {} ns", delay.count());

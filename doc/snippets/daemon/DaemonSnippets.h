@@ -1,0 +1,5 @@
+#pragma once
+
+/// The pieces of code in the pages of the daemon kit that no example contains.
+void daemonFrame();
+void functions();

@@ -1,0 +1,10 @@
+// Runs the code of the daemon kit's pages.
+#include <iostream>
+
+#include "DaemonSnippets.h"
+
+int main() {
+  daemonFrame();
+  functions();
+  std::cout << "all have run\n";
+}
