@@ -9,7 +9,7 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 packages=("$(realpath "$1")"/*.deb)
 read -ra names < <(for p in "${packages[@]}"; do dpkg-deb --field "$p" Package; done | xargs)
-client=$(realpath "$(dirname "$0")/consumer/main.cpp")
+consumer=$(realpath "$(dirname "$0")/consumer")
 scratch=$(mktemp -d)
 remove() {
   dpkg --purge "${names[@]}" >/dev/null
@@ -19,10 +19,15 @@ remove() {
 echo "-- install ${names[*]}"
 trap remove EXIT
 dpkg --install "${packages[@]}" >/dev/null
-echo "-- build and run a client"
-read -ra flags < <(pkg-config --cflags --libs ZelBrelo)
-g++ -std=c++17 "$client" "${flags[@]}" -o "$scratch/client"
-[ "$("$scratch/client")" = "consumer: done" ] || { echo "package: the client says something else" >&2; exit 1; }
+build_and_run() { # source pkg-config-module
+  local flags
+  read -ra flags < <(pkg-config --cflags --libs "$2")
+  g++ -std=c++17 "$consumer/$1" "${flags[@]}" -o "$scratch/client"
+  [ "$("$scratch/client")" = "consumer: done" ] || { echo "package: the client says something else" >&2; exit 1; }
+}
+echo "-- build and run clients"
+build_and_run main.cpp ZelBrelo
+build_and_run daemon.cpp BreloDaemon
 echo "-- remove"
 trap - EXIT
 remove

@@ -27,6 +27,8 @@ say "find_package"
 cmake -S consumer -B by-find -DCMAKE_PREFIX_PATH="$scratch/moved" >/dev/null
 cmake --build by-find >/dev/null
 runs by-find/consumer
+runs by-find/daemon
+! ldd by-find/consumer | grep BreloDaemon || fail "who does not use the kit is linked with it"
 
 say "pkg-config"
 PKG_CONFIG_PATH=$(dirname "$(find "$scratch/moved" -name ZelBrelo.pc)")
@@ -34,6 +36,9 @@ export PKG_CONFIG_PATH
 read -ra flags < <(pkg-config --cflags --libs ZelBrelo)
 g++ -std=c++17 consumer/main.cpp "${flags[@]}" -Wl,-rpath,"${PKG_CONFIG_PATH%/pkgconfig}" -o by-pkg-config
 runs ./by-pkg-config
+read -ra flags < <(pkg-config --cflags --libs BreloDaemon)
+g++ -std=c++17 consumer/daemon.cpp "${flags[@]}" -Wl,-rpath,"${PKG_CONFIG_PATH%/pkgconfig}" -o daemon-by-pkg-config
+runs ./daemon-by-pkg-config
 read -ra flags < <(pkg-config --static --cflags --libs ZelBrelo)
 g++ -std=c++17 consumer/main.cpp "${flags[@]}" -o by-pkg-config-static ||
   fail "pkg-config --static names a library that is not there"
@@ -48,4 +53,5 @@ say "add_subdirectory"
 cmake -S consumer -B by-subdirectory -DBRELO_SOURCE="$source" >/dev/null
 cmake --build by-subdirectory -j "$(nproc)" >/dev/null
 runs by-subdirectory/consumer
+runs by-subdirectory/daemon
 say "installed, moved and used in three ways"
