@@ -30,8 +30,8 @@ class BRELO_EXPORT ConstStringRef {
   ConstStringRef(ConstStringRef&& other) noexcept : bits_(std::exchange(other.bits_, 0)) {}
   ConstStringRef& operator=(ConstStringRef const& other) { return *this = ConstStringRef(other); }
   ConstStringRef& operator=(ConstStringRef&& other) noexcept {
-    ConstStringRef taken(std::move(other));
-    std::swap(bits_, taken.bits_);
+    ConstStringRef old;  // of nothing as a rule, or of what does not count
+    old.bits_ = std::exchange(bits_, std::exchange(other.bits_, 0));
     return *this;
   }
   /// @}

@@ -134,6 +134,7 @@ class BRELO_EXPORT TaskImpl : public _TaskBase, public TaskCounters {
 
  private:
   void handleInitialized();
+  void scheduleTaskPrivate(TaskTimePoint const& now);
   TaskTimeDuration runTimeUntil(TaskTimePoint const& now) const;
   bool countViolation(TaskTimeDuration used);
   bool clockSaysYield() const;

@@ -99,6 +99,8 @@ class BRELO_EXPORT TaskSchedulerHistory {
   void insert(TaskTimePoint const& time, TaskSchedulerEventType type,
               TaskScheduler const& scheduler);
   /// @}
+  /// The same for a subject of this tree, which has that name, and a type that is right for it.
+  void insertOwn(TaskTimePoint const& time, TaskSchedulerEventType type, ConstStringRef const& id);
   /// When the latest event was recorded, also if the ring keeps none: the time of the present step,
   /// for what follows from an event at once.
   TaskTimePoint const& latestTime() const { return latestTime_; }
@@ -122,8 +124,7 @@ class BRELO_EXPORT TaskSchedulerHistory {
   void renderText(std::ostream& stream) const;
 
  private:
-  void record(TaskTimePoint const& time, TaskSchedulerEventType type, ConstStringRef const& id,
-              TaskSchedulerHistory const& itsOwn);
+  void record(TaskTimePoint const& time, TaskSchedulerEventType type, ConstStringRef id);
   void releaseOverwritten() noexcept;
 
   ConstStringCache stringCache_;

@@ -39,7 +39,7 @@ void _TaskBase::taskBusyIs(bool busy, TaskTimePoint const& time) {
 
 void _TaskBase::taskHistoryInsert(TaskTimePoint const& time,
                                   TaskSchedulerEventType const& type) const {
-  taskScheduler_->history().insert(time, type, *this);
+  taskScheduler_->history().insertOwn(time, type, taskHistoryName_);
 }
 
 std::ostream& operator<<(std::ostream& stream, _TaskBase const* task) {

@@ -59,12 +59,16 @@ bool TaskImpl::taskScheduled() const {
 
 void TaskImpl::scheduleTask() {
   sanityCheckCurrentRunningThread();
-  if (!onRunQueue()) scheduleTaskAt(steadyNow());
+  if (!onRunQueue()) scheduleTaskPrivate(steadyNow());
 }
 
 void TaskImpl::scheduleTaskAt(TaskTimePoint const& now) {
   sanityCheckCurrentRunningThread();
-  if (onRunQueue()) return;
+  if (!onRunQueue()) scheduleTaskPrivate(now);
+}
+
+/// On the right thread, and on no queue.
+void TaskImpl::scheduleTaskPrivate(TaskTimePoint const& now) {
   if (taskSuspended_) {
     taskHistoryInsert(now, TaskSchedulerEventType::scheduleWhileSuspended);
     return;

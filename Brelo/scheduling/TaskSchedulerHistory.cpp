@@ -80,25 +80,33 @@ TaskSchedulerHistory::TaskSchedulerHistory(unsigned capacity)
 
 TaskSchedulerHistory::~TaskSchedulerHistory() = default;
 
+[[gnu::always_inline]] inline void TaskSchedulerHistory::record(TaskTimePoint const& time,
+                                                                TaskSchedulerEventType type,
+                                                                ConstStringRef id) {
+  latestTime_ = time;
+  events_->push_front(Event(time, type, std::move(id)));
+  ++recorded_;
+  if (!endedNames_.empty()) releaseOverwritten();
+}
+
+// A subject of another tree hands its name over to that tree's history.
 void TaskSchedulerHistory::insert(TaskTimePoint const& time, TaskSchedulerEventType type,
                                   _TaskBase const& task) {
   BRELO_SCHEDULER_ASSERT(eventNeedTask(type), "EventType: ", type);
-  record(time, type, task.taskHistoryName(), task.taskScheduler()->history());
+  auto const& id = task.taskHistoryName();
+  record(time, type, &task.taskScheduler()->history() == this ? id.uncounted() : id);
 }
 
 void TaskSchedulerHistory::insert(TaskTimePoint const& time, TaskSchedulerEventType type,
                                   TaskScheduler const& scheduler) {
   BRELO_SCHEDULER_ASSERT(!eventNeedTask(type), "EventType: ", type);
-  record(time, type, scheduler.schedulerNameRef(), scheduler.history());
+  auto const& id = scheduler.schedulerNameRef();
+  record(time, type, &scheduler.history() == this ? id.uncounted() : id);
 }
 
-void TaskSchedulerHistory::record(TaskTimePoint const& time, TaskSchedulerEventType type,
-                                  ConstStringRef const& id, TaskSchedulerHistory const& itsOwn) {
-  latestTime_ = time;
-  // A subject of another tree hands its name over to that tree's history.
-  events_->push_front(Event(time, type, &itsOwn == this ? id.uncounted() : id));
-  ++recorded_;
-  if (!endedNames_.empty()) releaseOverwritten();
+void TaskSchedulerHistory::insertOwn(TaskTimePoint const& time, TaskSchedulerEventType type,
+                                     ConstStringRef const& id) {
+  record(time, type, id.uncounted());
 }
 
 void TaskSchedulerHistory::nameEnded(ConstStringRef name) noexcept {
