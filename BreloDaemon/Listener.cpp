@@ -82,19 +82,18 @@ Listener::Core::RetryTask::RetryTask(Core& core, std::shared_ptr<Brelo::TaskSche
     : TimerTask(std::move(scheduler), core.options_.priority, core.options_.name + ":retry"),
       core_(core) {}
 
-Listener::Core::Core(std::shared_ptr<Brelo::TaskScheduler> scheduler,
-                     ListenAddresses const& addresses, StreamHandler onStream,
-                     ListenerOptions const& options)
+Listener::Core::Core(std::shared_ptr<Brelo::TaskScheduler> scheduler, Addresses const& addresses,
+                     StreamHandler onStream, ListenerOptions const& options)
     : onStream_(std::move(onStream)),
       options_(options),
       group_(Brelo::TaskGroup::TaskGroupIs(options.name, options.priority, true, scheduler)),
       step_(
-          listing(addresses.all), [this] { stopAccepting(); }, [this] { close(); }) {
+          listing(addresses.texts()), [this] { stopAccepting(); }, [this] { close(); }) {
   group_->taskGroupQuantumIs(options.quantum);
   group_->defaultTaskQuantumIs(options.quantum);
   retry_ = std::make_shared<RetryTask>(*this, scheduler);
   ListenSettings const settings{options.backlog, options.reusePort, options.unixMode};
-  for (std::string const& address : addresses.all) {
+  for (std::string const& address : addresses.texts()) {
     for (ListenSocket& socket : listenAt(address, settings))
       sockets_.push_back(std::move(socket));
   }
@@ -213,9 +212,8 @@ void Listener::Core::letGo() {
   step_.done();
 }
 
-Listener::Listener(std::shared_ptr<Brelo::TaskScheduler> scheduler,
-                   ListenAddresses const& addresses, StreamHandler onStream,
-                   ListenerOptions const& options)
+Listener::Listener(std::shared_ptr<Brelo::TaskScheduler> scheduler, Addresses const& addresses,
+                   StreamHandler onStream, ListenerOptions const& options)
     : core_(std::make_shared<Core>(std::move(scheduler), addresses, std::move(onStream), options)) {
 }
 

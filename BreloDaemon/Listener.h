@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
-#include <initializer_list>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -14,28 +13,10 @@
 
 #include "Brelo/Export.h"
 #include "Brelo/TaskPriority.h"
+#include "BreloDaemon/Addresses.h"
 #include "BreloDaemon/Stream.h"
 
 namespace BreloDaemon {
-
-/// Where to listen: one address or several. Nothing is looked up by name.
-///
-/// | Address | |
-/// |---|---|
-/// | "127.0.0.1:7000", "[::1]:7000" | TCP; port 0 is one of the kernel's choice |
-/// | "*:7000" | TCP on all addresses of both families |
-/// | "/run/x.sock", "unix:PATH", "unix:@NAME" | a Unix socket; the last form is in no file system |
-/// | "systemd", "systemd:NAME" | the sockets handed over by the service manager, or those of a name
-/// |
-class BRELO_EXPORT ListenAddresses {
- public:
-  ListenAddresses(char const* address) : all{address} {}
-  ListenAddresses(std::string address) : all{std::move(address)} {}
-  ListenAddresses(std::initializer_list<std::string> addresses) : all(addresses) {}
-  ListenAddresses(std::vector<std::string> addresses) : all(std::move(addresses)) {}
-
-  std::vector<std::string> all;
-};
 
 struct ListenerOptions {
   /// Of the streams' tasks and their group; with ":accept" that of the task that accepts.
@@ -67,14 +48,15 @@ class BRELO_EXPORT Listener {
  public:
   using StreamHandler = std::function<void(Stream& client)>;
 
-  /// Listens from here on. `onStream` is called for each connection in its first run: to give it
-  /// its handlers. What it throws ends the stream. TCP connections send without delay.
+  /// Listens from here on, at all of the addresses. `onStream` is called for each connection in its
+  /// first run: to give it its handlers. What it throws ends the stream. TCP connections send
+  /// without delay.
   ///
   /// A socket file that nobody listens at is replaced; any other file at its path stays, and is an
   /// error, as a link is. At the end the file is removed if it is still the one made here. The
   /// directory is locked (`flock`) meanwhile, so that of two that start one gets the path. What
   /// fails throws `std::system_error`, with the address in its text.
-  Listener(std::shared_ptr<Brelo::TaskScheduler> scheduler, ListenAddresses const& addresses,
+  Listener(std::shared_ptr<Brelo::TaskScheduler> scheduler, Addresses const& addresses,
            StreamHandler onStream, ListenerOptions const& options = {});
   Listener(Listener const&) = delete;
   Listener& operator=(Listener const&) = delete;

@@ -17,7 +17,7 @@ namespace BreloDaemon {
 /// What is behind a Listener. It outlives it for the rest of a handler that destroys it.
 class Listener::Core final : public std::enable_shared_from_this<Core>, StreamTask::Keeper {
  public:
-  Core(std::shared_ptr<Brelo::TaskScheduler> scheduler, ListenAddresses const& addresses,
+  Core(std::shared_ptr<Brelo::TaskScheduler> scheduler, Addresses const& addresses,
        StreamHandler onStream, ListenerOptions const& options);
 
   std::vector<std::string> const& addresses() const { return addresses_; }
