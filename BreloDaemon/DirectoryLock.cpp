@@ -34,7 +34,7 @@ DirectoryLock::DirectoryLock(std::string const& path, Wait wait) {
     ::nanosleep(&moment, nullptr);
   }
   if (wait != atOnce) {
-    throw std::system_error(errno, std::generic_category(), "cannot lock " + directory);
+    throw std::system_error(errno, std::generic_category(), path + ": locking its directory");
   }
 }
 

@@ -53,6 +53,7 @@ class Connector::Core::Attempt final : public Brelo::TimerTask,
   void taskExecute() override;
   void readFdEvent(int) override {}
   void writeFdEvent(int fd) override;
+  std::string handlerName() const override { return '"' + taskName() + '"'; }
 
  private:
   bool lookUp(std::string const& text);

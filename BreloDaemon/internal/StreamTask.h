@@ -75,6 +75,7 @@ class StreamTask final : public Brelo::Task, public Brelo::Platform::FdEventHand
   void readFdEvent(int fd) override;
   void writeFdEvent(int fd) override;
   void taskExecute() override;
+  std::string handlerName() const override { return '"' + taskName() + "\" of " + peerName(); }
 
  private:
   /// What lives for a run only.
