@@ -59,12 +59,23 @@ void Connector::Core::Attempt::writeFdEvent(int) {
 
 void Connector::Core::Attempt::taskExecute() {
   if (core_ == nullptr) return;
-  if (canceled_) return finish(systemError(ECANCELED));
-  if (std::exchange(writable_, false) && connected()) return finish({});
-  if (Brelo::time() >= deadline_) return finish(systemError(ETIMEDOUT));
+  std::optional<std::error_code> result;
+  try {
+    result = step();
+  } catch (std::bad_alloc const&) {
+    result = systemError(ENOMEM);
+  }
+  if (result) finish(*result);
+}
+
+/// How the attempt ends, if it does.
+std::optional<std::error_code> Connector::Core::Attempt::step() {
+  if (canceled_) return systemError(ECANCELED);
+  if (std::exchange(writable_, false) && connected()) return std::error_code();
+  if (Brelo::time() >= deadline_) return systemError(ETIMEDOUT);
   if (fd_ && !error_) error_ = systemError(ETIMEDOUT);  // its part of the time is over
   closeSocket();
-  next();
+  return next();
 }
 
 /// Whether the connection stands; the reason, otherwise, is in `error_`.
@@ -77,21 +88,22 @@ bool Connector::Core::Attempt::connected() {
 }
 
 /// Goes on until there is something to wait for.
-void Connector::Core::Attempt::next() {
+std::optional<std::error_code> Connector::Core::Attempt::next() {
   while (lookup_ == 0) {
     if (!addresses_.empty()) {
       SocketAddress const address = addresses_.back();
       addresses_.pop_back();
-      if (begin(address)) return;
+      if (begin(address)) return std::nullopt;
     } else if (!texts_.empty()) {
       std::string const text = std::move(texts_.back());
       texts_.pop_back();
       if (lookUp(text)) break;
     } else {
-      return finish(error_);
+      return error_;
     }
   }
   wait(deadline_ - Brelo::time());
+  return std::nullopt;
 }
 
 void Connector::Core::Attempt::wait(double limit) {
@@ -114,7 +126,8 @@ bool Connector::Core::Attempt::lookUp(std::string const& text) {
                                      [this](auto addresses, std::error_code error) {
                                        lookup_ = 0;
                                        error_ = error;
-                                       addresses_.assign(addresses.rbegin(), addresses.rend());
+                                       addresses_ = std::move(addresses);
+                                       std::reverse(addresses_.begin(), addresses_.end());
                                        scheduleTask();
                                      });
     return true;

@@ -11,7 +11,8 @@ namespace BreloDaemon {
 
 namespace {
 
-constexpr int triesOfASecond = 100;
+constexpr int triesOfASecond = 1000;
+constexpr int triesOfAMoment = 20;
 
 std::string directoryOf(std::string const& path) {
   auto const slash = path.rfind('/');
@@ -24,16 +25,16 @@ std::string directoryOf(std::string const& path) {
 DirectoryLock::DirectoryLock(std::string const& path, Wait wait) {
   std::string const directory = directoryOf(path);
   Descriptor opened(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  for (int tries = wait == atOnce ? 1 : triesOfASecond; opened; --tries) {
+  for (int tries = wait == aSecond ? triesOfASecond : triesOfAMoment; opened; --tries) {
     if (::flock(opened.get(), LOCK_EX | LOCK_NB) == 0) {
       directory_ = std::move(opened);
       return;
     }
     if ((errno != EWOULDBLOCK && errno != EINTR) || tries <= 1) break;
-    timespec const moment{0, 10'000'000};
-    ::nanosleep(&moment, nullptr);
+    timespec const pause{0, 1'000'000};
+    ::nanosleep(&pause, nullptr);
   }
-  if (wait != atOnce) {
+  if (wait == aSecond) {
     throw std::system_error(errno, std::generic_category(), path + ": locking its directory");
   }
 }

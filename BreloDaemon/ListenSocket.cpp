@@ -155,7 +155,7 @@ SocketFile& SocketFile::operator=(SocketFile&& other) noexcept {
 void SocketFile::remove() {
   std::string const path = std::exchange(path_, {});
   if (path.empty() || process_ != ::getpid()) return;
-  DirectoryLock const lock(path, DirectoryLock::atOnce);
+  DirectoryLock const lock(path, DirectoryLock::aMoment);
   struct stat status;
   if (!lock || ::lstat(path.c_str(), &status) != 0) return;
   if (status.st_dev == device_ && status.st_ino == inode_) ::unlink(path.c_str());

@@ -45,12 +45,12 @@ void StreamTask::receiveSome() {
   bool const ready = std::exchange(readReady_, false) || idleDue_;
   handOverAgain();
   if (!ready) return;
-  ThreadBuffer<struct ForReading> buffer;
+  ThreadBuffers::Loan buffer(ThreadBuffers::receiving);
   for (int reads = 0; reads < readsOfRun && takesInput() && !receiveEnded_; ++reads) {
     char* const into = buffer.get();
     if (into == nullptr) return end(StreamEnd::failed, ENOMEM);
-    ssize_t const got = isSocket_ ? ::recv(descriptor_.get(), into, buffer.size, 0)
-                                  : ::read(descriptor_.get(), into, buffer.size);
+    ssize_t const got = isSocket_ ? ::recv(descriptor_.get(), into, ThreadBuffers::size, 0)
+                                  : ::read(descriptor_.get(), into, ThreadBuffers::size);
     if (got < 0) {
       if (errno != EAGAIN && errno != EINTR) end(StreamEnd::failed, errno);
       return;
@@ -59,7 +59,7 @@ void StreamTask::receiveSome() {
     bytesReceived_ += static_cast<std::size_t>(got);
     handOver({into, static_cast<std::size_t>(got)});
     handOverAgain();
-    if (static_cast<std::size_t>(got) < buffer.size || taskShouldYield()) return;
+    if (static_cast<std::size_t>(got) < ThreadBuffers::size || taskShouldYield()) return;
     flushGathered();
   }
 }

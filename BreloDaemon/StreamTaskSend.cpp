@@ -92,7 +92,7 @@ void StreamTask::noteCongestion() {
 /// In a run, for its end. False if this is to go out at once.
 bool StreamTask::gather(std::string_view const* views, std::size_t count, std::size_t total) {
   if (run_ == nullptr || total > largestGathered) return false;
-  if (run_->gathered + total > run_->gatherBuffer.size) flushGathered();
+  if (run_->gathered + total > ThreadBuffers::size) flushGathered();
   if (gone() || !unsent_.empty()) return false;
   char* into = run_->gatherBuffer.get();
   if (into == nullptr) return false;

@@ -2,6 +2,7 @@
 
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -56,9 +57,10 @@ class Connector::Core::Attempt final : public Brelo::TimerTask,
   std::string handlerName() const override { return '"' + taskName() + '"'; }
 
  private:
+  std::optional<std::error_code> step();
   bool lookUp(std::string const& text);
   bool begin(SocketAddress const& address);
-  void next();
+  std::optional<std::error_code> next();
   void wait(double limit);
   bool connected();
   void closeSocket();

@@ -18,7 +18,7 @@
 #include "BreloDaemon/Descriptor.h"
 #include "BreloDaemon/Stream.h"
 #include "BreloDaemon/internal/CallbackSlot.h"
-#include "BreloDaemon/internal/ThreadBuffer.h"
+#include "BreloDaemon/internal/ThreadBuffers.h"
 
 namespace BreloDaemon {
 
@@ -80,7 +80,7 @@ class StreamTask final : public Brelo::Task, public Brelo::Platform::FdEventHand
  private:
   /// What lives for a run only.
   struct Run {
-    ThreadBuffer<struct ForGathering> gatherBuffer;
+    ThreadBuffers::Loan gatherBuffer{ThreadBuffers::gathering};
     std::size_t gathered = 0;
   };
 
@@ -138,6 +138,7 @@ class StreamTask final : public Brelo::Task, public Brelo::Platform::FdEventHand
   void restartIdleTimer();
   void noteMoves();
 
+  ThreadBuffers::User const usesBuffers_;
   Descriptor descriptor_;
   bool isSocket_;
   StreamEnd reason_ = StreamEnd::closed;
