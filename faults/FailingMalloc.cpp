@@ -12,9 +12,11 @@ void* __libc_realloc(void* memory, std::size_t size);
 
 namespace {
 
-unsigned long asked = 0;
-unsigned long failure = 0;  // 0 for never
-int uncounted = 1;          // until the first order
+// Of each thread: the C library's resolver of names, on a thread of its own, does not survive what
+// is asked of the others.
+thread_local unsigned long asked = 0;
+thread_local unsigned long failure = 0;  // 0 for never
+thread_local int uncounted = 1;          // until the first order
 
 /// Where a debugger stops for the stack of a failure.
 [[gnu::noinline]] void refuse() {

@@ -5,8 +5,8 @@
 
 namespace Faults {
 
-/// Makes the `nth` allocation from now on fail, counted from 1; 0 for none. Takes up the count
-/// anew.
+/// Makes the `nth` allocation of this thread from now on fail, counted from 1; 0 for none. Takes
+/// up the count anew.
 void failAllocation(unsigned long nth);
 
 /// Since the last call of `failAllocation`.

@@ -15,6 +15,7 @@
 #include <system_error>
 #include <utility>
 
+#include "Attempts.h"
 #include "Brelo/Backtrace.h"
 #include "Brelo/Debug.h"
 #include "Brelo/Exception.h"
@@ -30,12 +31,6 @@ using Brelo::TaskPriority;
 using Brelo::Platform::doEventLoop;
 
 namespace {
-
-constexpr double patience = 5;  // seconds, for what takes milliseconds
-
-void expect(bool holds, char const* what) {
-  if (!holds) throw Wrong(what);
-}
 
 int openDescriptors() {
   Uncounted const own;
@@ -104,38 +99,6 @@ class Echo : public Brelo::FileDescriptorTask {
 
 }  // namespace
 
-/// Once more if it is refused; more than once in a row it may not be.
-template <class Operation>
-auto Scenario::attempt(Operation operation) {
-  for (int left = 2;; --left) {
-    try {
-      return operation();
-    } catch (std::bad_alloc const&) {
-      ++refused_;
-      if (left == 0) throw;
-    } catch (std::system_error const&) {
-      ++refused_;
-      if (left == 0) throw;
-    }
-  }
-}
-
-template <class Done>
-void Scenario::loopUntil(char const* what, Done done) {
-  double const start = Brelo::time();
-  bool interrupted = false;
-  while (!done()) {
-    expect(Brelo::time() < start + patience, what);
-    attempt([&] {
-      // What an exception has left standing goes on at a request.
-      if (std::exchange(interrupted, false)) root_->requestSchedulerRun();
-      interrupted = true;
-      doEventLoop(0.0005);
-      interrupted = false;
-    });
-  }
-}
-
 void Scenario::run() {
   firstUse();
   int const before = openDescriptors();
@@ -145,6 +108,7 @@ void Scenario::run() {
            {"tasks", &Scenario::tasks},
            {"timers", &Scenario::timers},
            {"descriptors", &Scenario::descriptors},
+           {"connections", &Scenario::connections},
            {"names", &Scenario::names},
            {"reports", &Scenario::reports},
            {"an export", &Scenario::exports},

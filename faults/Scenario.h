@@ -16,8 +16,8 @@ struct Wrong : std::logic_error {
 };
 
 /// A program's life in a hundredth of a second: schedulers, groups, timers of every kind,
-/// descriptors, reports, an export, exceptions with their backtraces, traces, and the end of it
-/// all.
+/// descriptors, connections of the daemon kit, reports, an export, exceptions with their
+/// backtraces, traces, and the end of it all.
 ///
 /// Whatever is refused, by `std::bad_alloc` or `std::system_error` out of a public operation or the
 /// loop's entry, is done once more and has to succeed then; all results are checked. Runs on the
@@ -43,6 +43,7 @@ class Scenario {
   void tasks();
   void timers();
   void descriptors();
+  void connections();
   void names();
   void reports();
   void exports();
