@@ -6,5 +6,8 @@
 int main() {
   daemonFrame();
   functions();
+  streams();
+  listeners();
+  connectors();
   std::cout << "all have run\n";
 }
