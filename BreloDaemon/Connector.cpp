@@ -180,8 +180,7 @@ void Connector::Core::Attempt::finish(std::error_code error) {
   stopTimerTask();
   if (!error) {
     try {
-      stream = std::make_shared<Stream>(core_->scheduler_, core_->options_.priority,
-                                        core_->options_.name, std::move(fd_));
+      stream = core_->makeStream(std::move(fd_));
     } catch (std::bad_alloc const&) {
       error = systemError(ENOMEM);
     } catch (std::system_error const& failed) {
@@ -212,6 +211,19 @@ void Connector::Core::connect(Addresses const& addresses, Handler done) {
   if (stopping_) attempts_.back()->cancel();
 }
 
+std::shared_ptr<Stream> Connector::Core::makeStream(Descriptor fd) {
+  if (streams_.size() == streams_.capacity()) {
+    streams_.erase(std::remove_if(streams_.begin(), streams_.end(),
+                                  [](auto const& each) { return each.expired(); }),
+                   streams_.end());
+    streams_.reserve(2 * streams_.size() + 8);
+  }
+  auto stream =
+      std::make_shared<Stream>(scheduler_, options_.priority, options_.name, std::move(fd));
+  streams_.push_back(stream);
+  return stream;
+}
+
 void Connector::Core::ended(Attempt const& attempt) {
   attempts_.remove_if([&](auto const& each) { return each.get() == &attempt; });
   if (stopping_ && attempts_.empty()) step_.done();
@@ -221,6 +233,9 @@ void Connector::Core::stop() {
   stopping_ = true;
   for (auto const& each : attempts_)
     each->cancel();
+  for (auto const& each : streams_) {
+    if (auto const stream = each.lock()) stream->close();
+  }
   if (attempts_.empty()) step_.done();
 }
 

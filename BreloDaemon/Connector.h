@@ -29,7 +29,8 @@ struct ConnectorOptions {
 ///
 /// Belongs to the scheduler's thread and may be destroyed from its callbacks. That cancels what is
 /// under way, without a callback: a lookup that hangs is left to its thread. At the orderly end
-/// (see StopStep) what is under way ends as cancelled, and nothing new is begun.
+/// (see StopStep) what is under way ends as cancelled, nothing new is begun, and the streams that
+/// it made are closed after what they still send.
 class BRELO_EXPORT Connector {
  public:
   /// Without a stream the code says why: of the last address that failed, `std::errc::timed_out`,

@@ -46,8 +46,8 @@ BRELO_EXPORT char const* toString(StreamEnd reason);
 /// the scheduler. No callback is called from inside of an operation.
 ///
 /// An idle one takes 880 bytes on the host and 1,000 on libevent, the watch of its descriptor
-/// included, and what its callbacks capture. Its buffers exist only while they hold something; reads
-/// and the sends of a run share two of 64 KiB of the thread.
+/// included, and what its callbacks capture. Its buffers exist only while they hold something;
+/// reads and the sends of a run share two of 64 KiB of the thread.
 class BRELO_EXPORT Stream : public std::enable_shared_from_this<Stream> {
  public:
   using ReceiveHandler = std::function<std::size_t(std::string_view bytes)>;

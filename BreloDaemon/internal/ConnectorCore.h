@@ -31,6 +31,7 @@ class Connector::Core {
  private:
   class Attempt;
 
+  std::shared_ptr<Stream> makeStream(Descriptor fd);
   void stop();
   void ended(Attempt const& attempt);
 
@@ -38,6 +39,7 @@ class Connector::Core {
   ConnectorOptions const options_;
   Resolver resolver_;
   std::list<std::shared_ptr<Attempt>> attempts_;
+  std::vector<std::weak_ptr<Stream>> streams_;  // some of them gone
   bool stopping_ = false;
   StopStep step_;
 };

@@ -233,7 +233,7 @@ TEST_P(ListenerTest, ADaemonEndsOnceItsStreamsHaveSentEverything) {
     Listener listener(daemon.scheduler(), "127.0.0.1:0", [&](Stream& client) {
       client.receive([&](std::string_view bytes) {
         client.send(answer);
-        if (listener.connections() == 2) daemon.stop();
+        daemon.stop();
         return bytes.size();
       });
     });
@@ -243,7 +243,6 @@ TEST_P(ListenerTest, ADaemonEndsOnceItsStreamsHaveSentEverything) {
     });
     Peer peer = connectTo(listener.addresses()[0]);
     Peer const other = connectTo(listener.addresses()[0]);
-    peer.write("please");
     std::string got;
     FunctionTask reader(daemon.scheduler(), Brelo::TaskPriority::normal, "reader",
                         [&](Brelo::TaskImpl& task) {
@@ -252,10 +251,18 @@ TEST_P(ListenerTest, ADaemonEndsOnceItsStreamsHaveSentEverything) {
                         });
     reader.schedule();
     connector.connect("unix:@nobody", [&](auto, std::error_code error) { canceled = error; });
+    std::shared_ptr<Stream> upstream;
+    connector.connect(listener.addresses()[0], [&](std::shared_ptr<Stream> made, auto) {
+      upstream = std::move(made);
+      upstream->receive([](std::string_view) { return std::size_t{0}; });
+      upstream->halfOpenIs(true);
+      peer.write("please");
+    });
     EXPECT_EQ(daemon.run(), 0);
     EXPECT_EQ(got.size(), answer.size() + 8);
     EXPECT_EQ(listener.connections(), 0);
     EXPECT_TRUE(canceled);
+    EXPECT_TRUE(upstream->ended());
   });
 }
 
