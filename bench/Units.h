@@ -12,6 +12,7 @@ void addLateness(Catalogue& catalogue);
 void addDescriptorWake(Catalogue& catalogue);
 void addServer(Catalogue& catalogue);
 void addStream(Catalogue& catalogue);
+void addMailboxPost(Catalogue& catalogue);
 void addGroupRun(Catalogue& catalogue);
 void addShouldYield(Catalogue& catalogue);
 void addReports(Catalogue& catalogue);

@@ -75,6 +75,7 @@ int runUnits(int argc, char** argv) {
   Bench::addDescriptorWake(catalogue);
   Bench::addServer(catalogue);
   Bench::addStream(catalogue);
+  Bench::addMailboxPost(catalogue);
   Bench::addGroupRun(catalogue);
   Bench::addShouldYield(catalogue);
   Bench::addReports(catalogue);
