@@ -1,6 +1,7 @@
 #include "BreloDaemon/internal/BlockedSignals.h"
 
 #include <pthread.h>
+#include <time.h>
 
 #include <array>
 #include <atomic>
@@ -57,13 +58,19 @@ BlockedSignals::BlockedSignals(std::initializer_list<int> signals) {
 
 void BlockedSignals::release() {
   sigset_t free;
+  sigset_t nobodys;
   sigemptyset(&free);
+  sigemptyset(&nobodys);
   forEach(signals_, [&](int signal, std::size_t at) {
     if (--users[at] != 0 || !std::exchange(blockedHere[at], false)) return;
-    --threads[at];
     sigaddset(&free, signal);
+    if (--threads[at] == 0) sigaddset(&nobodys, signal);
   });
   sigemptyset(&signals_);
+  // What came too late to be delivered is dropped: left to its disposition it may end the process.
+  timespec const now{};
+  while (sigtimedwait(&nobodys, nullptr, &now) > 0) {
+  }
   pthread_sigmask(SIG_UNBLOCK, &free, nullptr);
 }
 

@@ -48,8 +48,7 @@ class BRELO_EXPORT SignalTask {
              std::string name, std::initializer_list<int> signals, Handler handler);
   SignalTask(SignalTask const&) = delete;
   SignalTask& operator=(SignalTask const&) = delete;
-  /// What is pending of its signals then takes the way that the process has set for it: with the
-  /// default disposition that of most is the end of the process.
+  /// What has come and was not delivered is dropped.
   ~SignalTask();
 
  private:

@@ -52,6 +52,7 @@ TEST_P(SignalTaskTest, EachSignalIsARunUntilItsHandlerEndsIt) {
                                 : static_cast<int>(signal.ssi_signo)) +
              ' ';
       if (signal.ssi_signo == SIGUSR2) {
+        raiseHere(SIGUSR1);  // would end the process if it were let through
         task.reset();
         throw std::runtime_error("the last");
       }
