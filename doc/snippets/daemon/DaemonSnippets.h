@@ -6,3 +6,8 @@ void functions();
 void streams();
 void listeners();
 void connectors();
+void postsFromThreads();
+void blockingWork();
+void signalsAsRuns();
+void childPrograms();
+void serviceManager();

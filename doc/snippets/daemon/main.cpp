@@ -9,5 +9,10 @@ int main() {
   streams();
   listeners();
   connectors();
+  postsFromThreads();
+  blockingWork();
+  signalsAsRuns();
+  childPrograms();
+  serviceManager();
   std::cout << "all have run\n";
 }
