@@ -17,6 +17,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/timerfd.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -150,10 +151,12 @@ INTERPOSE(socketpair, (int domain, int type, int protocol, int* ends) noexcept, 
 INTERPOSE(timerfd_create, (clockid_t clock, int flags) noexcept, clock, flags)
 INTERPOSE(timerfd_settime, (int fd, int flags, itimerspec const* time, itimerspec* before) noexcept, fd, flags, time, before)
 INTERPOSE(unlink, (char const* path) noexcept, path)
+INTERPOSE(waitid, (idtype_t type, id_t id, siginfo_t* info, int options), type, id, info, options)
 INTERPOSE_TRANSFER(read, (int fd, void* data, size_t size), fd, data, size)
 INTERPOSE_TRANSFER(recv, (int fd, void* data, size_t size, int flags), fd, data, size, flags)
 INTERPOSE_TRANSFER(send, (int fd, void const* data, size_t size, int flags), fd, data, size, flags)
 INTERPOSE_TRANSFER(sendmsg, (int fd, msghdr const* message, int flags), fd, message, flags)
+INTERPOSE_TRANSFER(sendto, (int fd, void const* data, size_t size, int flags, sockaddr const* to, socklen_t length), fd, data, size, flags, to, length)
 INTERPOSE_TRANSFER(write, (int fd, void const* data, size_t size), fd, data, size)
 INTERPOSE_TRANSFER(writev, (int fd, iovec const* parts, int count), fd, parts, count)
 // clang-format on

@@ -16,7 +16,7 @@ struct Wrong : std::logic_error {
 };
 
 /// A program's life in a hundredth of a second: schedulers, groups, timers of every kind,
-/// descriptors, connections of the daemon kit, reports, an export, exceptions with their
+/// descriptors, all of the daemon kit, reports, an export, exceptions with their
 /// backtraces, traces, and the end of it all.
 ///
 /// Whatever is refused, by `std::bad_alloc` or `std::system_error` out of a public operation or the
@@ -44,6 +44,9 @@ class Scenario {
   void timers();
   void descriptors();
   void connections();
+  void threads();
+  void signalsAndChildren();
+  void serviceManager();
   void names();
   void reports();
   void exports();

@@ -44,6 +44,7 @@ ERRORS = {
     'recv': ['EINTR', 'EAGAIN', 'ECONNRESET', 'ETIMEDOUT', 'ENOMEM'],
     'send': ['EINTR', 'EAGAIN', 'ECONNRESET', 'EPIPE', 'ENOBUFS', 'ENOMEM'],
     'sendmsg': ['EINTR', 'EAGAIN', 'ECONNRESET', 'EPIPE', 'ENOBUFS', 'ENOMEM'],
+    'sendto': ['EINTR', 'EAGAIN', 'ENOBUFS', 'ECONNREFUSED'],
     'setsockopt': ['ENOMEM'],
     'shutdown': ['ENOTCONN'],
     'signalfd': NO_DESCRIPTORS,
@@ -52,6 +53,7 @@ ERRORS = {
     'timerfd_create': NO_DESCRIPTORS,
     'timerfd_settime': [],
     'unlink': ['EACCES', 'EBUSY'],
+    'waitid': ['EINTR'],
     'write': ['EINTR', 'EAGAIN', 'EPIPE', 'ECONNRESET', 'ENOMEM'],
     'writev': ['EINTR', 'EAGAIN', 'EPIPE', 'ECONNRESET', 'ENOMEM'],
 }
