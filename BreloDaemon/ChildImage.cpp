@@ -75,14 +75,14 @@ ChildImage::ChildImage(ChildProgram const& program, std::map<int, int> const& de
 
 // From here on the child runs, in its parent's memory. It makes its calls itself, so that nothing
 // which keeps accounts for the parent, a sanitizer or a lock of the C library, takes note of them.
-#define IN_CHILD [[gnu::no_sanitize("address", "undefined", "thread")]] static
+#define IN_CHILD __attribute__((no_sanitize("address", "undefined", "thread")))
 
 template <class... Arguments>
-IN_CHILD long call(long number, Arguments... arguments) {
+IN_CHILD static long call(long number, Arguments... arguments) {
   return ::syscall(number, arguments...);
 }
 
-IN_CHILD bool fails(ChildImage& image, char const* what, long result) {
+IN_CHILD static bool fails(ChildImage& image, char const* what, long result) {
   if (result >= 0) return false;
   image.error = errno;
   image.failed = what;
@@ -90,7 +90,7 @@ IN_CHILD bool fails(ChildImage& image, char const* what, long result) {
 }
 
 /// The default dispositions, before a handler of the parent's could run here.
-IN_CHILD void resetSignals() {
+IN_CHILD static void resetSignals() {
   struct {
     void* handler;
     unsigned long flags;
@@ -101,7 +101,7 @@ IN_CHILD void resetSignals() {
     call(SYS_rt_sigaction, signal, &byDefault, nullptr, sizeof byDefault.mask);
 }
 
-IN_CHILD bool moveDescriptors(ChildImage& image) {
+IN_CHILD static bool moveDescriptors(ChildImage& image) {
   // First out of the way of each other.
   for (auto& move : image.moves) {
     if (move.from >= image.aboveMoves) continue;
@@ -117,7 +117,7 @@ IN_CHILD bool moveDescriptors(ChildImage& image) {
 }
 
 /// As the shells do it: goes on where there is nothing, and remembers what was there in vain.
-IN_CHILD void execute(ChildImage& image) {
+IN_CHILD static void execute(ChildImage& image) {
   bool refused = false;
   for (auto const& path : image.paths) {
     call(SYS_execve, path.c_str(), image.arguments.data(), image.environment.data());
@@ -131,7 +131,7 @@ IN_CHILD void execute(ChildImage& image) {
   fails(image, "execute", -1);
 }
 
-[[gnu::no_sanitize("address", "undefined", "thread")]] int becomeProgram(void* given) noexcept {
+IN_CHILD int becomeProgram(void* given) noexcept {
   auto& image = *static_cast<ChildImage*>(given);
   resetSignals();
   long grouped = 0;

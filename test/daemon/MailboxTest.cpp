@@ -50,30 +50,40 @@ struct Trail {
 };
 
 TEST_P(MailboxTest, EachPostRunsOnceInTheOrderOfItsSender) {
+  // Random pauses; posts that post, that throw, and that end the run they are in.
   runWith([&](auto const& root, auto& mailbox) {
     constexpr int senders = 4, each = 3000;
     std::vector<int> seen(senders, 0);
-    int runs = 0;
+    int runs = 0, inner = 0, innerRuns = 0, thrown = 0;
     registeredTask(*root, "mail")->taskTestYieldRatioIs(7);
+    root->taskExceptionHandlerIs([&](Brelo::_TaskBase&) { return ++thrown > 0; });
     std::vector<std::thread> threads;
-    for (int who = 0; who < senders; ++who) {
+    auto const post = [&](Mailbox::Sender const& sender, std::size_t who, int i, unsigned kind) {
+      EXPECT_TRUE(sender.post([&, who, kind, sender, owned = std::make_unique<int>(i)] {
+        EXPECT_EQ(std::exchange(seen[who], *owned + 1), *owned);
+        if (++runs == senders * each) sender.post([&] { mailbox.reset(); });
+        if (kind % 8 == 0) sender.post([&, turn = inner++] { EXPECT_EQ(innerRuns++, turn); });
+        if (kind % 16 == 1) throw std::runtime_error("a post");
+      }));
+    };
+    for (std::size_t who = 0; who < senders; ++who) {
       threads.emplace_back([&, who, sender = mailbox->sender()] {
         std::minstd_rand random(static_cast<unsigned>(who + 1));
         for (int i = 0; i < each; ++i) {
           if (random() % 64 == 0) std::this_thread::sleep_for(std::chrono::microseconds(20));
-          EXPECT_TRUE(sender.post([&, who, i, owned = std::make_unique<int>(i)] {
-            EXPECT_EQ(seen[static_cast<std::size_t>(who)], *owned);
-            seen[static_cast<std::size_t>(who)] = i + 1;
-            if (++runs == senders * each) mailbox.reset();
-          }));
+          post(sender, who, i, random() % 64);
         }
       });
     }
     Brelo::Platform::doEventLoop();
     for (auto& thread : threads)
       thread.join();
-    EXPECT_EQ(runs, senders * each);
     EXPECT_EQ(seen, std::vector<int>(senders, each));
+    EXPECT_EQ(runs, senders * each);
+    EXPECT_GT(thrown, each / 10);
+    EXPECT_GT(innerRuns, each / 3);
+    EXPECT_LE(inner - innerRuns, 1);  // one of the last may stand behind the end
+    root->taskExceptionHandlerIs(nullptr);
   });
 }
 
