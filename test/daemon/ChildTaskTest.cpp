@@ -267,7 +267,7 @@ TEST_P(ChildTaskTest, MayBeWaitedForByOthers) {
 }
 
 TEST_P(ChildTaskTest, ManyLeaveNothingBehind) {
-  char const* const wanted = ::getenv("CHILDREN");
+  char const* const wanted = ::getenv("CHILDREN");  // of ./dev soak
   int const count = wanted != nullptr ? std::atoi(wanted) : 150;
   runWith([&] {
     auto const first = start(shell(""));  // the loop, too, has descriptors
