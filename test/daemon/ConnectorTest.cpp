@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "BreloDaemon/Listener.h"
+#include "BreloDaemon/Mailbox.h"
 #include "daemon/support/StreamPair.h"
 #include "support/Backend.h"
 #include "support/FaultInjection.h"
@@ -138,6 +139,10 @@ TEST_P(ConnectorTest, CancelsByLettingGo) {
   run([] {
     auto const root = Brelo::schedulerRootBrelo();
     Hanging const hanging;
+    {
+      Mailbox const first(root, Brelo::TaskPriority::normal, "first");  // the loop gets its own
+      loopABit();
+    }
     unsigned const before = openDescriptors();
     Outcome outcome;
     for (int passes = 0; passes < 3; ++passes) {
