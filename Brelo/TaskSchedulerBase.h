@@ -11,13 +11,12 @@
 #include "Brelo/Formatter.h"
 #include "Brelo/TaskImpl.h"
 #include "Brelo/TaskSchedulerCounts.h"
+#include "Brelo/TaskSchedulerReports.h"
 
 namespace Brelo {
 
 class TaskSchedulerHistory;
-class TaskSchedulerPrintContext;
 class TaskSchedulerRoot;
-class TaskSchedulerSnapshot;
 
 /// A cooperative scheduler: five run queues, of which each run picks and runs one task.
 ///
@@ -29,9 +28,12 @@ class TaskSchedulerSnapshot;
 /// thread; nothing is locked. Wrong use is an assertion, not a result. Clients include
 /// Brelo/TaskScheduler.h, which also has what the operations here take and give.
 class BRELO_EXPORT TaskScheduler : public TaskSchedulerCounts,
+                                   public TaskSchedulerReports,
                                    public std::enable_shared_from_this<TaskScheduler> {
  public:
   using TaskRunQueues = Brelo::TaskRunQueues;  ///< what the tasks are queued on
+  class SnapshotRenderJsonTask;                ///< an export under way, with the task that writes
+  class SnapshotWriteJsonTask;
 
   // What applications call.
 
@@ -41,45 +43,6 @@ class BRELO_EXPORT TaskScheduler : public TaskSchedulerCounts,
   /// @{
   void defaultTaskQuantumIs(TaskTimeDuration quantum) { defaultTaskQuantum_ = quantum; }
   TaskTimeDuration defaultTaskQuantum() const { return defaultTaskQuantum_; }
-  /// @}
-  /// Freezes the statistics of this scheduler and of all below it. An empty name stands for the
-  /// scheduler's own; `displayOrder` is for the reader, `TaskSchedulerSnapshot::displayOrderUnset`
-  /// for none. Of a root, `includeHistory` adds the ring of events.
-  std::shared_ptr<TaskSchedulerSnapshot const> snapshot(std::string name, bool includeNeverRun,
-                                                        bool includeCompleted, bool includeHistory,
-                                                        unsigned displayOrder) const;
-  /// A new JSON document on the caller's stream, which must outlive it, or on a blocking
-  /// descriptor; 1 and 2 mean the standard streams.
-  /// @{
-  static std::shared_ptr<TaskSchedulerPrintContext> PrintContextIs(std::ostream& stream);
-  static std::shared_ptr<TaskSchedulerPrintContext> PrintContextIs(int fd, bool closeFd);
-  /// @}
-  /// A whole JSON document of this scheduler and of all below it. A descriptor must be blocking
-  /// and stays open.
-  /// @{
-  void statsRenderJson(std::ostream& stream, bool includeNeverRun, bool includeCompleted,
-                       bool includeHistory) const;
-  std::string statsRenderJsonToString(bool includeNeverRun, bool includeCompleted,
-                                      bool includeHistory) const;
-  void statsRenderJsonToBlockingFdForTest(int fd, bool includeNeverRun, bool includeCompleted,
-                                          bool includeHistory) const;
-  /// @}
-  /// Streams snapshots as one JSON document, however slow the reader is, by two tasks of this
-  /// scheduler. The descriptor is given up, unless the call throws: it becomes non-blocking and is
-  /// closed at the end, after which `done` is called on the scheduler's thread. A reader that goes
-  /// away, also with input unread, ends the export early and unreported; the process has to ignore
-  /// SIGPIPE for that. Any other failure of a write is an assertion. An exception from a run, for
-  /// want of memory, ends the export as well, `done` included, and goes on to the loop's entry. A
-  /// reader that never reads keeps the export waiting for good.
-  /// @{
-  void snapshotRenderJsonAsync(int fd,
-                               std::vector<std::shared_ptr<TaskSchedulerSnapshot const>> snapshots,
-                               std::function<void()> done);
-  void snapshotRenderJsonAsync(int fd,
-                               std::vector<std::shared_ptr<TaskSchedulerSnapshot const>> snapshots);
-  void snapshotRenderJsonAsync(int fd, std::shared_ptr<TaskSchedulerSnapshot const> snapshot);
-  class SnapshotRenderJsonTask;
-  class SnapshotWriteJsonTask;
   /// @}
   /// Zero all figures, at once (of groups in the background), or in the background by a task of
   /// priority `normal` (in a group that enforces a priority, of that one). A call during a reset
@@ -94,11 +57,6 @@ class BRELO_EXPORT TaskScheduler : public TaskSchedulerCounts,
 
   /// The first registered task of that name, newest first, or null.
   std::shared_ptr<_TaskBase> taskForTest(std::string const& name);
-  /// The record of a name, or a default one.
-  /// @{
-  TaskStat taskStatForTest(std::string const& name) const;
-  TaskStat completedTaskStatForTest(std::string const& name) const;
-  /// @}
 
   // What tasks call.
 
@@ -168,15 +126,6 @@ class BRELO_EXPORT TaskScheduler : public TaskSchedulerCounts,
   /// Merges the record into the one kept under `name`.
   void completedTaskStatsInc(ConstStringRef const& name, TaskStat stat);
 
-  /// Append a record for each registered task, or for each stats name of ended tasks; those that
-  /// never ran only if asked for. Return how many were left out.
-  /// @{
-  unsigned getTaskStats(std::vector<TaskStat>* out, bool includeNeverRun) const;
-  unsigned getCompletedTaskStats(std::vector<TaskStat>* out, bool includeNeverRun) const;
-  /// @}
-  /// Visits the groups whose parent tasks are registered here, newest first.
-  void forEachTaskGroup(
-      std::function<void(TaskImpl const& parentTask, TaskGroup const& group)> const& visit) const;
   ConstStringRef const& schedulerNameRef() const { return schedulerName_; }   ///< the same
   std::uint64_t registeredTaskCount() const { return registeredTaskCount_; }  ///< live tasks
   /// The longest delay between a request for a run and the run.
@@ -197,6 +146,7 @@ class BRELO_EXPORT TaskScheduler : public TaskSchedulerCounts,
   void ownTaskPriorityIs(TaskPriority priority) { ownTaskPriority_ = priority; }
 
  private:
+  friend class TaskSchedulerReports;
   class ResetStatsTask;
   struct Parts;
 
@@ -218,21 +168,12 @@ class BRELO_EXPORT TaskScheduler : public TaskSchedulerCounts,
   TaskImpl::RegisteredList registeredTasks_;  // newest first
 };
 
-/// Write the scheduler's name and a colon. Not for null.
-/// @{
-BRELO_EXPORT std::ostream& operator<<(std::ostream& stream, TaskScheduler const* scheduler);
-BRELO_EXPORT fmt::format_context::iterator formatValue(TaskScheduler const& scheduler,
-                                                       fmt::format_context& context);
-/// @}
+inline TaskScheduler& TaskSchedulerReports::scheduler() {
+  return static_cast<TaskScheduler&>(*this);
+}
+
+inline TaskScheduler const& TaskSchedulerReports::scheduler() const {
+  return static_cast<TaskScheduler const&>(*this);
+}
 
 }  // namespace Brelo
-
-namespace fmt {
-
-/// For schedulers of any class.
-template <class AnyScheduler>
-struct formatter<AnyScheduler,
-                 std::enable_if_t<std::is_base_of_v<Brelo::TaskScheduler, AnyScheduler>, char>>
-    : Brelo::Impl::Formatter<AnyScheduler> {};
-
-}  // namespace fmt

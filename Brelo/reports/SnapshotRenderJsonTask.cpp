@@ -93,34 +93,36 @@ void TaskScheduler::SnapshotRenderJsonTask::writeComplete() {
   scheduleTask();
 }
 
-void TaskScheduler::snapshotRenderJsonAsync(
+void TaskSchedulerReports::snapshotRenderJsonAsync(
     int fd, std::vector<std::shared_ptr<TaskSchedulerSnapshot const>> snapshots,
     std::function<void()> done) {
   int const flags = fcntl(fd, F_GETFL);
   if ((flags & O_NONBLOCK) == 0) fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-  root().sanityCheckCurrentRunningThread();
-  auto const unregister = [this](SnapshotRenderJsonTask* task) {
-    parts_->renderJsonTasks_.erase(
-        std::static_pointer_cast<SnapshotRenderJsonTask>(task->shared_from_this()));
+  using RenderTask = TaskScheduler::SnapshotRenderJsonTask;
+  TaskScheduler& self = scheduler();
+  self.root().sanityCheckCurrentRunningThread();
+  auto& underWay = self.parts_->renderJsonTasks_;
+  auto const unregister = [&underWay](RenderTask* task) {
+    underWay.erase(std::static_pointer_cast<RenderTask>(task->shared_from_this()));
   };
-  auto const task = makeTracked<SnapshotRenderJsonTask>(
-      this, ownTaskPriority_, fd, std::move(snapshots), unregister, std::move(done));
-  parts_->renderJsonTasks_.insert(task);
+  auto const task = makeTracked<RenderTask>(&self, self.ownTaskPriority_, fd, std::move(snapshots),
+                                            unregister, std::move(done));
+  underWay.insert(task);
   try {
     task->scheduleTask();
   } catch (...) {
-    parts_->renderJsonTasks_.erase(task);
+    underWay.erase(task);
     throw;
   }
 }
 
-void TaskScheduler::snapshotRenderJsonAsync(
+void TaskSchedulerReports::snapshotRenderJsonAsync(
     int fd, std::vector<std::shared_ptr<TaskSchedulerSnapshot const>> snapshots) {
   snapshotRenderJsonAsync(fd, std::move(snapshots), [] {});
 }
 
-void TaskScheduler::snapshotRenderJsonAsync(int fd,
-                                            std::shared_ptr<TaskSchedulerSnapshot const> snapshot) {
+void TaskSchedulerReports::snapshotRenderJsonAsync(
+    int fd, std::shared_ptr<TaskSchedulerSnapshot const> snapshot) {
   snapshotRenderJsonAsync(
       fd, std::vector<std::shared_ptr<TaskSchedulerSnapshot const>>{std::move(snapshot)});
 }

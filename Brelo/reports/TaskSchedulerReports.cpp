@@ -8,34 +8,34 @@
 
 namespace Brelo {
 
-void TaskScheduler::forEachTaskGroup(
+void TaskSchedulerReports::forEachTaskGroup(
     std::function<void(TaskImpl const& parentTask, TaskGroup const& group)> const& visit) const {
-  for (TaskImpl const& task : registeredTasks_) {
+  for (TaskImpl const& task : scheduler().registeredTasks_) {
     if (TaskGroup const* const group = task.isTaskGroup()) visit(task, *group);
   }
 }
 
-std::shared_ptr<TaskSchedulerSnapshot const> TaskScheduler::snapshot(std::string name,
-                                                                     bool includeNeverRun,
-                                                                     bool includeCompleted,
-                                                                     bool includeHistory,
-                                                                     unsigned displayOrder) const {
-  root().sanityCheckCurrentRunningThread();
-  return makeTracked<TaskSchedulerSnapshot>(this, std::move(name), includeNeverRun,
+std::shared_ptr<TaskSchedulerSnapshot const> TaskSchedulerReports::snapshot(
+    std::string name, bool includeNeverRun, bool includeCompleted, bool includeHistory,
+    unsigned displayOrder) const {
+  scheduler().root().sanityCheckCurrentRunningThread();
+  return makeTracked<TaskSchedulerSnapshot>(&scheduler(), std::move(name), includeNeverRun,
                                             includeCompleted, includeHistory, displayOrder,
-                                            root().threadSanityDisabled());
+                                            scheduler().root().threadSanityDisabled());
 }
 
-std::shared_ptr<TaskSchedulerPrintContext> TaskScheduler::PrintContextIs(std::ostream& stream) {
+std::shared_ptr<TaskSchedulerPrintContext> TaskSchedulerReports::PrintContextIs(
+    std::ostream& stream) {
   return makeTracked<TaskSchedulerPrintContext>(stream);
 }
 
-std::shared_ptr<TaskSchedulerPrintContext> TaskScheduler::PrintContextIs(int fd, bool closeFd) {
+std::shared_ptr<TaskSchedulerPrintContext> TaskSchedulerReports::PrintContextIs(int fd,
+                                                                                bool closeFd) {
   return makeTracked<TaskSchedulerPrintContext>(fd, closeFd);
 }
 
-void TaskScheduler::statsRenderJson(std::ostream& stream, bool includeNeverRun,
-                                    bool includeCompleted, bool includeHistory) const {
+void TaskSchedulerReports::statsRenderJson(std::ostream& stream, bool includeNeverRun,
+                                           bool includeCompleted, bool includeHistory) const {
   auto const frozen = snapshot("", includeNeverRun, includeCompleted, includeHistory,
                                TaskSchedulerSnapshot::displayOrderUnset);
   auto const context = PrintContextIs(stream);
@@ -43,16 +43,17 @@ void TaskScheduler::statsRenderJson(std::ostream& stream, bool includeNeverRun,
   context->closeJson();
 }
 
-std::string TaskScheduler::statsRenderJsonToString(bool includeNeverRun, bool includeCompleted,
-                                                   bool includeHistory) const {
+std::string TaskSchedulerReports::statsRenderJsonToString(bool includeNeverRun,
+                                                          bool includeCompleted,
+                                                          bool includeHistory) const {
   Impl::StringStream text;
   statsRenderJson(text, includeNeverRun, includeCompleted, includeHistory);
   return text.take();
 }
 
-void TaskScheduler::statsRenderJsonToBlockingFdForTest(int fd, bool includeNeverRun,
-                                                       bool includeCompleted,
-                                                       bool includeHistory) const {
+void TaskSchedulerReports::statsRenderJsonToBlockingFdForTest(int fd, bool includeNeverRun,
+                                                              bool includeCompleted,
+                                                              bool includeHistory) const {
   auto const frozen = snapshot("", includeNeverRun, includeCompleted, includeHistory,
                                TaskSchedulerSnapshot::displayOrderUnset);
   frozen->renderJson(*PrintContextIs(fd, false));

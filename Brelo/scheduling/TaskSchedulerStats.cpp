@@ -33,10 +33,12 @@ void TaskScheduler::updateCompletedTaskStats(TaskImpl* task) {
   completedTasksPerPriorityInc(priority);
 }
 
-unsigned TaskScheduler::getTaskStats(std::vector<TaskStat>* out, bool includeNeverRun) const {
-  out->reserve(out->size() + registeredTaskCount_);
+unsigned TaskSchedulerReports::getTaskStats(std::vector<TaskStat>* out,
+                                            bool includeNeverRun) const {
+  TaskScheduler const& self = scheduler();
+  out->reserve(out->size() + self.registeredTaskCount_);
   unsigned skipped = 0;
-  for (TaskImpl const& task : registeredTasks_) {
+  for (TaskImpl const& task : self.registeredTasks_) {
     if (task.taskRunCount == 0 && !includeNeverRun) {
       ++skipped;
     } else {
@@ -47,20 +49,20 @@ unsigned TaskScheduler::getTaskStats(std::vector<TaskStat>* out, bool includeNev
   return skipped;
 }
 
-unsigned TaskScheduler::getCompletedTaskStats(std::vector<TaskStat>* out,
-                                              bool includeNeverRun) const {
-  return parts_->completedTaskStats.copyTo(out, includeNeverRun);
+unsigned TaskSchedulerReports::getCompletedTaskStats(std::vector<TaskStat>* out,
+                                                     bool includeNeverRun) const {
+  return scheduler().parts_->completedTaskStats.copyTo(out, includeNeverRun);
 }
 
-TaskStat TaskScheduler::taskStatForTest(std::string const& name) const {
-  for (TaskImpl const& task : registeredTasks_) {
+TaskStat TaskSchedulerReports::taskStatForTest(std::string const& name) const {
+  for (TaskImpl const& task : scheduler().registeredTasks_) {
     if (task.taskName() == name) return task.getStats();
   }
   return {};
 }
 
-TaskStat TaskScheduler::completedTaskStatForTest(std::string const& name) const {
-  return parts_->completedTaskStats.of(name);
+TaskStat TaskSchedulerReports::completedTaskStatForTest(std::string const& name) const {
+  return scheduler().parts_->completedTaskStats.of(name);
 }
 
 void TaskScheduler::clearStatsCommon() {
