@@ -58,7 +58,14 @@ struct StandardEnds {
   std::array<Descriptor, 3> childs;
 };
 
+bool endsWithin(int milliseconds, int pidfd) {
+  pollfd end{pidfd, POLLIN, 0};
+  return ::poll(&end, 1, milliseconds) == 1;
+}
+
 void waitFor(int pidfd) {
+  while (!endsWithin(-1, pidfd)) {
+  }
   siginfo_t info;
   while (::waitid(P_PIDFD, static_cast<id_t>(pidfd), &info, WEXITED) != 0 && errno == EINTR) {
   }
@@ -95,14 +102,10 @@ StartedChild startChild(ChildProgram const& program) {
 }
 
 void reapKilled(Descriptor pidfd) noexcept {
-  pollfd ended{pidfd.get(), POLLIN, 0};
-  if (::poll(&ended, 1, reapMilliseconds) == 1) return waitFor(pidfd.get());
+  if (endsWithin(reapMilliseconds, pidfd.get())) return waitFor(pidfd.get());
   try {
     AllSignalsBlocked const inherited;
     std::thread([fd = pidfd.get()] {
-      pollfd lateEnd{fd, POLLIN, 0};
-      while (::poll(&lateEnd, 1, -1) != 1) {
-      }
       waitFor(fd);
       ::close(fd);
     }).detach();

@@ -100,6 +100,7 @@ class ChildTaskInner : public Watching<Brelo::TimerTask> {
 
 void ChildTaskInner::taskExecute() {
   if (!running()) return;
+  if (::getpid() != process_) return letGo();
   if (auto const how = reaped()) {
     letGo();
     if (auto const ended = std::move(ended_)) ended(*how);

@@ -246,6 +246,13 @@ TEST_P(ChildTaskTest, LeavesNoZombieWhateverBecomesOfIt) {
     EXPECT_EQ(howItEnds(), "exited with status 1");
     Brelo::Platform::doEventLoop();
 
+    task = start(shell("exec sleep 0.02"));
+    EXPECT_TRUE(passesInChild([&] {
+      Brelo::Platform::doEventLoop();
+      EXPECT_FALSE(end_);  // it is the parent's
+    }));
+    EXPECT_EQ(howItEnds(), "exited with status 0");
+
     task = start(shell("kill -9 $$"));
     Brelo::Platform::doEventLoop();  // is kept running until then
     EXPECT_EQ(howItEnds(), "killed by signal 9 (Killed)");
