@@ -9,6 +9,8 @@
 #include <system_error>
 #include <utility>
 
+#include "Brelo/Assert.h"
+
 namespace BreloDaemon::Impl {
 
 namespace {
@@ -50,6 +52,9 @@ void MailboxQueue::wake() const noexcept {
   std::uint64_t const one = 1;
   // An eventfd has always room for one more: a write that fails is one to be made again.
   while (::write(wakeFd_.get(), &one, sizeof one) < 0) {
+    if (errno == EBADF || errno == EINVAL) {
+      BRELO_FAIL("Mailbox", "descriptor {} was closed under it", wakeFd_.get());
+    }
   }
 }
 

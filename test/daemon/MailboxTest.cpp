@@ -59,8 +59,8 @@ TEST_P(MailboxTest, EachPostRunsOnceInTheOrderOfItsSender) {
     root->taskExceptionHandlerIs([&](Brelo::_TaskBase&) { return ++thrown > 0; });
     std::vector<std::thread> threads;
     auto const post = [&](Mailbox::Sender const& sender, std::size_t who, int i, unsigned kind) {
-      EXPECT_TRUE(sender.post([&, who, kind, sender, owned = std::make_unique<int>(i)] {
-        EXPECT_EQ(std::exchange(seen[who], *owned + 1), *owned);
+      EXPECT_TRUE(sender.post([&, who, i, kind, sender] {
+        EXPECT_EQ(std::exchange(seen[who], i + 1), i);
         if (++runs == senders * each) sender.post([&] { mailbox.reset(); });
         if (kind % 8 == 0) sender.post([&, turn = inner++] { EXPECT_EQ(innerRuns++, turn); });
         if (kind % 16 == 1) throw std::runtime_error("a post");
