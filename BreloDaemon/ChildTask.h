@@ -43,45 +43,48 @@ struct ChildProgram {
     session,  ///< likewise, and without a terminal
   };
 
-  std::string path;
+  std::string path;  ///< of its file, or its name
   /// Looks for a `path` without a slash in the directories of this process's PATH.
   bool pathSearched = false;
   std::vector<std::string> arguments;  ///< behind the name, which is `path`
 
-  /// What is in `environment` is added to, or takes the place in, that of this process; or, not
-  /// inherited, is all of it. "NAME=value" is a variable, "NAME" alone the want of it.
+  /// It has the environment of this process, changed by `environment`; otherwise that alone.
   bool environmentInherited = true;
+  /// "NAME=value" for a variable, "NAME" alone for the want of it.
   std::vector<std::string> environment;
 
-  std::string directory;  ///< empty for that of this process
+  std::string directory;  ///< where it begins; empty for that of this process
 
-  Standard input = Standard::null;
-  Standard output = Standard::inherited;
-  Standard errors = Standard::inherited;
+  Standard input = Standard::null;        ///< number 0
+  Standard output = Standard::inherited;  ///< number 1
+  Standard errors = Standard::inherited;  ///< number 2
   /// Further ones, by the number that they have in the child; also 0 to 2, in place of the above.
   /// They are closed in this process when the child has been started.
   std::map<int, Descriptor> descriptors;
 
-  Group group = Group::inherited;
+  Group group = Group::inherited;  ///< that it begins in, and that signals go to
 
-  /// How long it may run, `max()` for ever; and how long between SIGTERM and SIGKILL.
+  /// How long it may run; more than zero, and `max()` for ever.
   std::chrono::nanoseconds timeLimit = std::chrono::nanoseconds::max();
+  /// How long it has between SIGTERM and SIGKILL.
   std::chrono::nanoseconds killGrace = std::chrono::seconds(5);
 };
 
 /// How a child ended.
 struct ChildEnd {
+  /// What is known of it.
   enum class How : std::uint8_t {
     exited,     ///< `status` is its exit status
     signalled,  ///< `status` is the signal
     lost,       ///< somebody else has waited for it, or the process ignores SIGCHLD
   };
 
-  How how = How::lost;
-  int status = 0;
-  bool coreDumped = false;
-  bool timedOut = false;  ///< its time was up before
+  How how = How::lost;      ///< see there
+  int status = 0;           ///< the exit status, or the signal
+  bool coreDumped = false;  ///< by the signal
+  bool timedOut = false;    ///< its time was up before
 
+  /// It exited with status 0.
   bool success() const { return how == How::exited && status == 0; }
 };
 
@@ -99,6 +102,7 @@ BRELO_EXPORT std::string toString(ChildEnd const& end);
 /// child. In a forked child of this process it does nothing.
 class BRELO_EXPORT ChildTask {
  public:
+  /// Is told how the child ended.
   using EndHandler = std::function<void(ChildEnd const& end)>;
 
   /// Starts the program. Throws `std::system_error` that says what could not be done, when nothing

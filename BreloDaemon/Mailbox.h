@@ -22,18 +22,22 @@ struct Post {
   Post(Post const&) = delete;
   Post& operator=(Post const&) = delete;
   virtual ~Post() = default;
-  virtual void run() = 0;
+  virtual void run() = 0;  ///< may throw
 
-  Post* next = nullptr;
+  Post* next = nullptr;  ///< in a list
 };
 
+/// One that calls a callable.
 template <class Callable>
-struct PostOf final : Post {
+class PostOf final : public Post {
+ public:
+  /// Moves or copies it.
   template <class Given>
-  explicit PostOf(Given&& given) : callable(std::forward<Given>(given)) {}
-  void run() override { callable(); }
+  explicit PostOf(Given&& given) : callable_(std::forward<Given>(given)) {}
+  void run() override { callable_(); }  ///< calls it
 
-  Callable callable;
+ private:
+  Callable callable_;
 };
 
 class MailboxQueue;

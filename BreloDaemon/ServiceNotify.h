@@ -41,9 +41,9 @@ class BRELO_EXPORT ServiceNotify {
   /// The manager waits to be told.
   bool active() const { return socket_ != nullptr; }
 
-  std::error_code ready();  ///< at the end of the start, and of a reload
-  std::error_code reloading();
-  std::error_code stopping();
+  std::error_code ready();      ///< at the end of the start, and of a reload
+  std::error_code reloading();  ///< at the begin of a reload
+  std::error_code stopping();   ///< at the begin of the end
   /// A line for people. The ends of lines in it become blanks.
   std::error_code status(std::string_view text);
   /// The process that is now the daemon, where that is not the one that was started.

@@ -45,11 +45,14 @@ class Outcome {
 template <>
 class Outcome<void> {
  public:
+  /// Throws what the work threw.
   void get() const {
     if (error_ != nullptr) std::rethrow_exception(error_);
   }
+  /// Null if it threw nothing.
   std::exception_ptr const& error() const { return error_; }
 
+  /// For the pool: calls `work()`.
   template <class Work>
   void of(Work& work) noexcept {
     try {
@@ -69,24 +72,28 @@ class WorkerThreads;
 
 /// A post that a thread of a pool works on before the loop's thread delivers it.
 struct BRELO_EXPORT Job : Post {
-  virtual void work() noexcept = 0;
-  virtual void deliver() = 0;
-  void run() final;
+  virtual void work() noexcept = 0;  ///< on a thread of the pool
+  virtual void deliver() = 0;        ///< on the loop's thread; may throw
+  void run() final;                  ///< delivers it
 
-  std::shared_ptr<WorkerThreads> threads;
+  std::shared_ptr<WorkerThreads> threads;  ///< of the pool
 };
 
+/// One of two callables.
 template <class Work, class Done>
-struct JobOf final : Job {
+class JobOf final : public Job {
+ public:
+  /// Moves or copies them.
   template <class GivenWork, class GivenDone>
-  JobOf(GivenWork&& givenWork, GivenDone&& givenDone)
-      : toDo(std::forward<GivenWork>(givenWork)), done(std::forward<GivenDone>(givenDone)) {}
-  void work() noexcept override { outcome.of(toDo); }
-  void deliver() override { done(std::move(outcome)); }
+  JobOf(GivenWork&& work, GivenDone&& done)
+      : work_(std::forward<GivenWork>(work)), done_(std::forward<GivenDone>(done)) {}
+  void work() noexcept override { outcome_.of(work_); }    ///< calls the first
+  void deliver() override { done_(std::move(outcome_)); }  ///< calls the second
 
-  Work toDo;
-  Done done;
-  Outcome<std::invoke_result_t<Work&>> outcome;
+ private:
+  Work work_;
+  Done done_;
+  Outcome<std::invoke_result_t<Work&>> outcome_;
 };
 
 }  // namespace Impl
