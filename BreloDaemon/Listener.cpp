@@ -55,6 +55,7 @@ Listener::Core::Acceptor::Acceptor(Core& core, std::shared_ptr<Brelo::TaskSchedu
     : FileDescriptorTask(std::move(scheduler), core.options_.priority,
                          core.options_.name + ":accept"),
       core_(&core) {
+  taskQuantumIs(core.options_.quantum);
   taskWatchFdIs(fd);
 }
 

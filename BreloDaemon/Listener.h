@@ -30,7 +30,8 @@ struct ListenerOptions {
   std::size_t connectionsMax = std::numeric_limits<std::size_t>::max();
   /// The rights of a Unix socket's file, from its first moment; as the umask says unless given.
   std::optional<mode_t> unixMode = std::nullopt;
-  /// How long the streams together keep the loop before it looks at everything else.
+  /// How long the streams together, or the task that accepts, keep the loop before it looks at
+  /// everything else: up to a second.
   std::chrono::nanoseconds quantum = std::chrono::milliseconds(2);
 };
 

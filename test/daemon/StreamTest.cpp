@@ -110,6 +110,10 @@ TEST_P(StreamTest, GathersTheSendsOfARun) {
     pair.stream->send("outside");
     EXPECT_EQ(pair.peer.read(), "outside");
     EXPECT_EQ(pair.stream->bytesSent(), 2 * 3 + large.size() + 1 + 7);
+    std::string const piece(500, 'p');
+    std::vector<std::string_view> const many(100, piece);  // more than one call takes
+    pair.stream->send(many.data(), many.size());
+    EXPECT_EQ((next() + next()).size(), 100 * piece.size());
   });
 }
 
