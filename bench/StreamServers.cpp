@@ -118,7 +118,10 @@ void serveWithAsioStreams(std::vector<int> const& connections, Requests& request
   struct Connection {
     Connection(AsioContext& asioContext, Requests& all, int fd)
         : context(asioContext), requests(all), socket(asioContext, tcp::v4(), fd) {}
-    ~Connection() { socket.release(); }
+    ~Connection() {
+      boost::system::error_code ignored;
+      socket.release(ignored);
+    }
     void read() {
       socket.async_read_some(boost::asio::buffer(buffer),
                              [this](boost::system::error_code const& error, std::size_t length) {

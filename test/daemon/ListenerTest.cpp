@@ -308,8 +308,7 @@ TEST(ListenerHandedOver, ByTheServiceManager) {
   expectServedBy(folder.at("direct"), [&](char const* program) {
     auto const address = SocketAddress::parse(folder.at("direct"));
     int const fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    ::bind(fd, address.get(), address.size());
-    ::listen(fd, 1);
+    if (::bind(fd, address.get(), address.size()) != 0 || ::listen(fd, 1) != 0) return;
     ::dup2(fd, 3);
     ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
     ::setenv("LISTEN_FDS", "1", 1);
