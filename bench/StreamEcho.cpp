@@ -4,8 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "Catalogue.h"
+#include "ServerMemory.h"
 #include "Servers.h"
 #include "Units.h"
 
@@ -16,21 +18,49 @@ namespace {
 constexpr char const* unit = "stream";
 constexpr std::uint64_t requestCount = 30'000;
 
-void addClients(Catalogue& catalogue, std::size_t clients, std::string const& form) {
-  if (!canHold(clients, form)) return;
-  auto const add = [&](std::string const& who, Server const& serve, Backend backend) {
-    catalogue.measure(
-        unit, form, who, requestCount,
-        [=](std::uint64_t count) {
-          return serveBusy(serve, std::min<std::size_t>(clients, count / 10), count).cpuSeconds;
-        },
-        backend);
-  };
+constexpr std::size_t idleConnectionCount = 4'000;
+
+struct Competitor {
+  std::string who;
+  Backend backend;
+  Server serve;
+};
+
+std::vector<Competitor> competitors() {
+  std::vector<Competitor> all;
   for (Backend const backend : BreloTest::backends)
-    add(whoIs(backend), serveWithStreams, backend);
-  add("libevent", serveWithBufferevents, Backend::host);
-  add("libuv", serveWithUvStreams, Backend::host);
-  add("asio", serveWithAsioStreams, Backend::host);
+    all.push_back({whoIs(backend), backend, serveWithStreams});
+  all.push_back({"libevent", Backend::host, serveWithBufferevents});
+  all.push_back({"libuv", Backend::host, serveWithUvStreams});
+  all.push_back({"asio", Backend::host, serveWithAsioStreams});
+  return all;
+}
+
+void addClients(Catalogue& catalogue, std::size_t clients, std::string const& form) {
+  if (!canHold(2 * clients, form)) return;  // some serve a duplicate
+  for (Competitor const& each : competitors()) {
+    catalogue.measure(
+        unit, form, each.who, requestCount,
+        [=](std::uint64_t count) {
+          auto const few = std::min<std::size_t>(clients, count / 10);
+          return serveBusy(each.serve, few, count).cpuSeconds;
+        },
+        each.backend);
+  }
+}
+
+void addMemory(Catalogue& catalogue) {
+  std::string const form = "memory of an idle connection";
+  if (!canHold(2 * idleConnectionCount, form)) return;
+  for (Competitor const& each : competitors()) {
+    if (each.who == "asio") continue;  // it reads at once, which event descriptors refuse
+    catalogue.measureFigures(
+        {{unit, form, "bytes"}}, each.who, idleConnectionCount,
+        [serve = each.serve](std::uint64_t count) -> std::vector<double> {
+          return {bytesOfIdleConnection(serve, count)};
+        },
+        each.backend);
+  }
 }
 
 }  // namespace
@@ -39,6 +69,7 @@ void addStream(Catalogue& catalogue) {
   addClients(catalogue, 1, "1 client");
   addClients(catalogue, 50, "50 clients");
   addClients(catalogue, 500, "500 clients");
+  addMemory(catalogue);
   for (char const* clients : {"50 clients", "500 clients"})
     catalogue.aimOnBackends(unit, clients, 1.1, "asio");
 }
