@@ -14,10 +14,11 @@
 
 namespace BreloDaemon {
 
+/// How connections are made.
 struct ConnectorOptions {
   /// Of the tasks of the streams; with ":connect" that of the tasks that connect.
   std::string name = "connection";
-  Brelo::TaskPriority priority = Brelo::TaskPriority::normal;
+  Brelo::TaskPriority priority = Brelo::TaskPriority::normal;  ///< of these
   /// For a connection, the lookup of its name and all its addresses included.
   std::chrono::nanoseconds timeLimit = std::chrono::seconds(30);
   /// For each address, before the next one is tried.
@@ -37,6 +38,7 @@ class BRELO_EXPORT Connector {
   /// `operation_canceled` at the orderly end, or of `resolveCategory()`.
   using Handler = std::function<void(std::shared_ptr<Stream> stream, std::error_code error)>;
 
+  /// Idle. Throws `std::system_error` if no descriptor is left for it.
   explicit Connector(std::shared_ptr<Brelo::TaskScheduler> scheduler,
                      ConnectorOptions const& options = {});
   Connector(Connector const&) = delete;

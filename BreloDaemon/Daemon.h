@@ -56,7 +56,7 @@ class BRELO_EXPORT Daemon {
   Daemon& operator=(Daemon const&) = delete;
   ~Daemon();
 
-  std::string const& name() const;
+  std::string const& name() const;  ///< as given
   /// The root of all tasks of the daemon.
   std::shared_ptr<Brelo::TaskSchedulerRoot> const& scheduler() const;
 

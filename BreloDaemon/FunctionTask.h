@@ -25,8 +25,11 @@ class BRELO_EXPORT FunctionTask {
                std::string name, Callable&& work)
       : FunctionTask(std::move(scheduler), priority, std::move(name),
                      asWork(std::forward<Callable>(work)), nullptr) {}
+  /// Take the task over, and leave the other without work; what this one had is let go of.
+  /// @{
   FunctionTask(FunctionTask&&) noexcept = default;
   FunctionTask& operator=(FunctionTask&& other) noexcept;
+  /// @}
   ~FunctionTask();
 
   /// Asks for one run; a second request before it changes nothing.

@@ -18,10 +18,11 @@
 
 namespace BreloDaemon {
 
+/// How a listener listens, and what its streams are called.
 struct ListenerOptions {
   /// Of the streams' tasks and their group; with ":accept" that of the task that accepts.
   std::string name = "client";
-  Brelo::TaskPriority priority = Brelo::TaskPriority::normal;
+  Brelo::TaskPriority priority = Brelo::TaskPriority::normal;  ///< of these
   /// How many connections the kernel keeps for us; it has a bound of its own.
   int backlog = 4096;
   /// Lets several processes listen at one TCP address; the kernel deals connections out.
@@ -47,6 +48,7 @@ struct ListenerOptions {
 /// holds without a callback.
 class BRELO_EXPORT Listener {
  public:
+  /// Is given a stream of this listener, which owns it.
   using StreamHandler = std::function<void(Stream& client)>;
 
   /// Listens from here on, at all of the addresses. `onStream` is called for each connection in its
@@ -65,8 +67,8 @@ class BRELO_EXPORT Listener {
 
   /// What was bound, with the ports that the kernel chose; after the end of accepting, too.
   std::vector<std::string> const& addresses() const;
-  int port() const;  ///< the first one of TCP, or 0
-  std::size_t connections() const;
+  int port() const;                 ///< the first one of TCP, or 0
+  std::size_t connections() const;  ///< streams that have not ended
 
   /// Closes the listening sockets, for good; the streams go on.
   void stopAccepting();

@@ -50,7 +50,9 @@ BRELO_EXPORT char const* toString(StreamEnd reason);
 /// reads and the sends of a run share two of 64 KiB of the thread.
 class BRELO_EXPORT Stream : public std::enable_shared_from_this<Stream> {
  public:
+  /// Returns how many of the bytes it has consumed.
   using ReceiveHandler = std::function<std::size_t(std::string_view bytes)>;
+  /// Is told why, with an error code for `StreamEnd::failed`.
   using EndHandler = std::function<void(StreamEnd reason, std::error_code error)>;
 
   /// On an open descriptor, which becomes non-blocking; none is an assertion. Names are shared by
@@ -112,8 +114,8 @@ class BRELO_EXPORT Stream : public std::enable_shared_from_this<Stream> {
   /// No more than to be told of the end is left.
   bool ended() const;
 
-  std::uint64_t bytesReceived() const;
-  std::uint64_t bytesSent() const;
+  std::uint64_t bytesReceived() const;  ///< from the other side, consumed or not
+  std::uint64_t bytesSent() const;      ///< that the kernel has taken
   /// The other side as "127.0.0.1:7000", "[::1]:7000", "unix:/path" or "unix:"; empty if it has
   /// gone, or if it is no socket.
   std::string peerName() const;
