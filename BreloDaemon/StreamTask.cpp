@@ -59,14 +59,16 @@ void StreamTask::onEnd(Stream::EndHandler handler) {
   if (!finished_) onEnd_.swap(handler);
 }
 
-// A readiness that is known need not be told again at each pass until the run.
+// A readiness that is known need not be told again at each pass until the run. A group's slice, as
+// a rule, brings all runs before the next pass: there only what is told again is turned off.
 void StreamTask::readFdEvent(int) {
-  readReady_ = true;
-  bool const runIsNext = run_ == nullptr && !onRunQueue() &&
-                         !taskScheduler()->schedulerHasRunnableTasks() &&
-                         !taskScheduler()->root().suspended();
+  bool const known = std::exchange(readReady_, true);
+  Brelo::TaskScheduler const& scheduler = *taskScheduler();
+  bool const inGroup = &scheduler != &scheduler.root();
+  bool const runIsNext = run_ == nullptr && !onRunQueue() && !scheduler.root().suspended() &&
+                         (inGroup || !scheduler.schedulerHasRunnableTasks());
   if (run_ == nullptr) scheduleTask();
-  if (runIsNext) return;
+  if (runIsNext && !known) return;
   readsOn_ = false;
   control_->setReads(false);
 }
