@@ -42,6 +42,7 @@ int main(int argc, char** argv) {
     sweep.every(std::chrono::seconds(1));
     BreloDaemon::ListenerOptions options;
     options.connectionsMax = connections;
+    options.quantum = std::chrono::milliseconds(10);  // there is little else to do
     auto const accepted = [&](BreloDaemon::Stream& client) {
       if (idle > 0) client.idleLimitIs(std::chrono::seconds(idle));
       server.serve(client);
