@@ -1,7 +1,6 @@
 #include "Cache.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <random>
@@ -23,20 +22,11 @@ Cache::Cache(std::size_t limit_)
       table_(limit / 256 + 1),
       secret_(std::independent_bits_engine<std::random_device, 64, std::uint64_t>()() | 1) {}
 
-Cache::~Cache() {
-  order_.clear_and_dispose([](Item* item) { std::free(item); });
-}
-
 void Cache::timeIs(double now) {
   now_ = now;
   if (now < flushAt_) return;
   flushAt_ = std::numeric_limits<double>::infinity();
   flushed_ = version_;
-}
-
-void Cache::flushAt(double time) {
-  flushAt_ = time;
-  timeIs(now_);
 }
 
 Item* Cache::find(std::string_view key) {

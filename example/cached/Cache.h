@@ -3,6 +3,7 @@
 #include <boost/intrusive/list.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 #include <string_view>
 #include <vector>
@@ -37,9 +38,7 @@ class Cache {
  public:
   /// For `limit` bytes of items, as the allocator counts; the table takes a 32nd of it besides.
   explicit Cache(std::size_t limit);
-  Cache(Cache const&) = delete;
-  Cache& operator=(Cache const&) = delete;
-  ~Cache();
+  ~Cache() { order_.clear_and_dispose(&std::free); }
 
   void timeIs(double now);
   double time() const { return now_; }
@@ -50,7 +49,11 @@ class Cache {
   bool store(std::string_view key, std::uint32_t flags, double expires, std::string_view value,
              std::string_view more = {});
   bool erase(std::string_view key);
-  void flushAt(double time);  ///< then all goes that is there by then
+  /// All goes then that is there by then.
+  void flushAt(double time) {
+    flushAt_ = time;
+    timeIs(now_);
+  }
   void sweep(std::size_t buckets);
 
   std::size_t const limit;

@@ -35,6 +35,10 @@ struct CommandLine {
     if (quiet) --count;
   }
 
+  bool is(std::string_view command, std::size_t size) const {
+    return words[0] == command && count == size;
+  }
+
   std::array<std::string_view, 8> words;
   std::size_t count = 0;
   bool quiet;

@@ -14,6 +14,10 @@ struct Server {
   /// Answers the commands of a client, which must not outlive the server.
   void serve(BreloDaemon::Stream& client);
   std::string statistics() const;  ///< the answer to "stats"
+  void resetStatistics() {
+    total = {};
+    cache.stored = cache.evicted = 0;
+  }
 
   Brelo::TaskSchedulerRoot const& scheduler;
   Cache cache;

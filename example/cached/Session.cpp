@@ -14,13 +14,13 @@ namespace Cached {
 
 namespace {
 
-constexpr std::array<std::string_view, 6> stores{"set",    "add",     "replace",
-                                                 "append", "prepend", "cas"};
+constexpr std::array<std::string_view, 5> storing{"set", "add", "replace", "append", "prepend"};
 constexpr std::size_t lineMax = 64 << 10;
 constexpr std::size_t unsentMax = 64 << 10;  // and the next answer
 constexpr std::size_t sentMax = 1 << 20;     // at a time, then others get their turn
 
 constexpr std::string_view badLine = "CLIENT_ERROR bad command line format\r\n";
+constexpr std::string_view badData = "CLIENT_ERROR bad data chunk\r\n";
 constexpr std::string_view badTime = "CLIENT_ERROR invalid exptime argument\r\n";
 constexpr std::string_view tooLarge = "SERVER_ERROR object too large for cache\r\n";
 constexpr std::string_view outOfMemory = "SERVER_ERROR out of memory storing object\r\n";
@@ -34,10 +34,9 @@ class Session {
     ++server_.connections;
     ++server_.total.connections;
     client_.waterMarksIs(unsentMax / 4, unsentMax);
-    client_.receiveLimitIs(2 * Item::valueMax);
+    client_.receiveLimitIs(2 * Item::valueMax);  // more than an unfinished command is
   }
   Session(Session const&) = delete;
-  Session& operator=(Session const&) = delete;
   ~Session() { --server_.connections; }
 
   /// Returns how much it has taken.
@@ -71,20 +70,16 @@ class Session {
       client_.send("CLIENT_ERROR line too long\r\n");
       return client_.close(), bytes.size();
     }
-    std::string_view line = bytes.substr(0, end);
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    std::string_view keys = line;
-    std::string_view const name = takeWord(keys);
+    std::string_view text = bytes.substr(0, end > 0 && bytes[end - 1] == '\r' ? end - 1 : end);
+    CommandLine const line(text);
+    std::string_view const name = takeWord(text);
     if (name == "get" || name == "gets" || name == "gat" || name == "gats") {
-      return retrieve(name, keys) ? end + 1 : 0;
+      return retrieve(name, text) ? end + 1 : 0;
     }
-    CommandLine const command(line);
-    std::size_t const taken = end + 1;
-    if (std::find(stores.begin(), stores.end(), name) != stores.end() &&
-        command.count == (name == "cas" ? 6 : 5)) {
-      return takeStore(command, taken, bytes.substr(taken));
-    }
-    return answer(command, run(command), taken);
+    auto const is = [&line](std::string_view store) { return line.is(store, 5); };
+    if (line.is("cas", 6) || std::any_of(storing.begin(), storing.end(), is))
+      return takeStore(line, end + 1, bytes.substr(end + 1));
+    return answer(line, run(line), end + 1);
   }
 
   bool retrieve(std::string_view name, std::string_view words) {
@@ -122,9 +117,7 @@ class Session {
     std::size_t const end = behind.find('\n', *size);
     if (end == behind.npos) return 0;
     bool const good = behind.substr(*size, end - *size) == "\r";
-    return answer(line,
-                  good ? store(line, behind.substr(0, *size)) : "CLIENT_ERROR bad data chunk\r\n",
-                  taken + end + 1);
+    return answer(line, good ? store(line, behind.substr(0, *size)) : badData, taken + end + 1);
   }
 
   std::size_t answer(CommandLine const& line, std::string_view text, std::size_t taken) {
@@ -143,10 +136,10 @@ class Session {
   // These return the answer.
 
   std::string_view store(CommandLine const& line, std::string_view value) {
-    auto const& [name, key, flagsWord, timeWord, sizeWord, versionWord, none, never] = line.words;
-    auto const flags = numberIn<std::uint32_t>(flagsWord);
-    auto const time = numberIn<std::int64_t>(timeWord);
-    auto const version = name == "cas" ? numberIn<std::uint64_t>(versionWord) : 0;
+    auto const [name, key] = std::pair(line.words[0], line.words[1]);
+    auto const flags = numberIn<std::uint32_t>(line.words[2]);
+    auto const time = numberIn<std::int64_t>(line.words[3]);
+    auto const version = name == "cas" ? numberIn<std::uint64_t>(line.words[5]) : 0;
     if (!flags || !time || !version || key.size() > Item::keyMax) return badLine;
     ++server_.total.sets;
     Item const* const old = name == "set" ? nullptr : cache_.find(key);
@@ -163,31 +156,25 @@ class Session {
   }
 
   std::string_view run(CommandLine const& line) {
-    auto const& [name, key, word, w3, w4, w5, w6, w7] = line.words;
-    auto const is = [&](std::string_view command, std::size_t words) {
-      return line.words[0] == command && line.count == words;
-    };
+    auto const [name, key] = std::pair(line.words[0], line.words[1]);
     if (key.size() > Item::keyMax) return badLine;
-    if (is("incr", 3) || is("decr", 3)) return count(key, word, name == "incr");
-    if (is("touch", 3)) return touch(key, word);
-    if (is("delete", 2) || (is("delete", 3) && word == "0")) {
+    if (line.is("incr", 3) || line.is("decr", 3)) return count(key, line.words[2], name == "incr");
+    if (line.is("touch", 3)) return touch(key, line.words[2]);
+    if (line.is("delete", 2) || (line.is("delete", 3) && line.words[2] == "0")) {
       return cache_.erase(key) ? "DELETED\r\n" : notFound;
     }
-    if (is("flush_all", 1) || is("flush_all", 2)) return flush(line.count == 1 ? "0" : key);
-    if (is("verbosity", 2) || (is("verbosity", 1) && line.quiet)) return "OK\r\n";
-    if (is("stats", 2) && key == "reset") {
-      server_.total = {};
-      cache_.stored = cache_.evicted = 0;
-      return "RESET\r\n";
-    }
-    bool const known = line.count == 1 && !line.quiet;
-    if (known && name == "quit") {
+    bool const flushes = line.is("flush_all", 1) || line.is("flush_all", 2);
+    if (flushes) return flush(line.count == 1 ? "0" : key);
+    if (line.is("verbosity", 2) || (line.is("verbosity", 1) && line.quiet)) return "OK\r\n";
+    if (line.is("stats", 2) && key == "reset") return server_.resetStatistics(), "RESET\r\n";
+    bool const alone = line.count == 1 && !line.quiet;
+    if (alone && name == "quit") {
       client_.close();
       skip_ = std::numeric_limits<std::size_t>::max();  // nothing behind it is looked at
-    } else if (known && name == "stats") {
+    } else if (alone && name == "stats") {
       client_.send(server_.statistics());
     } else {
-      client_.send(known && name == "version" ? "VERSION " CACHED_VERSION "\r\n" : "ERROR\r\n");
+      client_.send(alone && name == "version" ? "VERSION " CACHED_VERSION "\r\n" : "ERROR\r\n");
     }
     return {};
   }
@@ -222,8 +209,7 @@ class Session {
 
   /// Up to 30 days are seconds from now, more are a time, and 0 is never.
   double expiry(std::int64_t time) const {
-    if (time == 0) return std::numeric_limits<double>::infinity();
-    if (time < 0) return 0;
+    if (time <= 0) return time < 0 ? 0 : std::numeric_limits<double>::infinity();
     return static_cast<double>(time) + (time > 30 * 24 * 3600 ? 0 : cache_.time());
   }
 

@@ -30,8 +30,6 @@ std::string Server::statistics() const {
   say("curr_items", cache.items);
   say("total_items", cache.stored);
   say("evictions", cache.evicted);
-  say("threads", 1);
-  say("brelo_tasks", scheduler.totalRegisteredTaskCount());
   say("brelo_runs", runs);
   say("brelo_max_slip_us", scheduler.maxSchedulerSlip().count() / 1000);
   return text + "END\r\n";

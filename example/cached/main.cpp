@@ -1,6 +1,4 @@
 // cached: keeps values in memory, for clients that speak memcached's text protocol.
-#include <signal.h>
-
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <exception>
@@ -26,19 +24,19 @@ int main(int argc, char** argv) {
   app.add_option("--connections", connections, "at a time")->check(CLI::PositiveNumber);
   app.add_option("--idle", idle, "seconds after which a silent client is dropped; 0: never");
   app.add_option("--backend", backend, "event loop")->check(CLI::IsMember({"host", "libevent"}));
-  app.footer("SIGUSR1 prints what the tasks have done; SIGTERM and SIGINT end.");
   CLI11_PARSE(app, argc, argv);
 
   if (backend == "libevent") Brelo::useThreadLocalSingletons();
   try {
     BreloDaemon::Daemon daemon("cached");
     Cached::Server server{*daemon.scheduler(), Cached::Cache(memory << 20), Brelo::time()};
+    auto const sweepSome = [&cache = server.cache](Brelo::TaskImpl& task) {
+      cache.timeIs(Brelo::time());
+      for (int i = 0; i < 256 && !task.taskShouldYield(); ++i)
+        cache.sweep(64);
+    };
     BreloDaemon::FunctionTimer sweep(daemon.scheduler(), Brelo::TaskPriority::low, "sweep",
-                                     [&cache = server.cache](Brelo::TaskImpl& task) {
-                                       cache.timeIs(Brelo::time());
-                                       for (int i = 0; i < 256 && !task.taskShouldYield(); ++i)
-                                         cache.sweep(64);
-                                     });
+                                     sweepSome);
     sweep.every(std::chrono::seconds(1));
     BreloDaemon::ListenerOptions options;
     options.connectionsMax = connections;
@@ -47,9 +45,10 @@ int main(int argc, char** argv) {
       if (idle > 0) client.idleLimitIs(std::chrono::seconds(idle));
       server.serve(client);
     };
-    BreloDaemon::Listener const listener(daemon.scheduler(), address, accepted, options);
-    daemon.onSignal(SIGUSR1, [&daemon] {
-      daemon.scheduler()->statsRenderTextForDebug(std::cout, true, false, true, false);
+    BreloDaemon::Listener listener(daemon.scheduler(), address, accepted, options);
+    listener.onStop([](BreloDaemon::Stream& client) {
+      client.idleLimitIs(std::chrono::seconds(1));  // for what it still reads
+      client.close();
     });
     std::cout << "listening on " << listener.addresses().front() << std::endl;
     return daemon.run();

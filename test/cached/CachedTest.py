@@ -307,6 +307,7 @@ class CachedTest(Server):
         for other in hostile:
             other.close()
         self.assertTrue(eventually(lambda: self.figures(client)['curr_connections'] == '1'))
+        client.sendall(b'get big\r\n' * 100)  # and never reads: that does not hold up the end
         self.stop()
 
     def testBoundsItsClients(self):
