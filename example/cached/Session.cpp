@@ -150,8 +150,8 @@ class Session {
     std::string_view more = joins ? old->value() : "";
     if (name == "append") std::swap(value, more);
     if (value.size() + more.size() > Item::valueMax) return tooLarge;
-    bool const stored = cache_.store(key, joins ? old->flags : *flags,
-                                     joins ? old->expires : expiry(*time), value, more);
+    double const expires = joins ? old->expires : expiry(*time);
+    bool const stored = cache_.store(key, joins ? old->flags : *flags, expires, value, more);
     return stored ? "STORED\r\n" : outOfMemory;
   }
 
@@ -160,9 +160,8 @@ class Session {
     if (key.size() > Item::keyMax) return badLine;
     if (line.is("incr", 3) || line.is("decr", 3)) return count(key, line.words[2], name == "incr");
     if (line.is("touch", 3)) return touch(key, line.words[2]);
-    if (line.is("delete", 2) || (line.is("delete", 3) && line.words[2] == "0")) {
-      return cache_.erase(key) ? "DELETED\r\n" : notFound;
-    }
+    bool const deletes = line.is("delete", 2) || (line.is("delete", 3) && line.words[2] == "0");
+    if (deletes) return cache_.erase(key) ? "DELETED\r\n" : notFound;
     bool const flushes = line.is("flush_all", 1) || line.is("flush_all", 2);
     if (flushes) return flush(line.count == 1 ? "0" : key);
     if (line.is("verbosity", 2) || (line.is("verbosity", 1) && line.quiet)) return "OK\r\n";

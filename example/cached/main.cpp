@@ -30,13 +30,12 @@ int main(int argc, char** argv) {
   try {
     BreloDaemon::Daemon daemon("cached");
     Cached::Server server{*daemon.scheduler(), Cached::Cache(memory << 20), Brelo::time()};
-    auto const sweepSome = [&cache = server.cache](Brelo::TaskImpl& task) {
+    auto const work = [&cache = server.cache](Brelo::TaskImpl& task) {
       cache.timeIs(Brelo::time());
       for (int i = 0; i < 256 && !task.taskShouldYield(); ++i)
         cache.sweep(64);
     };
-    BreloDaemon::FunctionTimer sweep(daemon.scheduler(), Brelo::TaskPriority::low, "sweep",
-                                     sweepSome);
+    BreloDaemon::FunctionTimer sweep(daemon.scheduler(), Brelo::TaskPriority::low, "sweep", work);
     sweep.every(std::chrono::seconds(1));
     BreloDaemon::ListenerOptions options;
     options.connectionsMax = connections;
