@@ -203,7 +203,7 @@ void Listener::Core::close() {
 
 void Listener::Core::letGo() {
   stopAccepting();
-  onStop_ = nullptr;
+  onStop_.set(nullptr);
   auto const streams = std::move(streams_);
   streams_.clear();
   for (auto const& stream : streams) {

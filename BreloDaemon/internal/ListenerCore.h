@@ -9,6 +9,7 @@
 #include "Brelo/TaskScheduler.h"
 #include "BreloDaemon/Listener.h"
 #include "BreloDaemon/StopStep.h"
+#include "BreloDaemon/internal/CallbackSlot.h"
 #include "BreloDaemon/internal/ListenSocket.h"
 #include "BreloDaemon/internal/StreamTask.h"
 
@@ -25,7 +26,7 @@ class Listener::Core final : public std::enable_shared_from_this<Core>, StreamTa
   std::size_t connections() const { return streams_.size(); }
   void stopAccepting();
   void close();
-  void onStop(StreamHandler stop) { onStop_ = std::move(stop); }
+  void onStop(StreamHandler stop) { onStop_.set(std::move(stop)); }
   /// Everything ends here and now.
   void letGo();
 
@@ -42,7 +43,7 @@ class Listener::Core final : public std::enable_shared_from_this<Core>, StreamTa
   bool accepts() const;
 
   StreamHandler onStream_;
-  StreamHandler onStop_;
+  CallbackSlot<void(Stream&)> onStop_;
   ListenerOptions const options_;
   std::shared_ptr<Brelo::TaskGroup> group_;
   std::vector<ListenSocket> sockets_;

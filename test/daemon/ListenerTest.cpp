@@ -226,6 +226,24 @@ TEST_P(ListenerTest, EndsAtOnceFromItsCallbacksAndNotByTheirExceptions) {
   });
 }
 
+TEST_P(ListenerTest, EndsFromWhatItsOrderlyEndCalls) {
+  run([] {
+    auto listener = std::make_unique<Listener>(Brelo::schedulerRootBrelo(), "127.0.0.1:0", echo);
+    std::string said;
+    listener->onStop([&, text = std::string(100, 'x')](Stream&) {
+      listener.reset();
+      said += text;
+    });
+    Peer peers[2];
+    for (Peer& each : peers) {
+      each = connectTo(listener->addresses()[0]);
+      EXPECT_TRUE(answers(each));
+    }
+    listener->close();
+    EXPECT_EQ(said, std::string(100, 'x'));
+  });
+}
+
 TEST_P(ListenerTest, ADaemonEndsOnceItsStreamsHaveSentEverything) {
   run([] {
     Daemon daemon("test");
