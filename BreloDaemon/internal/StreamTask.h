@@ -54,13 +54,15 @@ class StreamTask final : public Brelo::Task, public Brelo::Platform::FdEventHand
   bool send(std::string_view const* views, std::size_t count);
   std::size_t unsent() const;
   void waterMarksIs(std::size_t low, std::size_t high);
-  void onDrained(std::function<void()> handler) { extras().onDrained.set(std::move(handler)); }
+  void onDrained(std::function<void()> handler) {
+    if (!finished_) extras().onDrained.set(std::move(handler));
+  }
   void close() { closeFor(StreamEnd::closed); }
   void abort() { end(StreamEnd::aborted); }
   void shutdownSend();
   void halfOpenIs(bool halfOpen) { halfOpen_ = halfOpen; }
   void onReceiveEnd(std::function<void()> handler) {
-    extras().onReceiveEnd.set(std::move(handler));
+    if (!finished_) extras().onReceiveEnd.set(std::move(handler));
   }
   void idleLimitIs(std::chrono::nanoseconds limit);
   void onEnd(Stream::EndHandler handler);

@@ -244,6 +244,8 @@ TEST_P(StreamTest, EndsOnceForItsReasonAndLetsGoOfItsCallbacks) {
       pair.stream->close();
       pair.stream->abort();
       pair.stream->receive([held](std::string_view) { return std::size_t{0}; });
+      pair.stream->onDrained([held] {});
+      pair.stream->onReceiveEnd([held] {});
       pair.stream->idleLimitIs(1ms);
       loopABit();
       EXPECT_EQ(pair.ends, 1);
