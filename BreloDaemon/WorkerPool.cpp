@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <system_error>
 #include <utility>
 
@@ -52,7 +54,7 @@ WorkerThreads::WorkerThreads(std::shared_ptr<Brelo::TaskScheduler> scheduler,
                              unsigned threads, std::size_t queueMax)
     : name_(name.substr(0, threadNameMax)),
       threadsMax_(threads),
-      jobsMax_(threads + queueMax),
+      jobsMax_(queueMax + std::min<std::size_t>(threads, SIZE_MAX - queueMax)),
       process_(::getpid()),
       results_(std::in_place, std::move(scheduler), priority, name),
       sender_(results_->sender()),
@@ -138,6 +140,7 @@ std::size_t WorkerThreads::waiting() {
 
 void WorkerThreads::end() {
   if (!results_) return;
+  refusing_ = true;  // what a dropped job destroys may submit
   if (::getpid() != process_) {
     // Nobody will ever wake the threads that the parent had waiting here.
     forEver_ = shared_from_this();

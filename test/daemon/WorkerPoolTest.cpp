@@ -6,13 +6,16 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/Thread.h"
@@ -100,6 +103,35 @@ TEST_P(WorkerPoolTest, TakesAsMuchAsItHasRoomFor) {
     EXPECT_TRUE(runUntil([&] { return done == 5; }));
     EXPECT_TRUE(pool->submit([] { return 1; }, [&](auto&& one) { done += one.get(); }));
     EXPECT_TRUE(runUntil([&] { return done == 6; }));
+  });
+}
+
+TEST_P(WorkerPoolTest, WithoutABoundTakesWorkUntilItsEndAndNoneMeanwhile) {
+  struct SubmitsAtItsEnd {
+    explicit SubmitsAtItsEnd(std::function<void()> last) : submit(std::move(last)) {}
+    SubmitsAtItsEnd(SubmitsAtItsEnd&& other) noexcept
+        : submit(std::exchange(other.submit, nullptr)) {}
+    ~SubmitsAtItsEnd() {
+      if (submit) submit();
+    }
+    void operator()() const {}
+
+    std::function<void()> submit;
+  };
+  runWith(1, std::numeric_limits<std::size_t>::max(), [](auto&, auto& pool) {
+    std::promise<void> begun;
+    bool taken = true;
+    EXPECT_TRUE(pool->submit(
+        [&] {
+          begun.set_value();
+          std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        },
+        [](auto&&) {}));
+    SubmitsAtItsEnd submits([&, to = &*pool] { taken = to->submit([] {}, [](auto&&) {}); });
+    EXPECT_TRUE(pool->submit(std::move(submits), [](auto&&) {}));
+    begun.get_future().wait();
+    pool.reset();
+    EXPECT_FALSE(taken);
   });
 }
 
