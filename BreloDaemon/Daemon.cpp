@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <initializer_list>
 #include <list>
 #include <optional>
 #include <sstream>
@@ -16,6 +17,7 @@
 #include "BreloDaemon/FunctionTask.h"
 #include "BreloDaemon/SignalTask.h"
 #include "BreloDaemon/StopStep.h"
+#include "BreloDaemon/internal/CallbackSlot.h"
 #include "BreloDaemon/internal/StandardError.h"
 #include "BreloDaemon/internal/StopSequence.h"
 
@@ -61,6 +63,7 @@ class Daemon::Frame {
       : name_(prepared(std::move(name))),
         limit_(inSeconds(options.stopLimit)),
         readyAtRun_(options.readyAtRun),
+        stopSignals_(options.stopSignals),
         scheduler_(Brelo::TaskSchedulerRoot::TaskSchedulerRootIs(name_)),
         goOn_(scheduler_, TaskPriority::absolute, name_ + ":stop", [this] { goOn(); }),
         resume_([this] { goOn_.schedule(); }) {
@@ -69,8 +72,10 @@ class Daemon::Frame {
       exceptionThrown(&task);
       return true;
     });
-    stopSignals_.emplace(scheduler_, TaskPriority::absolute, name_ + ":signals",
-                         options.stopSignals, [this](auto const&) { stopSignal(); });
+    for (int const signal : options.stopSignals)
+      stopTasks_.emplace_back(scheduler_, TaskPriority::absolute, name_ + ":signals",
+                              std::initializer_list<int>{signal},
+                              [this](auto const&) { stopSignal(); });
     service_.feedWatchdog(scheduler_, options.watchdogPriority);
   }
   Frame(Frame const&) = delete;
@@ -86,13 +91,14 @@ class Daemon::Frame {
   ServiceNotify& service() { return service_; }
 
   int run() {
+    running_ = true;
     if (readyAtRun_) report(service_.ready());
     while (!stopping_) {
       if (enter([] { Brelo::Platform::doEventLoop(); })) stop(0);  // nothing was left, or a stop
     }
     while (!stepsDone_ && left() > 0)
       enter([this] { Brelo::Platform::doEventLoop(left()); });
-    stopSignals_.reset();
+    stopTasks_.clear();
     while (left() > 0 && Brelo::Platform::pendingCount() > 0)
       enter([this] { Brelo::Platform::doEventLoop(std::min(lookSeconds, left())); });
     if (left() <= 0) sayWhatIsLeft();
@@ -107,7 +113,7 @@ class Daemon::Frame {
     for (int const signal : ownSignals_)
       ::signal(signal, SIG_IGN);  // one that comes when nobody takes it any more
     goOn_.schedule();
-    Brelo::Platform::stopEventLoop();  // entered again with a bound
+    if (running_) Brelo::Platform::stopEventLoop();  // entered again with a bound
   }
 
   void onStop(std::string name, std::function<void()> step) {
@@ -119,15 +125,18 @@ class Daemon::Frame {
   }
 
   void onSignal(int signal, std::function<void()> handler) {
-    signals_.emplace_back(scheduler_, TaskPriority::high,
-                          name_ + ":signal" + std::to_string(signal),
-                          std::initializer_list<int>{signal},
-                          [handler = std::move(handler)](auto const&) { handler(); });
+    if (std::count(stopSignals_.begin(), stopSignals_.end(), signal) != 0)
+      BRELO_FAIL("Daemon", "signal {} ends the daemon", signal);
+    signals_.emplace_back(
+        scheduler_, TaskPriority::high, name_ + ":signal" + std::to_string(signal),
+        std::initializer_list<int>{signal}, [this, handler = std::move(handler)](auto const&) {
+          if (!stopping_) handler();
+        });
     ownSignals_.push_back(signal);
   }
 
   void exceptionHandlerIs(std::function<bool(Brelo::_TaskBase*)> handler) {
-    exceptionHandler_ = std::move(handler);
+    exceptionHandler_.set(std::move(handler));
   }
 
  private:
@@ -165,7 +174,7 @@ class Daemon::Frame {
 
   void exceptionThrown(Brelo::_TaskBase* task) {
     try {
-      if (exceptionHandler_ != nullptr) {
+      if (exceptionHandler_) {
         if (!exceptionHandler_(task)) stop(1);
         return;
       }
@@ -202,19 +211,21 @@ class Daemon::Frame {
   std::string const name_;
   double const limit_;  // seconds
   bool const readyAtRun_;
+  std::vector<int> const stopSignals_;
   std::shared_ptr<Brelo::TaskSchedulerRoot> const scheduler_;
   ServiceNotify service_;
   FunctionTask goOn_;
   std::function<void()> const resume_;
-  std::optional<SignalTask> stopSignals_;
+  std::list<SignalTask> stopTasks_;
   std::list<SignalTask> signals_;
   std::vector<int> ownSignals_;
   std::list<std::optional<StopStep>> steps_;
-  std::function<bool(Brelo::_TaskBase*)> exceptionHandler_;
+  CallbackSlot<bool(Brelo::_TaskBase*)> exceptionHandler_;
   double exceptionsSince_ = 0;
   int exceptions_ = 0;
   double deadline_ = 0;
   int status_ = 0;
+  bool running_ = false;
   bool stopping_ = false;
   bool begun_ = false;
   bool stepsDone_ = false;

@@ -2,9 +2,9 @@
 
 #include <chrono>
 #include <functional>
-#include <initializer_list>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Brelo/Export.h"
 #include "Brelo/TaskSchedulerRoot.h"
@@ -15,7 +15,7 @@ namespace BreloDaemon {
 /// How a daemon begins and ends.
 struct DaemonOptions {
   /// What begins the orderly end, with status 0. A second one while it lasts ends it at once.
-  std::initializer_list<int> stopSignals = {15, 2};  // SIGTERM, SIGINT
+  std::vector<int> stopSignals = {15, 2};  // SIGTERM, SIGINT
   /// How long the orderly end may take; more than 0. A service manager has a limit of its own.
   std::chrono::nanoseconds stopLimit = std::chrono::seconds(10);
   /// Whether `run()` tells the service manager that the daemon is ready, or the program will.
@@ -74,7 +74,7 @@ class BRELO_EXPORT Daemon {
   /// Called as a step of the orderly end, after those of everything that was made later.
   void onStop(std::string name, std::function<void()> step);
   /// Called between two tasks when the signal has come; see SignalTask. From the beginning of the
-  /// end on it is ignored. A signal that ends the daemon is not to be had here.
+  /// end on it is ignored. A signal that ends the daemon is an assertion.
   void onSignal(int signal, std::function<void()> handler);
   /// Asked instead of what is described above, inside the catch block, with the task, or null for a
   /// handler of the platform. False begins the orderly end, with status 1.

@@ -233,6 +233,49 @@ TEST_P(DaemonRun, TheServiceManagerHearsOfBeginningLifeAndEnd) {
   EXPECT_THAT(heard, ElementsAre("READY=1", "WATCHDOG=1", "STOPPING=1"));
 }
 
+TEST_P(DaemonRun, OptionsLastAndAStopOfOneIsNoneOfTheNext) {
+  run([] {
+    DaemonOptions options;
+    for (int const signal : {SIGUSR1, SIGUSR2})
+      options.stopSignals = {signal, SIGINT};
+    { Daemon("stopped, and never run", options).stop(); }
+    Daemon daemon("test", options);
+    EXPECT_DEATH(daemon.onSignal(SIGUSR2, [] {}), "ends the daemon");
+    bool ran = false;
+    FunctionTimer timer(daemon.scheduler(), TaskPriority::normal, "timer", [&] {
+      ran = true;
+      raise(SIGUSR2);
+    });
+    timer.once(1ms);
+    EXPECT_EQ(daemon.run(), 0);
+    EXPECT_TRUE(ran);
+  });
+}
+
+TEST_P(DaemonRun, HandlersMayReplaceThemselvesAndSignalsAreIgnoredAtTheEnd) {
+  run([] {
+    Daemon daemon("test");
+    std::string said;
+    daemon.exceptionHandlerIs([&, text = std::string(100, 'x')](auto*) {
+      daemon.exceptionHandlerIs(nullptr);
+      said = text;
+      return false;
+    });
+    daemon.onSignal(SIGHUP, [&] { said += "reload"; });
+    std::optional<StopStep> slow;
+    FunctionTask later(daemon.scheduler(), TaskPriority::low, "later", [&] { slow.reset(); });
+    slow.emplace("slow", nullptr, [&] {
+      raise(SIGHUP);
+      later.schedule();
+    });
+    FunctionTask fails(daemon.scheduler(), TaskPriority::normal, "fails",
+                       [] { throw std::runtime_error("once"); });
+    fails.schedule();
+    EXPECT_EQ(daemon.run(), 1);
+    EXPECT_EQ(said, std::string(100, 'x'));
+  });
+}
+
 TEST(DaemonStart, OpensStandardDescriptorsThatAreClosed) {
   EXPECT_EXIT(
       {
