@@ -1,6 +1,7 @@
 #include "BreloDaemon/Daemon.h"
 
 #include <signal.h>
+#include <time.h>
 
 #include <algorithm>
 #include <initializer_list>
@@ -17,6 +18,7 @@
 #include "BreloDaemon/FunctionTask.h"
 #include "BreloDaemon/SignalTask.h"
 #include "BreloDaemon/StopStep.h"
+#include "BreloDaemon/internal/BlockedSignals.h"
 #include "BreloDaemon/internal/CallbackSlot.h"
 #include "BreloDaemon/internal/StandardError.h"
 #include "BreloDaemon/internal/StopSequence.h"
@@ -72,10 +74,14 @@ class Daemon::Frame {
       exceptionThrown(&task);
       return true;
     });
-    for (int const signal : options.stopSignals)
-      stopTasks_.emplace_back(scheduler_, TaskPriority::absolute, name_ + ":signals",
-                              std::initializer_list<int>{signal},
+    sigemptyset(&stopSignalSet_);
+    for (int const signal : options.stopSignals) {
+      std::initializer_list<int> const one{signal};
+      stopTasks_.emplace_back(scheduler_, TaskPriority::absolute, name_ + ":signals", one,
                               [this](auto const&) { stopSignal(); });
+      heldSignals_.emplace_back(one);
+      sigaddset(&stopSignalSet_, signal);
+    }
     service_.feedWatchdog(scheduler_, options.watchdogPriority);
   }
   Frame(Frame const&) = delete;
@@ -99,7 +105,7 @@ class Daemon::Frame {
     while (!stepsDone_ && left() > 0)
       enter([this] { Brelo::Platform::doEventLoop(left()); });
     stopTasks_.clear();
-    while (left() > 0 && Brelo::Platform::pendingCount() > 0)
+    while (left() > 0 && !nothingLeft())
       enter([this] { Brelo::Platform::doEventLoop(std::min(lookSeconds, left())); });
     if (left() <= 0) sayWhatIsLeft();
     return status_;
@@ -141,6 +147,15 @@ class Daemon::Frame {
 
  private:
   double left() const { return deadline_ - Brelo::time(); }
+
+  /// Of what keeps the loop, when the steps are done. Those that were made since then are taken,
+  /// and a stop signal that has come is the end of the limit.
+  bool nothingLeft() {
+    timespec const now{};
+    if (sigtimedwait(&stopSignalSet_, nullptr, &now) > 0) deadline_ = 0;
+    if (!StopSequence::instance().empty()) goOn_.schedule();
+    return Brelo::Platform::pendingCount() == 0;
+  }
 
   /// False if the loop was left by an exception.
   template <class Entry>
@@ -217,6 +232,8 @@ class Daemon::Frame {
   FunctionTask goOn_;
   std::function<void()> const resume_;
   std::list<SignalTask> stopTasks_;
+  std::list<Impl::BlockedSignals> heldSignals_;  // beyond the end of the tasks
+  sigset_t stopSignalSet_;
   std::list<SignalTask> signals_;
   std::vector<int> ownSignals_;
   std::list<std::optional<StopStep>> steps_;

@@ -23,6 +23,8 @@ class StopSequence {
   bool goOn();
   /// Forgets that the end has begun.
   void reset() { resume_ = nullptr; }
+  /// All steps are done.
+  bool empty() const { return newest_ == nullptr; }
   /// The names of the steps that are not done, the next one first.
   std::vector<std::string> unfinished() const;
 

@@ -114,6 +114,28 @@ TEST_P(DaemonRun, ThatIsNotLetGoOfSaysWhatItIsAndFails) {
     EXPECT_EQ(daemon.run(), 3);
     EXPECT_EQ(timer->taskRunCount, 1U);
   });
+  run([] {  // a step that is made when all others are done is taken, too
+    Daemon daemon("test");
+    std::optional<FunctionTimer> late;
+    BreloTest::Timer timer([&] {
+      late.emplace(daemon.scheduler(), TaskPriority::normal, "late", [] {});
+      late->every(1h);
+    });
+    timer.control->setTimeout(0.03);
+    daemon.stop();
+    EXPECT_EQ(daemon.run(), 0);
+    EXPECT_TRUE(late.has_value() && !late->armed());
+  });
+  run([] {  // a second signal ends it at once, also when only something else keeps the loop
+    Daemon daemon("test");
+    BreloTest::Timer timer;
+    timer.control->setTimeout(100);
+    BreloTest::Timer second([] { raise(SIGTERM); });
+    second.control->setTimeout(0.03);
+    raise(SIGTERM);
+    std::string const text = standardErrorOf([&] { EXPECT_EQ(daemon.run(), 1); });
+    EXPECT_THAT(text, HasSubstr("test: timer BreloTest::Timer in 9"));
+  });
   run([] {  // a second signal ends it at once
     Daemon daemon("test");
     StopStep const step("never done", nullptr, [] { raise(SIGINT); });
