@@ -26,10 +26,10 @@ struct ConnectorOptions {
 };
 
 /// Makes connections without blocking the loop; names are looked up on threads of its own, four at
-/// a time.
+/// a time. A lookup that hangs longer than it is waited for is left to its thread, beside those.
 ///
 /// Belongs to the scheduler's thread and may be destroyed from its callbacks. That cancels what is
-/// under way, without a callback: a lookup that hangs is left to its thread. At the orderly end
+/// under way, without a callback. At the orderly end
 /// (see StopStep) what is under way ends as cancelled, nothing new is begun, and the streams that
 /// it made are closed after what they still send.
 class BRELO_EXPORT Connector {

@@ -16,7 +16,8 @@ namespace BreloDaemon {
 class BRELO_EXPORT StopStep {
  public:
   /// `name` is what a report on an end that hangs calls the step. Either function may destroy the
-  /// step. What one of them throws goes on to the loop's entry, and the step counts as done.
+  /// step. What one of them throws goes on to the scheduler; a step whose `stop` throws counts as
+  /// done, one whose `refuse` throws is told to stop all the same.
   StopStep(std::string name, std::function<void()> refuse, std::function<void()> stop);
   StopStep(StopStep const&) = delete;
   StopStep& operator=(StopStep const&) = delete;
