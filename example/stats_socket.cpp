@@ -44,7 +44,7 @@ class StatsServer : public Brelo::FileDescriptorTask {
 
   void taskExecuteReadable() override {
     int const client = ::accept4(taskWatchFd(), nullptr, nullptr, SOCK_CLOEXEC);
-    if (client < 0) return;  // it has gone; with no descriptors left, pause as echo_server does
+    if (client < 0) return;  // it has gone; with no descriptors left, pause for a while
     auto const snapshot = taskScheduler()->snapshot(
         "", true, true, true, Brelo::TaskSchedulerSnapshot::displayOrderUnset);
     taskScheduler()->snapshotRenderJsonAsync(client, {snapshot}, served_);  // closes `client`

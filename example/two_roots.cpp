@@ -1,82 +1,68 @@
-// Two threads, each with an event loop and a scheduler of its own, that talk over a socket pair.
+// Two threads, each with an event loop and a scheduler of its own, that talk through mailboxes.
 //
 //   build/release/example/two_roots
 //
 // Nothing of one thread's tree may be touched from the other: no task, no control, no snapshot.
-// What passes between them are bytes. Each loop ends by itself when its player has gone.
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cerrno>
+// What is posted to a mailbox runs on its thread. Each loop ends by itself when its mailbox has.
 #include <cstdio>
-#include <functional>
-#include <memory>
-#include <string>
+#include <future>
+#include <optional>
 #include <thread>
 #include <utility>
 
-#include "Brelo/FileDescriptorTask.h"
 #include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/Thread.h"
+#include "BreloDaemon/Mailbox.h"
 
-/// Answers each number with the next one, up to ten. Messages are whole: the socket keeps them so.
-class Player : public Brelo::FileDescriptorTask {
+using BreloDaemon::Mailbox;
+
+/// Answers each number with the next one, up to ten. Belongs to its thread.
+class Player {
  public:
-  /// Owns `fd`. Calls `ended`, which may give the player up, when the other side has gone.
-  Player(std::shared_ptr<Brelo::TaskScheduler> scheduler, std::string name, int fd,
-         std::function<void()> ended)
-      : FileDescriptorTask(std::move(scheduler), Brelo::TaskPriority::normal, std::move(name)),
-        ended_(std::move(ended)) {
-    taskWatchFdIs(fd);
-  }
-  ~Player() override {
-    int const fd = taskWatchFd();
-    taskWatchFdDel();
-    ::close(fd);
+  /// How a player is reached from the other thread.
+  struct Seat {
+    Player* player;
+    Mailbox::Sender mailbox;
+  };
+
+  explicit Player(char const* name) : name_(name) {
+    mailbox_.emplace(Brelo::schedulerRootBrelo(), Brelo::TaskPriority::normal, name);
   }
 
+  Seat seat() { return {this, mailbox_->sender()}; }
+  void opponentIs(Seat opponent) { opponent_ = std::move(opponent); }
   void say(int number) {
-    std::printf("%s says %d\n", taskName().c_str(), number);
-    unsent_ = number;
-    scheduleTaskWritable();
-  }
-
-  void taskExecuteReadable() override {
-    int number = 0;
-    ssize_t const got = ::recv(taskWatchFd(), &number, sizeof number, 0);
-    if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    if (got != sizeof number || number == 10) return ended_();
-    say(number + 1);
-  }
-  void taskExecuteWritable() override {
-    ssize_t const sent = ::send(taskWatchFd(), &unsent_, sizeof unsent_, MSG_NOSIGNAL);
-    if (sent < 0 && (errno == EAGAIN || errno == EINTR)) return taskWatchWritableIs(true);
-    if (sent < 0) ended_();
+    std::printf("%s says %d\n", name_, number);
+    opponent_.mailbox.post([opponent = opponent_.player, number] { opponent->hear(number); });
+    if (number == 10) mailbox_.reset();
   }
 
  private:
-  std::function<void()> const ended_;
-  int unsent_ = 0;
+  void hear(int number) { number == 10 ? mailbox_.reset() : say(number + 1); }
+
+  char const* const name_;
+  std::optional<Mailbox> mailbox_;
+  Seat opponent_{};
 };
 
-void play(char const* name, int fd, bool begins) {
+void play(char const* name, std::promise<Player::Seat> mine, std::future<Player::Seat> others) {
   Brelo::useThreadLocalSingletons();  // first of all: the choice is final
   Brelo::threadNameIs(name);
-  std::shared_ptr<Player> player;
-  player = std::make_shared<Player>(Brelo::schedulerRootBrelo(), name, fd, [&] { player.reset(); });
-  if (begins) player->say(1);
+  Player player(name);
+  mine.set_value(player.seat());
+  player.opponentIs(others.get());
+  if (*name == 'l') player.say(1);
   Brelo::Platform::doEventLoop();
   std::printf("%s has done\n", name);
 }
 
 int main() {
-  int ends[2];
-  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
-    std::perror("socketpair");
-    return 1;
-  }
-  std::thread left(play, "left", ends[0], true);
-  std::thread right(play, "right", ends[1], false);
-  left.join();
-  right.join();
+  std::promise<Player::Seat> left;
+  std::promise<Player::Seat> right;
+  auto ofLeft = left.get_future();
+  auto ofRight = right.get_future();
+  std::thread one(play, "left", std::move(left), std::move(ofRight));
+  std::thread two(play, "right", std::move(right), std::move(ofLeft));
+  one.join();
+  two.join();
 }
