@@ -169,7 +169,7 @@ TEST_P(LoopEnd, WhatKeepsTheLoopIsNamed) {
     wheelControl->setTimeout(7);
     EXPECT_THAT(pending(), MatchesRegex("callback BreloTest::Callback due\n"
                                         "timer \"soon\" (in 0.00[0-9] s|due)\n"
-                                        "timer \"sleeper\" in 2[.][0-9]* s\n"
+                                        "timer \"sleeper\" in [12][.][0-9]* s\n"
                                         "timer BreloTest::Timer in [45][.][0-9]* s\n"
                                         "timer BreloTest::Timer in [67][.][0-9]* s\n"
                                         "descriptor [0-9]+ BreloTest::Watch reads writes\n"
@@ -184,13 +184,14 @@ TEST_P(LoopEnd, WhatKeepsTheLoopIsNamed) {
     timer.control->delTimeout();
     wheelControl->delTimeout();
     EXPECT_THAT(pending(), MatchesRegex("callback \"the root\" due\n"
-                                        "timer \"sleeper\" in 2[.][0-9]* s\n"
+                                        "timer \"sleeper\" in [12][.][0-9]* s\n"
                                         "descriptor [0-9]+ \"reader\" reads writes\n"));
     EXPECT_EQ(Brelo::Platform::pendingCount(), 3U);
     sleeper->stopTimerTask();
     reader->taskWatchFdDel();
     doEventLoop(0.01);
-    EXPECT_THAT(pending(), MatchesRegex("timer of an idle wheel in [12][.][0-9]* s\n"));
+    // A wheel wakes for its own sake, at most every 2.56 s: perhaps just now, for the last time.
+    EXPECT_THAT(pending(), MatchesRegex("(timer of an idle wheel in [0-2][.][0-9]* s\n)?"));
     EXPECT_EQ(Brelo::Platform::pendingCount(), 0U);
   });
 }
