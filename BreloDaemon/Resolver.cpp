@@ -1,7 +1,6 @@
 #include "BreloDaemon/internal/Resolver.h"
 
 #include <netdb.h>
-#include <signal.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,6 +10,7 @@
 
 #include "Brelo/Debug.h"
 #include "BreloDaemon/Connector.h"
+#include "BreloDaemon/internal/AllSignalsBlocked.h"
 
 namespace BreloDaemon {
 
@@ -32,22 +32,6 @@ std::error_code codeOf(int result, int systemError) {
   if (result == EAI_MEMORY) return {ENOMEM, std::generic_category()};
   return {result, resolveCategory()};
 }
-
-/// No signal is for a thread that is started meanwhile.
-class AllSignalsBlocked {
- public:
-  AllSignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before_);
-  }
-  AllSignalsBlocked(AllSignalsBlocked const&) = delete;
-  AllSignalsBlocked& operator=(AllSignalsBlocked const&) = delete;
-  ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
- private:
-  sigset_t before_;
-};
 
 }  // namespace
 
@@ -113,7 +97,7 @@ void Resolver::launch() {
   while (!queued_.empty() && running_ < threadsMax) {
     if (!mailbox_) mailbox_.emplace(scheduler_, priority_, name_);
     auto const lookup = std::make_shared<std::unique_ptr<Lookup>>(std::move(queued_.front()));
-    AllSignalsBlocked const inherited;
+    Impl::AllSignalsBlocked const inherited;
     try {
       std::thread([lookup, sender = mailbox_->sender()] {
         (*lookup)->resolve();
