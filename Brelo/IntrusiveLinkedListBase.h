@@ -50,6 +50,7 @@ class ListImpl {
   bool empty() const { return nodes_.empty(); }  ///< bookmarks count
   /// The first element; the list must have one, and no bookmark before it.
   ElementType& front() { return element(nodes_.front()); }
+  ElementType const& front() const { return element(nodes_.front()); }  ///< the same
 
   /// Link an element at either end; unlink it from whichever list it is in, or do nothing.
   /// @{

@@ -102,10 +102,13 @@ class BRELO_EXPORT TaskImpl : public _TaskBase, public TaskCounters {
   /// Asserts that the calling thread is the scheduler's.
   void sanityCheckCurrentRunningThread() const;
 
-  /// For the scheduler: the parts of a run, and where the task is.
+  /// For the scheduler: the parts of a run, and where the task is. The latest run's start, the
+  /// latest entry into a queue, and the time used from the start to `now`.
   /// @{
   void taskDoRun(TaskTimePoint const& now, TaskTimePoint* finish);
   TaskTimePoint const& taskRunStartTime() const { return taskRunStartTime_; }
+  TaskTimePoint const& taskScheduleTime() const { return taskScheduleTime_; }
+  TaskTimeDuration runTimeUntil(TaskTimePoint const& now) const;
   void doUpdateSchedulingLatency(TaskTimePoint const& now);
   bool onRunQueue() const { return taskRunQueueLink_.isLinked(); }
   bool registered() const { return taskRegisteredLink_.isLinked(); }
@@ -135,7 +138,6 @@ class BRELO_EXPORT TaskImpl : public _TaskBase, public TaskCounters {
  private:
   void handleInitialized();
   void scheduleTaskPrivate(TaskTimePoint const& now);
-  TaskTimeDuration runTimeUntil(TaskTimePoint const& now) const;
   bool countViolation(TaskTimeDuration used);
   bool clockSaysYield() const;
 

@@ -32,6 +32,9 @@ class TaskRunQueues {
     TaskImpl& first() { return currentRunQueue_->front(); }
     /// @}
 
+    /// The task that has been queued for the longest time, or null.
+    TaskImpl const* longestQueued() const;
+
     /// Tasks on both lists.
     std::int64_t runnableCount() const {
       return static_cast<std::int64_t>(scheduledCount_ - runCount_);
@@ -76,6 +79,8 @@ class TaskRunQueues {
   /// @{
   auto begin() { return levels_.begin(); }
   auto end() { return levels_.end(); }
+  auto begin() const { return levels_.begin(); }
+  auto end() const { return levels_.end(); }
   /// @}
 
  private:

@@ -15,6 +15,7 @@
 
 namespace Brelo {
 
+class RunObserver;
 class TaskSchedulerHistory;
 class TaskSchedulerRoot;
 
@@ -71,6 +72,8 @@ class BRELO_EXPORT TaskScheduler : public TaskSchedulerCounts,
   /// @}
   /// Puts a task that is on no queue on the one of its level.
   void enqueue(TaskImpl& task);
+  /// The task of this scheduler that has been queued for the longest time, or null.
+  TaskImpl const* longestQueuedTask() const;
   /// Takes a queued task off, unrun.
   void unscheduleTask(TaskTimePoint const& now, TaskImpl* task);
   /// Takes a queued task off in order to run it: off the queue given, or that of its level.
@@ -97,6 +100,9 @@ class BRELO_EXPORT TaskScheduler : public TaskSchedulerCounts,
   TaskTimePoint checkSchedulerLatency();
   /// One run: picks and runs at most one task.
   void handleSchedulerRun();
+  /// Runs a task that is on no queue; `request` is when it was queued. Tells the root's observers.
+  void runTask(TaskImpl& task, TaskTimePoint const& request, TaskTimePoint const& start,
+               TaskTimePoint* finish);
   /// Takes the next task of level `from` or below off its queue, or returns null.
   TaskImpl* pickOneTask(TaskTimePoint const& now, TaskPriority from);
   /// Whether this pick passes `priority` over for a lower level.
@@ -147,10 +153,14 @@ class BRELO_EXPORT TaskScheduler : public TaskSchedulerCounts,
 
  private:
   friend class TaskSchedulerReports;
+  friend class TaskSchedulerRoot;
   class ResetStatsTask;
   struct Parts;
 
   void clearStatsCommon();
+  void observedRun(TaskImpl& task, TaskTimePoint const& request, TaskTimePoint const& start,
+                   TaskTimePoint* finish);
+  void observedLook();
 
   std::shared_ptr<TaskSchedulerHistory> schedulerHistory_;  // outlives all names below
   ConstStringRef schedulerName_;
@@ -165,6 +175,7 @@ class BRELO_EXPORT TaskScheduler : public TaskSchedulerCounts,
   std::uint64_t registeredTaskCount_ = 0;
   TaskPriority ownTaskPriority_ = TaskPriority::normal;
   bool schedulerHasRunnableTasks_ = false;
+  RunObserver* runObserver_ = nullptr;        // the first of the root's
   TaskImpl::RegisteredList registeredTasks_;  // newest first
 };
 

@@ -117,6 +117,8 @@ class BRELO_EXPORT TaskSchedulerHistory {
   unsigned capacity() const;
   void capacityIs(unsigned capacity);
   /// @}
+  /// How many events there have been, dropped ones included. The newest one has this number.
+  std::uint64_t recorded() const { return recorded_; }
   /// Drops all events.
   void clear();
   /// The events for people, newest first, with the age of each against the newest; flushes after

@@ -67,6 +67,9 @@ class BRELO_EXPORT TaskSchedulerReports {
   unsigned getTaskStats(std::vector<TaskStat>* out, bool includeNeverRun) const;
   unsigned getCompletedTaskStats(std::vector<TaskStat>* out, bool includeNeverRun) const;
   /// @}
+  /// Visits the tasks that are registered here, newest first. None may come or go meanwhile. The
+  /// visit returns whether to go on.
+  void forEachTask(std::function<bool(TaskImpl const& task)> const& visit) const;
   /// Visits the groups whose parent tasks are registered here, newest first.
   void forEachTaskGroup(
       std::function<void(TaskImpl const& parentTask, TaskGroup const& group)> const& visit) const;

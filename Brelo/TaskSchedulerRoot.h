@@ -10,6 +10,7 @@
 
 #include "Brelo/Export.h"
 #include "Brelo/Platform.h"
+#include "Brelo/RunObserver.h"
 #include "Brelo/TaskSchedulerBase.h"
 
 /// While it is not 0, no root checks which thread it is used on. Kept by the application,
@@ -76,6 +77,18 @@ class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackH
   /// Asks it, for the library.
   bool taskExceptionHandled(_TaskBase& task);
 
+  /// From now on `observer` is told of each run in the tree, and of the waits of the thread's loop,
+  /// until it is removed, which is before it or this ends. Any number; each is added once. Without
+  /// one, a run pays a load and a branch.
+  /// @{
+  void runObserverAdd(RunObserver& observer);
+  void runObserverRemove(RunObserver& observer);
+  /// @}
+  /// Tells the observers, for the library.
+  void tellStatsCleared(TaskScheduler const& scheduler) const;
+  /// The innermost run that is observed at the moment, or null.
+  RunObserver::Run const* observedRun() const { return observedRun_; }
+
   /// Whether the thread check is off for this tree. It adds no locking.
   /// @{
   void threadSanityDisabledIs(bool disabled);
@@ -95,6 +108,9 @@ class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackH
   void registerScheduler(TaskScheduler* scheduler);
   void unregisterScheduler(TaskScheduler* scheduler);
   /// @}
+  /// Visits this scheduler and all groups of the tree, in no order. They stay as they are
+  /// meanwhile.
+  void forEachScheduler(std::function<void(TaskScheduler const& scheduler)> const& visit) const;
   /// A scheduler of that name in the tree, or null.
   /// @{
   std::shared_ptr<TaskScheduler> findSchedulerForTest(std::string const& name);
@@ -141,6 +157,12 @@ class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackH
   std::shared_ptr<TimerWheel> const& timerWheel() const { return timerWheel_; }
 
  private:
+  friend class TaskScheduler;
+  class LoopWaits;
+
+  template <class Tell>
+  void tellObservers(Tell tell) const;
+  void firstRunObserverIs(RunObserver* observer);
   void followVirtualTime();
   void sanityCheckOtherThread(std::uint64_t thread, char const* function) const;
 
@@ -148,6 +170,8 @@ class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackH
   std::shared_ptr<Platform::CallbackControl> callbackControl_;
   std::shared_ptr<TimerWheel> timerWheel_;
   std::shared_ptr<std::function<bool(_TaskBase&)> const> taskExceptionHandler_;
+  std::unique_ptr<LoopWaits> loopWaits_;  // while there are observers
+  RunObserver::Run const* observedRun_ = nullptr;
   std::uint64_t threadId_;
   std::int32_t processId_;
   char threadName_[16] = {};

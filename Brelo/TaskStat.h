@@ -35,6 +35,22 @@ class TaskMaybeU32 {
   std::uint32_t value_ = neverSet;
 };
 
+/// How far a run went beyond its quantum, as the two counts of violations have it.
+enum class TaskQuantumViolation : std::uint8_t {
+  none,
+  of200,  ///< at least two quanta and less than five
+  of500,  ///< at least five
+};
+
+/// Of a run that has used so much. A quantum of 0 is never violated.
+constexpr TaskQuantumViolation taskQuantumViolation(TaskTimeDuration used,
+                                                    TaskTimeDuration quantum) {
+  // Divided rather than multiplied, so that no quantum is too large.
+  if (quantum.count() == 0 || used.count() / 2 < quantum.count()) return TaskQuantumViolation::none;
+  return used.count() / 5 < quantum.count() ? TaskQuantumViolation::of200
+                                            : TaskQuantumViolation::of500;
+}
+
 /// What a task counts of its runs and its work, and what the reports tell of it. A task updates its
 /// own in place; the latency is the time from a run queue to the run.
 struct TaskCounters {

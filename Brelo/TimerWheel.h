@@ -101,6 +101,9 @@ class BRELO_EXPORT TimerWheel : Platform::TimeoutHandler,
                   double now);  ///< for who has asked `time()`
   void timerStop(TimerWheelEvent* event);
   /// @}
+  /// When the wheel wakes next, on the clock of `Brelo::time()`: for its first timer, or up to a
+  /// tick before it, or for one that has been stopped meanwhile. Positive infinity for never.
+  double wakeTime() const { return masterTimerExpiry_; }
 
  private:
   /// The timers of one exact expiry, in the order in which the wheel released them. Shares the

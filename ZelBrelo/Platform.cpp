@@ -2,6 +2,7 @@
 
 #include "Brelo/MemTrack.h"
 #include "Brelo/platform/Backend.h"
+#include "Brelo/platform/WaitObserver.h"
 #include "Zel/System.h"
 #include "ZelBrelo/internal/PendingNotifiee.h"
 #include "ZelBrelo/internal/PlatformTrace.h"
@@ -42,13 +43,18 @@ void eventLoopFor(double seconds) {
   Zel::System::doRun();
 }
 
+void waitsObservedIs(bool observed) {
+  Zel::activityManager()->waitHookIs(observed ? &Impl::tellWait : nullptr);
+}
+
 }  // namespace
 
 Backend const& hostBackend() {
   static constexpr Backend row = {
       BackendKind::host,      timerControl,          ZelBrelo::getCallbackControl,
       ZelBrelo::getFdControl, &Zel::System::doRun,   eventLoopFor,
-      eventLoopFor,           &Zel::System::stopRun, ZelBrelo::pending};
+      eventLoopFor,           &Zel::System::stopRun, ZelBrelo::pending,
+      waitsObservedIs};
   return row;
 }
 

@@ -23,6 +23,7 @@ struct Backend {
   void (*eventLoopInWaitfor)(double maxTimeout);
   void (*stopEventLoop)();
   void (*pending)(PendingList& list);
+  void (*waitsObservedIs)(bool observed);
 };
 
 /// The rows. The host's is defined where its controls are.

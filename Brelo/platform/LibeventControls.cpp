@@ -99,6 +99,7 @@ double LibeventTimerControl::remainingTimeout() const {
 }
 
 void LibeventTimerControl::handleTimeout(int, short, void* self) {
+  Impl::leHandlerBegins();
   try {
     static_cast<LibeventTimerControl*>(self)->handler();
   } catch (...) {
@@ -312,6 +313,7 @@ void LibeventFdControl::notify(Notify notify) {
 }
 
 void LibeventFdControl::handleFdRead(int, short what, void* self) {
+  Impl::leHandlerBegins();
   auto* const control = static_cast<LibeventFdControl*>(self);
   if (!control->reads_) return;  // it lingers
   control->notify([control, what] {
@@ -321,6 +323,7 @@ void LibeventFdControl::handleFdRead(int, short what, void* self) {
 }
 
 void LibeventFdControl::handleFdWrite(int, short, void* self) {
+  Impl::leHandlerBegins();
   auto* const control = static_cast<LibeventFdControl*>(self);
   control->notify([control] { control->handler_->writeFdEvent(control->getFd()); });
 }

@@ -152,7 +152,8 @@ std::shared_ptr<Platform::FdControl> getLeFdControl(Platform::FdEventHandler* ha
 Platform::Backend const& Platform::libeventBackend() {
   static constexpr Backend row = {BackendKind::libevent,  getLeTimerControl, getLeCallbackControl,
                                   getLeFdControl,         doLeEventLoop,     doLeEventLoop,
-                                  doLeEventLoopInWaitfor, Impl::leStop,      Impl::lePending};
+                                  doLeEventLoopInWaitfor, Impl::leStop,      Impl::lePending,
+                                  Impl::leWaitsObservedIs};
   return row;
 }
 

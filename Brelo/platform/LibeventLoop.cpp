@@ -1,13 +1,16 @@
 // The loop on libevent: its passes, its bound, and how an exception gets out of it.
 
 #include <cerrno>
+#include <chrono>
 #include <exception>
 #include <new>
+#include <optional>
 #include <system_error>
 #include <utility>
 
 #include "Brelo/LibeventFactory.h"
 #include "Brelo/platform/LibeventState.h"
+#include "Brelo/platform/WaitObserver.h"
 
 namespace Brelo {
 
@@ -43,6 +46,7 @@ class EvLoopBreak {
 
  private:
   static void handleBaseLoopBreak(int, short, void* self) {
+    Impl::leHandlerBegins();
     BRELO_TRACE(libeventTrace, 8, "EvLoopBreak", "{}", DisplayPointer(self));
     event_base_loopbreak(ev_base);
     event_del(&static_cast<EvLoopBreak*>(self)->event_);
@@ -76,6 +80,7 @@ class Stretch {
 
  private:
   static void handleEnd(int, short, void* self) {
+    Impl::leHandlerBegins();
     static_cast<Stretch*>(self)->ended_ = true;
     event_base_loopbreak(ev_base);
   }
@@ -87,6 +92,54 @@ class Stretch {
 void endStretch() {
   if (stretch != nullptr) std::exchange(stretch, nullptr)->end();
 }
+
+/// Passes of a loop that tells its waits, each a call of libevent of its own. A look that does not
+/// wait comes first; only one that finds nothing is followed by one that does, and that one has
+/// waited until its first handler begins.
+class ObservedPass {
+ public:
+  static bool wanted() { return wanted_; }
+  static void wantedIs(bool wanted) { wanted_ = wanted; }
+
+  /// As `event_base_loop` of libevent.
+  static int run() {
+    handled_ = false;
+    int const result = event_base_loop(ev_base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    if (result != 0 || handled_ || stopAsked || event_base_got_exit(ev_base) ||
+        event_base_got_break(ev_base)) {
+      return result;
+    }
+    waitBegan_ = Clock::now();
+    errno = 0;
+    int const waited = event_base_loop(ev_base, EVLOOP_ONCE);
+    waitEnds();
+    return waited;
+  }
+
+  static void handlerBegins() {
+    handled_ = true;
+    waitEnds();
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  static void waitEnds() {
+    if (!waitBegan_) return;
+    int const error = errno;
+    Impl::tellWait(std::chrono::nanoseconds(Clock::now() - *waitBegan_).count());
+    waitBegan_.reset();
+    errno = error;
+  }
+
+  static thread_local bool wanted_;
+  static thread_local bool handled_;
+  static thread_local std::optional<Clock::time_point> waitBegan_;
+};
+
+thread_local bool ObservedPass::wanted_ = false;
+thread_local bool ObservedPass::handled_ = false;
+thread_local std::optional<std::chrono::steady_clock::time_point> ObservedPass::waitBegan_;
 
 void traceRefusal() {
   BRELO_TRACE(libeventTrace, 0, "Brelo", "the loop cannot be entered on base:{}",
@@ -107,6 +160,19 @@ void Impl::leReadsTurnedOff() {
 void Impl::leKeepException() {
   keptException = std::current_exception();
   event_base_loopbreak(ev_base);
+}
+
+std::atomic<unsigned> Impl::leObservedLoops{0};
+
+void Impl::leWaitsObservedIs(bool observed) {
+  if (observed == ObservedPass::wanted()) return;
+  ObservedPass::wantedIs(observed);
+  observed ? ++leObservedLoops : --leObservedLoops;
+  if (observed) endStretch();
+}
+
+void Impl::leHandlerAfterWait() {
+  ObservedPass::handlerBegins();
 }
 
 void Impl::leStop() {
@@ -156,11 +222,13 @@ bool Impl::leDispatch() {
   do {
     bool const lingers = leSettleReads(false);
     bool const single = lingers || stopAsked;
-    stretch = single ? nullptr : &passesInARow;
+    bool const observed = !single && ObservedPass::wanted();
+    stretch = single || observed ? nullptr : &passesInARow;
     ++passes;
     inPass = true;
     errno = 0;
-    result = event_base_loop(ev_base, single ? EVLOOP_ONCE | EVLOOP_NONBLOCK : 0);
+    result = observed ? ObservedPass::run()
+                      : event_base_loop(ev_base, single ? EVLOOP_ONCE | EVLOOP_NONBLOCK : 0);
     error = errno;
     inPass = false;
   } while (result == 0 && !stopAsked && !event_base_got_exit(ev_base) &&

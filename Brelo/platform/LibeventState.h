@@ -2,6 +2,7 @@
 
 #include <event2/event.h>
 
+#include <atomic>
 #include <cstdint>
 
 #include "Brelo/Debug.h"
@@ -45,6 +46,19 @@ void leReadsTurnedOff();
 /// Takes reads that have been turned off out of the calling thread's base, or all of them. True if
 /// some linger, which the next look must not wait for.
 bool leSettleReads(bool all);
+
+/// The calling thread's loop tells its waits, or does so no more.
+void leWaitsObservedIs(bool observed);
+/// How many threads' loops do.
+[[gnu::visibility("hidden")]] extern std::atomic<unsigned> leObservedLoops;
+/// The first handler after a wait shows that it is over.
+void leHandlerAfterWait();
+/// To be called as a handler begins.
+inline void leHandlerBegins() {
+  if (__builtin_expect(leObservedLoops.load(std::memory_order_relaxed) != 0, 0)) {
+    leHandlerAfterWait();
+  }
+}
 
 /// See `Platform::stopEventLoop`.
 void leStop();

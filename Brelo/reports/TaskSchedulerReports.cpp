@@ -8,6 +8,13 @@
 
 namespace Brelo {
 
+void TaskSchedulerReports::forEachTask(
+    std::function<bool(TaskImpl const& task)> const& visit) const {
+  for (TaskImpl const& task : scheduler().registeredTasks_) {
+    if (!visit(task)) return;
+  }
+}
+
 void TaskSchedulerReports::forEachTaskGroup(
     std::function<void(TaskImpl const& parentTask, TaskGroup const& group)> const& visit) const {
   for (TaskImpl const& task : scheduler().registeredTasks_) {

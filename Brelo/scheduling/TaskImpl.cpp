@@ -159,21 +159,21 @@ bool TaskImpl::handleTaskException() {
 }
 
 void TaskImpl::taskRunFromTest() {
+  auto const scheduler = taskScheduler_;
   TaskTimePoint const now = steadyNow();
-  if (onRunQueue()) {
-    auto const scheduler = taskScheduler_;
-    scheduler->taskSchedulerUnlinkTask(now, this);
-  }
+  TaskTimePoint const request = onRunQueue() ? taskScheduleTime_ : now;
+  if (onRunQueue()) scheduler->taskSchedulerUnlinkTask(now, this);
   TaskTimePoint finish;
-  taskDoRun(now, &finish);
+  scheduler->runTask(*this, request, now, &finish);
 }
 
 void TaskImpl::taskRunAndRecordFromTest() {
   auto const scheduler = taskScheduler_;
   TaskTimePoint const start = scheduler->checkSchedulerLatency();
+  TaskTimePoint const request = onRunQueue() ? taskScheduleTime_ : start;
   if (onRunQueue()) scheduler->taskSchedulerUnlinkTask(start, this);
   TaskTimePoint finish;
-  taskDoRun(start, &finish);
+  scheduler->runTask(*this, request, start, &finish);
   scheduler->requestSchedulerRunAndRecord(finish);
 }
 

@@ -14,11 +14,9 @@ void TaskImpl::doUpdateSchedulingLatency(TaskTimePoint const& now) {
 }
 
 bool TaskImpl::countViolation(TaskTimeDuration used) {
-  std::int64_t const ns = used.count();
-  std::int64_t const quantum = taskQuantum_.count();
-  // Divided rather than multiplied, so that no quantum is too large.
-  if (quantum == 0 || ns / 2 < quantum) return false;
-  ++(ns / 5 < quantum ? taskQuantumViolation200 : taskQuantumViolation500);
+  TaskQuantumViolation const violation = taskQuantumViolation(used, taskQuantum_);
+  if (violation == TaskQuantumViolation::none) return false;
+  ++(violation == TaskQuantumViolation::of200 ? taskQuantumViolation200 : taskQuantumViolation500);
   return true;
 }
 

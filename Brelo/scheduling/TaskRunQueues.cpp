@@ -10,6 +10,14 @@ void TaskRunQueues::TaskRunQueue::enqueue(TaskImpl& task) {
   ++scheduledCount_;
 }
 
+// What is on the temporary list was queued before all of the persistent one.
+TaskImpl const* TaskRunQueues::TaskRunQueue::longestQueued() const {
+  for (auto const* list : {&temporaryRunQueue_, &persistentRunQueue_}) {
+    if (!list->empty()) return &list->front();
+  }
+  return nullptr;
+}
+
 std::uint32_t TaskRunQueues::runnable(TaskPriority priority) const {
   std::int64_t const runnable = (*this)[priority].runnableCount();
   BRELO_SCHEDULER_ASSERT(runnable >= 0, "Priority: ", priority, " runnableTasks: ", runnable);

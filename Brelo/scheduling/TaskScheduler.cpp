@@ -86,6 +86,7 @@ TaskTimePoint TaskScheduler::checkSchedulerLatency() {
 void TaskScheduler::handleSchedulerRun() {
   checkSchedulerLatency();
   if (root().suspended()) {
+    if (__builtin_expect(runObserver_ != nullptr, 0)) observedLook();
     BRELO_TRACE(schedulerTrace, 8, "TaskScheduler", "{} Suspended", *this);
     history().insert(schedulerRunStartTime_,
                      TaskSchedulerEventType::schedulerRunIgnoredWhileSuspended, *this);
@@ -93,6 +94,7 @@ void TaskScheduler::handleSchedulerRun() {
   }
   TaskImpl* const task = pickOneTask(schedulerRunStartTime_, TaskPriority::absolute);
   if (task == nullptr) {
+    if (__builtin_expect(runObserver_ != nullptr, 0)) observedLook();
     schedulerHasRunnableTasksIs(false, schedulerRunStartTime_);
     return;
   }
@@ -102,7 +104,12 @@ void TaskScheduler::handleSchedulerRun() {
   std::shared_ptr<_TaskBase> last;
   try {
     TaskTimePoint finish;
-    task->taskDoRun(schedulerRunStartTime_, &finish);
+    if (__builtin_expect(runObserver_ == nullptr, 1)) {
+      task->taskDoRun(schedulerRunStartTime_, &finish);
+    } else {
+      observedLook();
+      observedRun(*task, task->taskScheduleTime(), schedulerRunStartTime_, &finish);
+    }
     BRELO_TRACE(schedulerTrace, 8, "TaskScheduler", "{} Scheduler completed task, request run",
                 *this);
     requestSchedulerRunAndRecord(finish);
@@ -129,6 +136,17 @@ bool TaskScheduler::attemptLowerPriorityBump(TaskPriority priority,
 
 void TaskScheduler::enqueue(TaskImpl& task) {
   taskRunQueues_[task.taskPriority()].enqueue(task);
+}
+
+TaskImpl const* TaskScheduler::longestQueuedTask() const {
+  TaskImpl const* longest = nullptr;
+  for (auto const& queue : taskRunQueues_) {
+    TaskImpl const* const task = queue.longestQueued();
+    if (task == nullptr) continue;
+    if (longest == nullptr || task->taskScheduleTime() < longest->taskScheduleTime())
+      longest = task;
+  }
+  return longest;
 }
 
 void TaskScheduler::unscheduleTask(TaskTimePoint const& now, TaskImpl* task) {

@@ -13,6 +13,7 @@
 #include "Brelo/Thread.h"
 #include "Brelo/TimerWheel.h"
 #include "Brelo/platform/Backend.h"
+#include "Brelo/scheduling/LoopWaits.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"
 
@@ -194,11 +195,18 @@ int TaskSchedulerRoot::randomPercent() {
 void TaskSchedulerRoot::registerScheduler(TaskScheduler* scheduler) {
   bool const inserted = schedulers_.insert(scheduler).second;
   BRELO_SCHEDULER_ASSERT(inserted, "insert failed for ", scheduler);
+  scheduler->runObserver_ = runObserver_;
 }
 
 void TaskSchedulerRoot::unregisterScheduler(TaskScheduler* scheduler) {
   std::size_t const removed = schedulers_.erase(scheduler);
   BRELO_SCHEDULER_ASSERT(removed == 1, "delete failed for ", scheduler);
+}
+
+void TaskSchedulerRoot::forEachScheduler(
+    std::function<void(TaskScheduler const&)> const& visit) const {
+  for (TaskScheduler const* scheduler : schedulers_)
+    visit(*scheduler);
 }
 
 std::shared_ptr<TaskScheduler> TaskSchedulerRoot::findSchedulerForTest(std::string const& name) {

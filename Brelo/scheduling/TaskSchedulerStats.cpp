@@ -4,6 +4,7 @@
 
 #include "Brelo/MemTrack.h"
 #include "Brelo/TaskSchedulerBase.h"
+#include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/TaskSchedulerParts.h"
 
@@ -69,6 +70,7 @@ void TaskScheduler::clearStatsCommon() {
   maxSchedulerSlip_ = {};
   clearCounts();
   parts_->completedTaskStats.clear();
+  root().tellStatsCleared(*this);
 }
 
 void TaskScheduler::clearStats() {

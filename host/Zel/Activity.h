@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <optional>
 
 #include "Zel/Clock.h"
@@ -23,6 +24,15 @@ class ZEL_EXPORT ActivityManagerConfig : public PtrInterface {
   /// that is as late as the clock can tell. What has been skipped stays skipped.
   void virtualTimeIs(bool on) { virtualTime_.store(on, std::memory_order_relaxed); }
 
+  /// Is told, on the loop's thread, of each wait of the loop with its length in nanoseconds, and of
+  /// each move of virtual time likewise. A look that does not wait is not told. Null, as at first,
+  /// for nobody.
+  /// @{
+  using WaitHook = void (*)(std::int64_t nanoseconds);
+  void waitHookIs(WaitHook hook) { waitHook_.store(hook, std::memory_order_relaxed); }
+  WaitHook waitHook() const { return waitHook_.load(std::memory_order_relaxed); }
+  /// @}
+
   /// The clock that drives the activity loop.
   Ptr<Clock> const& clock() const { return clock_; }
 
@@ -40,6 +50,7 @@ class ZEL_EXPORT ActivityManagerConfig : public PtrInterface {
 
  private:
   std::atomic<bool> virtualTime_{false};
+  std::atomic<WaitHook> waitHook_{nullptr};
   std::optional<double> executionTime_;
   Ptr<Clock> const clock_;
 };

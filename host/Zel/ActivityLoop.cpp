@@ -143,7 +143,10 @@ bool ActivityLoop::waitForFirst(Run& run) {
   bool const skip = config_.virtualTime() && first < ClockQueue::lastTime;
   std::int64_t const left = roundUpToNanoseconds(std::max(first - clock_.now(), 0.0));
   look(run, skip ? 0 : left);
-  if (skip && !descriptors_.found()) advanceCurrentTime(left);
+  if (skip && !descriptors_.found()) {
+    advanceCurrentTime(left);
+    if (auto const hook = config_.waitHook()) hook(left);
+  }
   clock_.nowIs(System::currentTime());
   clock_.collect();
   return true;
@@ -154,7 +157,10 @@ void ActivityLoop::look(Run& run, std::int64_t nanoseconds) {
     descriptors_.poll();
   } else {
     if (nanoseconds != DescriptorSet::forEver) run.slack.takeOff();
+    auto const hook = config_.waitHook();
+    std::int64_t const began = hook != nullptr ? monotonicNanoseconds() : 0;
     run.hold.letGoDuring([&] { descriptors_.wait(nanoseconds); });
+    if (hook != nullptr) hook(monotonicNanoseconds() - began);
     descriptors_.sift();
   }
 }

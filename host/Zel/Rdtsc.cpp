@@ -1,6 +1,6 @@
 #include "Zel/Rdtsc.h"
 
-#include <ctime>
+#include "Zel/internal/SystemClock.h"
 
 namespace Zel::Rdtsc {
 
@@ -13,12 +13,6 @@ struct Sample {
   std::int64_t nanos;
 };
 
-std::int64_t monotonicNanos() {
-  timespec now = {};
-  ::clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * std::int64_t{1000000000} + now.tv_nsec;
-}
-
 /// Both clocks at one moment, as closely as a few tries get: a preemption between the reads
 /// shows as a wide bracket of ticks, and the narrowest one is taken.
 Sample sample() {
@@ -26,7 +20,7 @@ Sample sample() {
   std::uint64_t bestWidth = UINT64_MAX;
   for (int i = 0; i < 5; ++i) {
     std::uint64_t const before = read();
-    std::int64_t const nanos = monotonicNanos();
+    std::int64_t const nanos = monotonicNanoseconds();
     std::uint64_t const width = read() - before;
     if (width < bestWidth) {
       bestWidth = width;
@@ -41,7 +35,7 @@ Sample sample() {
 std::uint64_t Impl::calibrate() {
   constexpr std::int64_t spinNanos = 100'000;
   Sample const begin = sample();
-  while (monotonicNanos() - begin.nanos < spinNanos) {
+  while (monotonicNanoseconds() - begin.nanos < spinNanos) {
   }
   Sample const end = sample();
 

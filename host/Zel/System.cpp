@@ -33,6 +33,10 @@ void advanceCurrentTime(std::int64_t nanoseconds) {
   clockOffset().fetch_add(nanoseconds, std::memory_order_relaxed);
 }
 
+std::int64_t monotonicNanoseconds() {
+  return nanoseconds(CLOCK_MONOTONIC);
+}
+
 namespace System {
 
 double currentTime() {

@@ -8,4 +8,7 @@ namespace Zel {
 /// of this. Not below zero; the sum stays within what 64 bits of nanoseconds hold.
 void advanceCurrentTime(std::int64_t nanoseconds);
 
+/// The monotonic clock.
+std::int64_t monotonicNanoseconds();
+
 }  // namespace Zel

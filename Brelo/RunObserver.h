@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+
+#include "Brelo/Export.h"
+#include "Brelo/TaskTimeDuration.h"
+
+namespace Brelo {
+
+class TaskImpl;
+class TaskScheduler;
+
+/// Who is told of each run in a root's tree, and of the loop's waits; see
+/// `TaskSchedulerRoot::runObserverAdd`.
+///
+/// All calls come on the root's thread, amid its work: they have to be short, and may neither run,
+/// make or end tasks nor add or remove observers. What an observer does not override costs a call.
+class BRELO_EXPORT RunObserver {
+ public:
+  /// A run, in a record that stays where it is from its start to its end.
+  struct Run {
+    TaskImpl const& task;   ///< what runs; of a group's slice its parent task
+    Run const* outer;       ///< the observed run that this one is inside of, or null
+    TaskTimePoint request;  ///< when the task was queued; the start for one that was not
+    TaskTimePoint start;    ///< of the run
+    TaskTimePoint end;      ///< set at the end, as the next two
+    /// As the task's accounts have it: the length, or under virtual time what that has moved by.
+    TaskTimeDuration used;
+    bool threw;                     ///< an exception has left the run
+    std::uint64_t workCountBefore;  ///< `taskWorkCountTotal` at the start
+  };
+
+  RunObserver(RunObserver const&) = delete;
+  RunObserver& operator=(RunObserver const&) = delete;
+
+  /// A run starts; `end` and what follows it are not set yet.
+  virtual void runStarts(Run const& run) noexcept;
+  /// It has ended, and its task is still there. The first end may be that of a run amid which the
+  /// observer was added.
+  virtual void runEnds(Run const& run) noexcept;
+  /// A scheduler of the tree looks for a task, `slip` after it asked for that. A run may follow.
+  virtual void schedulerLooks(TaskScheduler const& scheduler, TaskTimeDuration slip) noexcept;
+  /// The thread's loop has waited, or the host's virtual time has skipped, for so long. A look at
+  /// the descriptors that does not wait is not told.
+  virtual void loopWaited(TaskTimeDuration length) noexcept;
+  /// The figures of that scheduler have been zeroed, at once or in the background.
+  virtual void statsCleared(TaskScheduler const& scheduler) noexcept;
+
+ protected:
+  RunObserver() = default;
+  virtual ~RunObserver();
+
+ private:
+  friend class TaskScheduler;
+  friend class TaskSchedulerRoot;
+  RunObserver* next_ = nullptr;
+};
+
+}  // namespace Brelo
