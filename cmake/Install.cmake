@@ -11,6 +11,7 @@ foreach(folder IN ITEMS Brelo ZelBrelo host/Zel host/timeout host/netnsaid)
   brelo_install_headers(${folder} development)
 endforeach()
 brelo_install_headers(BreloDaemon kit_development)
+brelo_install_headers(BreloObserve observe_development)
 
 # One export set for each namespace, so that a host can supply a library of its own for any of them,
 # and one for each library above the runtime, which may or may not be installed beside it. The
@@ -35,6 +36,7 @@ brelo_install(netnsaid netnsaid)
 brelo_install(Zel zel)
 brelo_install(ZelBrelo ZelBrelo)
 brelo_install(ZelBrelo BreloDaemon COMPONENT kit_)
+brelo_install(ZelBrelo BreloObserve COMPONENT observe_)
 
 configure_package_config_file(cmake/ZelBreloConfig.cmake.in ${PROJECT_BINARY_DIR}/ZelBreloConfig.cmake
   INSTALL_DESTINATION ${config_folder} NO_SET_AND_CHECK_MACRO)
@@ -53,3 +55,4 @@ function(brelo_install_pc name component)
 endfunction()
 brelo_install_pc(ZelBrelo development)
 brelo_install_pc(BreloDaemon kit_development)
+brelo_install_pc(BreloObserve observe_development)
