@@ -17,9 +17,10 @@ using TaskTimePoint = std::chrono::steady_clock::time_point;
 
 /// A span of time as a signed 64-bit count of nanoseconds.
 ///
-/// Made from a plain number explicitly and from std::chrono spans as they are. `max()` stands
-/// for never.
-class TaskTimeDuration {
+/// Made from a plain number explicitly and from std::chrono spans as they are; those of floating
+/// point are truncated, beyond the range they are the nearest value, and not-a-number is an
+/// assertion. `max()` stands for never.
+class BRELO_EXPORT TaskTimeDuration {
  public:
   /// Zero unless given, and in nanoseconds if a plain number.
   /// @{
@@ -30,6 +31,9 @@ class TaskTimeDuration {
                                                            std::chrono::nanoseconds>>>
   constexpr TaskTimeDuration(std::chrono::duration<Rep, Period> span)
       : count_(std::chrono::nanoseconds(span).count()) {}
+  template <class Rep, class Period, std::enable_if_t<std::is_floating_point_v<Rep>, int> = 0>
+  TaskTimeDuration(std::chrono::duration<Rep, Period> span)
+      : count_(nearest(std::chrono::duration<double, std::nano>(span).count())) {}
   /// @}
 
   /// Never.
@@ -71,6 +75,7 @@ class TaskTimeDuration {
   /// @}
 
  private:
+  static std::int64_t nearest(double nanoseconds);
   constexpr std::uint64_t unsignedCount() const { return static_cast<std::uint64_t>(count_); }
   static constexpr std::int64_t wrapped(std::uint64_t value) {
     return static_cast<std::int64_t>(value);

@@ -6,6 +6,15 @@
 
 namespace Brelo {
 
+std::int64_t TaskTimeDuration::nearest(double nanoseconds) {
+  using Limits = std::numeric_limits<std::int64_t>;
+  if (std::isnan(nanoseconds)) BRELO_FAIL("TaskTimeDuration", "a duration is not a number");
+  // The largest count is no double: what reaches the next one above is cut.
+  if (nanoseconds >= static_cast<double>(Limits::max())) return Limits::max();
+  if (nanoseconds <= static_cast<double>(Limits::min())) return Limits::min();
+  return static_cast<std::int64_t>(nanoseconds);
+}
+
 TaskTimeDuration time2Duration(double seconds) {
   if (!std::isfinite(seconds) || seconds < 0) {
     BRELO_FAIL("Brelo", "no duration in seconds:{}", seconds);

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <string>
 #include <utility>
@@ -106,7 +107,24 @@ TEST_F(TimerTask, RunsComeInTheOrderOfTheirTimesAndSuspensionKeepsThem) {
   Brelo::Platform::doEventLoop();
 }
 
+TEST_F(TimerTask, DelaysAndQuantaMayBeSpansOfFloatingPoint) {
+  using Seconds = std::chrono::duration<double>;
+  timer->scheduleTaskDelay(Seconds(0.25) + 1ms);
+  EXPECT_NEAR(timer->timerRemaining(), 0.251, 0.1);
+  timer->scheduleTaskLowestDelay(std::chrono::duration<float, std::milli>(100));
+  EXPECT_NEAR(timer->timerRemaining(), 0.1, 0.05);
+  timer->scheduleTaskDelay(Seconds(HUGE_VAL));
+  EXPECT_EQ(timer->timerRemaining(), HUGE_VAL);
+  timer->taskQuantumIs(Seconds(0.0025));
+  EXPECT_EQ(timer->taskQuantum().count(), 2'500'000);
+  EXPECT_EQ(Brelo::TaskTimeDuration(Seconds(-1.5e-9)).count(), -1);
+  EXPECT_EQ(Brelo::TaskTimeDuration(Seconds(-1e30)).count(),
+            std::numeric_limits<std::int64_t>::min());
+}
+
 TEST_F(TimerTask, BadDelaysAndPercentagesEndTheProcess) {
+  EXPECT_DEATH(timer->scheduleTaskDelay(std::chrono::duration<double>(std::nan(""))),
+               "a duration is not a number");
   EXPECT_DEATH(timer->scheduleTaskLowestDelay(HUGE_VAL), "delayIntoFuture: inf");
   EXPECT_DEATH(timer->scheduleTaskJitterUp(1.0, 101), "maxJitterPercentage: e > 100");
 }
