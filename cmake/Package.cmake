@@ -1,11 +1,13 @@
-# The Debian packages: what a program needs at run time, and what it is built with.
+# The Debian packages: what a program needs at run time, what it is built with, the command line tool, and
+# for each of these with code the debug symbols.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR ${PROJECT_NAME})
 set(CPACK_PACKAGE_CONTACT "${PROJECT_NAME} maintainers <root@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY ${PROJECT_DESCRIPTION})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL runtime development kit_runtime kit_development)
+set(CPACK_COMPONENTS_ALL
+  runtime development kit_runtime kit_development observe_runtime observe_development tool)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
@@ -21,12 +23,28 @@ set(CPACK_COMPONENT_KIT_RUNTIME_DESCRIPTION
 set(CPACK_COMPONENT_KIT_DEVELOPMENT_DESCRIPTION
   "Streams, listeners, signals, children and mailboxes for daemons on\nlibZelBrelo. The headers, and what CMake and pkg-config need to build\nprograms with it.")
 
+set(CPACK_COMPONENT_OBSERVE_RUNTIME_DESCRIPTION
+  "A monitor, a detector of stalls and a socket to ask at, for daemons on\nlibZelBrelo. The library, for programs built with it.")
+set(CPACK_COMPONENT_OBSERVE_DEVELOPMENT_DESCRIPTION
+  "A monitor, a detector of stalls and a socket to ask at, for daemons on\nlibZelBrelo. The headers, and what CMake and pkg-config need to build\nprograms with it.")
+set(CPACK_COMPONENT_TOOL_DESCRIPTION
+  "Looks into daemons on libZelBrelo over their sockets: a live view of their\ntasks, reports, stalls, timelines for Perfetto, metrics for Prometheus.")
+
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzelbrelo${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_KIT_RUNTIME_PACKAGE_NAME libbrelodaemon${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_KIT_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_KIT_RUNTIME_PACKAGE_DEPENDS
   "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_OBSERVE_RUNTIME_PACKAGE_NAME libbreloobserve${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_OBSERVE_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_OBSERVE_RUNTIME_PACKAGE_DEPENDS
+  "${CPACK_DEBIAN_KIT_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_TOOL_PACKAGE_NAME brelo)
+set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION admin)
+foreach(component IN ITEMS RUNTIME KIT_RUNTIME OBSERVE_RUNTIME TOOL)
+  set(CPACK_DEBIAN_${component}_DEBUGINFO_PACKAGE ON)
+endforeach()
 set(debian ${PROJECT_BINARY_DIR}/debian)
 file(WRITE ${debian}/triggers "activate-noawait ldconfig\n")
 function(brelo_shared_libraries component) # what dpkg is told of the libraries in a package
@@ -40,6 +58,7 @@ function(brelo_shared_libraries component) # what dpkg is told of the libraries 
 endfunction()
 brelo_shared_libraries(RUNTIME libZelBrelo libzel libnetnsaid)
 brelo_shared_libraries(KIT_RUNTIME libBreloDaemon)
+brelo_shared_libraries(OBSERVE_RUNTIME libBreloObserve)
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libzelbrelo-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -52,4 +71,10 @@ set(CPACK_DEBIAN_KIT_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_KIT_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_KIT_DEVELOPMENT_PACKAGE_DEPENDS
   "${CPACK_DEBIAN_KIT_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), ${CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME} (= ${PROJECT_VERSION})")
+
+set(CPACK_DEBIAN_OBSERVE_DEVELOPMENT_PACKAGE_NAME libbreloobserve-dev)
+set(CPACK_DEBIAN_OBSERVE_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_OBSERVE_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_OBSERVE_DEVELOPMENT_PACKAGE_DEPENDS
+  "${CPACK_DEBIAN_OBSERVE_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), ${CPACK_DEBIAN_KIT_DEVELOPMENT_PACKAGE_NAME} (= ${PROJECT_VERSION})")
 include(CPack)
