@@ -2,10 +2,10 @@
 # for each of these with code the debug symbols.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR ${PROJECT_NAME})
-set(CPACK_PACKAGE_CONTACT "${PROJECT_NAME} maintainers <root@localhost>")
+# An address that can be written to is the owner's to give, as is the licence.
+set(CPACK_PACKAGE_CONTACT "${PROJECT_NAME} maintainers <maintainers@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY ${PROJECT_DESCRIPTION})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL
   runtime development kit_runtime kit_development observe_runtime observe_development tool)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -77,4 +77,20 @@ set(CPACK_DEBIAN_OBSERVE_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_OBSERVE_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_OBSERVE_DEVELOPMENT_PACKAGE_DEPENDS
   "${CPACK_DEBIAN_OBSERVE_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), ${CPACK_DEBIAN_KIT_DEVELOPMENT_PACKAGE_NAME} (= ${PROJECT_VERSION})")
+
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/WithoutScripts.cmake)
 include(CPack)
+
+# Each package says in Debian's form which version it is.
+file(STRINGS CHANGELOG.md released REGEX "^## \\[${PROJECT_VERSION}\\] - " LIMIT_COUNT 1)
+string(REGEX REPLACE ".* - " "" released "${released}")
+execute_process(COMMAND date --utc --rfc-email --date=${released}
+  OUTPUT_VARIABLE release_date OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+configure_file(cmake/changelog.in debian/changelog @ONLY)
+set(changelog ${debian}/changelog.gz)
+execute_process(COMMAND gzip -9n --stdout ${debian}/changelog OUTPUT_FILE ${changelog} COMMAND_ERROR_IS_FATAL ANY)
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+  string(TOUPPER ${component} upper)
+  install(FILES ${changelog} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME}
+    COMPONENT ${component} EXCLUDE_FROM_ALL)
+endforeach()

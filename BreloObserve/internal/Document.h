@@ -17,7 +17,7 @@ namespace BreloObserve::Impl {
 /// version, and where and when it was made.
 ///
 ///     {"document":"monitor","version":1,"process":{"name":"cached","pid":123,
-///      "started_unix_s":1.5,"library":"1.0.0"},"time_unix_s":2.5,"time_monotonic_ns":3,...}
+///      "started_unix_s":1.5,"library":"2.0.0"},"time_unix_s":2.5,"time_monotonic_ns":3,...}
 ///
 /// Its text is in memory; bytes of names that are not UTF-8 become U+FFFD.
 class Document {

@@ -16,6 +16,14 @@ remove() {
   rm -rf "$scratch"
 }
 
+if command -v lintian >/dev/null; then
+  echo "-- lintian, but for the licence and the address, which are the owner's to give"
+  lintian --allow-root --fail-on error,warning --tag-display-limit 0 \
+    --suppress-tags no-copyright-file,bogus-mail-host,bogus-mail-host-in-debian-changelog "${packages[@]}"
+else
+  echo "-- SKIPPED: lintian is not installed"
+fi
+
 echo "-- install ${names[*]}"
 trap remove EXIT
 dpkg --install "${packages[@]}" >/dev/null
