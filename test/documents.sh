@@ -11,8 +11,8 @@ fail() {
 unindented() { sed 's/^ *//'; }
 
 compiled=
-for source in example/*.cpp doc/snippets/*.cpp doc/snippets/daemon/*.cpp; do
-  [[ $source == doc/snippets/daemon/* ]] || grep -q "[ /]$(basename "$source")" example/CMakeLists.txt || fail "$source is not compiled"
+for source in example/*.cpp doc/snippets/*.cpp doc/snippets/*/*.cpp; do
+  [[ $source == doc/snippets/*/* ]] || grep -q "[ /]$(basename "$source")" example/CMakeLists.txt || fail "$source is not compiled"
   compiled+=$'\n'$(unindented <"$source")$'\n'
 done
 for source in example/*.cpp; do
@@ -20,7 +20,7 @@ for source in example/*.cpp; do
 done
 
 blocks=0
-for document in README.md doc/*.md doc/daemon/*.md; do
+for document in README.md doc/*.md doc/*/*.md; do
   while IFS= read -r -d '' block; do
     blocks=$((blocks + 1))
     [[ $compiled == *$'\n'"$block"$'\n'* ]] || fail "$document has code that is not compiled:
