@@ -78,7 +78,9 @@ BRELO_EXPORT void dumpDebugMsg(std::string_view message, unsigned short level,
 BRELO_EXPORT void setupBreloDebug(char const* settings) noexcept;
 /// Adds the list with a dash before each item, which switches off what the items switched on.
 BRELO_EXPORT void clearBreloDebug(char const* settings) noexcept;
-/// Prints the settings in force on standard output, one to a line, in their order.
+/// The settings in force as one such list, in their order.
+BRELO_EXPORT std::string breloDebugSettings();
+/// Prints them on standard output, one to a line.
 BRELO_EXPORT void dumpBreloDebugMap() noexcept;
 /// Makes `format` the TRACEFORMAT; an empty one means the host's default.
 BRELO_EXPORT void setTraceFormat(char const* format) noexcept;

@@ -4,7 +4,9 @@
 #include <iostream>
 #include <memory>
 #include <ostream>
+#include <sstream>
 #include <string>
+#include <utility>
 
 #include "Brelo/Debug.h"
 #include "Zel/Entity.h"
@@ -39,6 +41,15 @@ void clearBreloDebug(char const* settings) noexcept {
     if (*settings == ',') negated += '-';
   }
   setupBreloDebug(negated.c_str());
+}
+
+std::string breloDebugSettings() {
+  std::ostringstream list;
+  char const* separator = "";
+  for (Zel::TraceSetting const& setting : traceFacilityMan()->traceSettingSnapshot()) {
+    list << std::exchange(separator, ",") << setting;
+  }
+  return list.str();
 }
 
 void dumpBreloDebugMap() noexcept {

@@ -47,6 +47,7 @@ TEST(TraceConfiguration, ChangesApplyAtOnce) {
   testing::internal::CaptureStdout();
   dumpBreloDebugMap();
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "TraceConf*/0-3\nOther\n-Trace*/3\n");
+  EXPECT_EQ(breloDebugSettings(), "TraceConf*/0-3,Other,-Trace*/3");
 
   setTraceFormat("<%m>");
   setTraceFormat(nullptr);
