@@ -40,6 +40,8 @@ class BRELO_EXPORT ConstStringRef {
 
   std::string const& string() const;          ///< empty for null; valid while a handle is
   bool isNull() const { return bits_ == 0; }  ///< not so for an interned empty string
+  /// A number that is the same for equal handles only, to be hashed; 0 for null.
+  std::uintptr_t identity() const { return reinterpret_cast<std::uintptr_t>(elem()); }
   /// A handle that does not count, for who sees to it that a counted one is there for as long. It
   /// does not touch the string; a copy of it counts.
   ConstStringRef uncounted() const {

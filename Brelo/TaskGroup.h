@@ -50,6 +50,8 @@ class BRELO_EXPORT TaskGroup : public TaskScheduler {
   bool taskGroupForceYieldInTest() const { return taskGroupForceYieldInTest_; }
   /// @}
 
+  /// The scheduler above.
+  std::shared_ptr<TaskScheduler> const& parentScheduler() const { return parentScheduler_; }
   std::uint32_t parentTaskRunCount() const;  ///< slices since the statistics were cleared
   bool parentTaskScheduled() const;          ///< a slice is coming
   /// Runs a slice here and now.
@@ -57,6 +59,8 @@ class BRELO_EXPORT TaskGroup : public TaskScheduler {
 
   /// The group whose parent task `task` is, or null for any other task.
   static TaskGroup* ofParentTask(TaskImpl const& task);
+  /// Whether `task` is the parent task of a group, which may have ended.
+  static bool isParentTask(TaskImpl const& task);
 
  private:
   class ParentTask;

@@ -78,6 +78,10 @@ TaskGroup* TaskGroup::ofParentTask(TaskImpl const& task) {
   return parentTask->taskGroup();
 }
 
+bool TaskGroup::isParentTask(TaskImpl const& task) {
+  return dynamic_cast<ParentTask const*>(&task) != nullptr;
+}
+
 void TaskGroup::requestSchedulerRun() {
   parentTask_->TaskImpl::scheduleTask();
 }
