@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Every piece of C++ in README.md and doc/ stands, but for its indentation, in a source that the
-# build compiles. Every example has its page in the guide.
+# build compiles. Every example has its page in the guide, every public header its place in the list.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -17,6 +17,10 @@ for source in example/*.cpp doc/snippets/*.cpp doc/snippets/*/*.cpp; do
 done
 for source in example/*.cpp; do
   grep -q "\`$source\`" doc/guide.md || fail "$source has no page in doc/guide.md"
+done
+
+for header in Brelo/*.h BreloDaemon/*.h BreloObserve/*.h ZelBrelo/*.h; do
+  grep -q "\`$header\`" doc/headers.md || fail "$header is missing in doc/headers.md"
 done
 
 blocks=0
