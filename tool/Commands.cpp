@@ -5,12 +5,16 @@
 namespace Tool {
 
 Connection Target::connect() const {
+  return connect(Connection::Limits().connect);
+}
+
+Connection Target::connect(std::chrono::milliseconds connectMax) const {
   using std::chrono::duration;
   using std::chrono::duration_cast;
   using std::chrono::milliseconds;
   Connection::Limits limits;
   limits.answer = duration_cast<milliseconds>(duration<double>(timeoutSeconds));
-  limits.connect = std::min(limits.connect, limits.answer);
+  limits.connect = std::min(connectMax, limits.answer);
   return Connection(path, limits);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -11,13 +12,17 @@
 namespace Tool {
 
 void addReport(CLI::App& app);
+void addTimeline(CLI::App& app);
 
 /// The daemon that a command asks, as the command line names it.
 struct Target {
   std::string path;
   double timeoutSeconds = 10;
 
+  /// @{
   Connection connect() const;
+  Connection connect(std::chrono::milliseconds connectMax) const;
+  /// @}
 };
 
 /// Adds the argument SOCKET and the option --timeout.

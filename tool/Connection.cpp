@@ -83,11 +83,14 @@ void Connection::connect() {
 
 std::string Connection::ask(std::string_view request) {
   send(request);
+  Answer answer = wait();
+  if (answer.error) fail(printable(*answer.error));
+  return std::move(answer.text);
+}
+
+Answer Connection::wait() {
   for (;;) {
-    if (auto answer = advance()) {
-      if (answer->error) fail(printable(*answer->error));
-      return std::move(answer->text);
-    }
+    if (auto answer = advance()) return *std::move(answer);
     using std::chrono::milliseconds;
     auto const left = std::chrono::duration_cast<milliseconds>(deadline() - Clock::now());
     pollfd polled{descriptor(), events(), 0};

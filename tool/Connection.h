@@ -38,6 +38,9 @@ class Connection {
   /// error is a `Failure`, too, but the connection goes on. None may be outstanding.
   std::string ask(std::string_view request);
 
+  /// Waits for the next answer.
+  Answer wait();
+
   /// Sends a request as far as this goes without waiting; `advance` sends the rest.
   void send(std::string_view request);
   int descriptor() const { return descriptor_.get(); }

@@ -1,6 +1,7 @@
 #include "Output.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <string.h>
 #include <unistd.h>
@@ -14,6 +15,8 @@ namespace Tool {
 
 namespace {
 
+constexpr char const* standardOutput = "standard output";
+
 std::string printableLines(std::string_view text) {
   std::string lines;
   for (;;) {
@@ -25,18 +28,18 @@ std::string printableLines(std::string_view text) {
   }
 }
 
-void writeAll(std::string_view text) {
+void writeAll(int descriptor, std::string const& name, std::string_view text) {
   while (!text.empty()) {
-    ssize_t const written = ::write(STDOUT_FILENO, text.data(), text.size());
+    ssize_t const written = ::write(descriptor, text.data(), text.size());
     if (written >= 0) {
       text.remove_prefix(static_cast<std::size_t>(written));
     } else if (errno == EPIPE) {
       throw OutputClosed();
     } else if (errno == EAGAIN) {  // somebody else has made it so
-      pollfd polled{STDOUT_FILENO, POLLOUT, 0};
+      pollfd polled{descriptor, POLLOUT, 0};
       ::poll(&polled, 1, -1);
     } else if (errno != EINTR) {
-      throw Failure(std::string("cannot write to standard output: ") + ::strerror(errno));
+      throw Failure("cannot write to " + name + ": " + ::strerror(errno));
     }
   }
 }
@@ -46,9 +49,23 @@ void writeAll(std::string_view text) {
 void print(std::string_view text) {
   static bool const onTerminal = ::isatty(STDOUT_FILENO) == 1;
   if (onTerminal) {
-    writeAll(printableLines(text));
+    writeAll(STDOUT_FILENO, standardOutput, printableLines(text));
   } else {
-    writeAll(text);
+    writeAll(STDOUT_FILENO, standardOutput, text);
+  }
+}
+
+OutputFile::OutputFile(std::string path) : path_(std::move(path)) {
+  if (path_ == "-") return;
+  descriptor_ = Descriptor(::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  if (!descriptor_) throw Failure("cannot write to " + path_ + ": " + ::strerror(errno));
+}
+
+void OutputFile::write(std::string_view text) {
+  if (descriptor_) {
+    writeAll(descriptor_.get(), path_, text);
+  } else {
+    print(text);
   }
 }
 

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <exception>
+#include <string>
 #include <string_view>
+
+#include "Descriptor.h"
 
 namespace Tool {
 
@@ -12,5 +15,17 @@ class OutputClosed : public std::exception {};
 /// end of a line become question marks: what a daemon sends is not to steer it. What cannot be
 /// written is a `Failure`, or `OutputClosed`.
 void print(std::string_view text);
+
+/// A file that is written anew from the beginning, or standard output for "-".
+class OutputFile {
+ public:
+  explicit OutputFile(std::string path);
+  /// Writes all of it at once, or throws as `print`.
+  void write(std::string_view text);
+
+ private:
+  std::string path_;
+  Descriptor descriptor_;
+};
 
 }  // namespace Tool

@@ -17,6 +17,7 @@ using Tool::ExitCode;
 
 void addCommands(CLI::App& app) {
   Tool::addReport(app);
+  Tool::addTimeline(app);
 }
 
 int failed(ExitCode code, std::string const& text) {
