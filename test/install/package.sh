@@ -36,6 +36,7 @@ build_and_run() { # source pkg-config-module
 echo "-- build and run clients"
 build_and_run main.cpp ZelBrelo
 build_and_run daemon.cpp BreloDaemon
+build_and_run observe.cpp BreloObserve
 echo "-- make a project of the template, and test it"
 "$(dirname "$consumer")/../../dev" new "$scratch/probe" probe >/dev/null
 "$scratch/probe/dev" test >"$scratch/log" 2>&1 || { cat "$scratch/log"; exit 1; }

@@ -28,7 +28,8 @@ cmake -S consumer -B by-find -DCMAKE_PREFIX_PATH="$scratch/moved" >/dev/null
 cmake --build by-find >/dev/null
 runs by-find/consumer
 runs by-find/daemon
-! ldd by-find/consumer | grep BreloDaemon || fail "who does not use the kit is linked with it"
+runs by-find/observe
+! ldd by-find/consumer | grep -E "BreloDaemon|BreloObserve" || fail "who does not use the kit is linked with it"
 
 say "pkg-config"
 PKG_CONFIG_PATH=$(dirname "$(find "$scratch/moved" -name ZelBrelo.pc)")
@@ -39,12 +40,15 @@ runs ./by-pkg-config
 read -ra flags < <(pkg-config --cflags --libs BreloDaemon)
 g++ -std=c++17 consumer/daemon.cpp "${flags[@]}" -Wl,-rpath,"${PKG_CONFIG_PATH%/pkgconfig}" -o daemon-by-pkg-config
 runs ./daemon-by-pkg-config
+read -ra flags < <(pkg-config --cflags --libs BreloObserve)
+g++ -std=c++17 consumer/observe.cpp "${flags[@]}" -Wl,-rpath,"${PKG_CONFIG_PATH%/pkgconfig}" -o observe-by-pkg-config
+runs ./observe-by-pkg-config
 read -ra flags < <(pkg-config --static --cflags --libs ZelBrelo)
 g++ -std=c++17 consumer/main.cpp "${flags[@]}" -o by-pkg-config-static ||
   fail "pkg-config --static names a library that is not there"
 
 say "every header"
-read -ra flags < <(pkg-config --cflags BreloDaemon)
+read -ra flags < <(pkg-config --cflags BreloObserve)
 (cd moved/include && find . -name '*.h' -printf '#include "%P"\n') |
   g++ -std=c++17 -fsyntax-only -Wall -Wextra -Werror -Imoved/include "${flags[@]}" -x c++ -
 
@@ -53,4 +57,5 @@ cmake -S consumer -B by-subdirectory -DBRELO_SOURCE="$source" >/dev/null
 cmake --build by-subdirectory -j "$(nproc)" >/dev/null
 runs by-subdirectory/consumer
 runs by-subdirectory/daemon
+runs by-subdirectory/observe
 say "installed, moved and used in three ways"
