@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "BreloObserve/StallDetector.h"
+#include "BreloObserve/internal/StallSlot.h"
+
+namespace BreloObserve::Impl {
+
+/// With names, for people and `addr2line`. Any thread.
+/// @{
+std::vector<StallFrame> framesOf(TakenStack const& stack);
+std::string textOf(Stall const& stall);
+/// @}
+
+/// Tells on standard error of a run that goes on; `found` is null if its thread does not answer.
+void writeLasting(StallCatch const* found, std::int64_t length, std::int64_t cpu) noexcept;
+
+}  // namespace BreloObserve::Impl
