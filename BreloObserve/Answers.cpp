@@ -9,6 +9,7 @@
 #include "Brelo/Debug.h"
 #include "Brelo/Platform.h"
 #include "Brelo/TaskScheduler.h"
+#include "BreloObserve/Monitor.h"
 #include "BreloObserve/internal/Document.h"
 
 namespace BreloObserve::Impl {
@@ -43,12 +44,15 @@ std::ptrdiff_t itemCount(std::string_view list) {
 
 }  // namespace
 
-Answers::Answers(std::shared_ptr<Brelo::TaskSchedulerRoot> root, bool traceChanges)
-    : root_(std::move(root)), traceChanges_(traceChanges) {}
+Answers::Answers(std::shared_ptr<Brelo::TaskSchedulerRoot> root, Monitor const* monitor,
+                 bool traceChanges)
+    : root_(std::move(root)), monitor_(monitor), traceChanges_(traceChanges) {}
 
 std::string Answers::document(Request const& request) const {
   using Kind = Request::Kind;
   switch (request.kind) {
+    case Kind::monitor:
+      return monitor(request);
     case Kind::history:
       return history(request);
     case Kind::exceptions:
@@ -61,8 +65,6 @@ std::string Answers::document(Request const& request) const {
       return clear();
     case Kind::report:
       return reportAsText();
-    case Kind::monitor:
-      throw RequestError("this daemon has no monitor");
     case Kind::stalls:
       throw RequestError("this daemon has no stall detector");
     default:
@@ -78,10 +80,24 @@ std::string Answers::hello() const {
     document.string(name);
   document.writer().EndArray();
   document.member("tasks", root_->totalRegisteredTaskCount());
-  document.member("monitor", false);
+  document.member("monitor", monitor_ != nullptr);
   document.member("stalls", false);
   document.member("history_capacity", std::uint64_t{root_->historyEntryCount()});
   return document.finish();
+}
+
+std::string Answers::monitor(Request const& request) const {
+  if (monitor_ == nullptr) throw RequestError("this daemon has no monitor");
+  MonitorRequest wanted;
+  wanted.top = static_cast<std::size_t>(request.top);
+  wanted.histograms = request.histograms;
+  wanted.group = request.group;
+  if (!request.sort.empty()) wanted.sort = request.sort;
+  if (Monitor::isColumn(wanted.sort)) return monitor_->document(wanted);
+  std::string text = "there is no such column to sort by, only";
+  for (std::string_view const column : Monitor::columns())
+    text.append(" ").append(column);
+  throw RequestError(text);
 }
 
 std::string Answers::history(Request const& request) const {

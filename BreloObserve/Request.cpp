@@ -75,8 +75,9 @@ struct Request::Argument {
     return error == std::errc() && end == value->end();
   }
   bool string(std::string& into) const {
-    if (value) into = *value;
-    return value && !value->empty();
+    if (!value || value->empty() || value->front() == '"') return false;
+    into = *value;
+    return true;
   }
   bool word() const { return !value; }
 

@@ -20,6 +20,8 @@ using Impl::StatsSession;
 
 namespace {
 
+constexpr std::chrono::nanoseconds stopLimit = std::chrono::seconds(1);
+
 [[noreturn]] void throwFor(std::string const& address, int error, char const* what) {
   throw std::system_error(error, std::generic_category(), address + ": " + what);
 }
@@ -70,7 +72,11 @@ StatsServer::Core::Core(std::shared_ptr<Brelo::TaskSchedulerRoot> root, std::str
     : path_(pathOf(address)),
       root_(std::move(root)),
       options_(options),
-      answers_(root_, options.traceChanges),
+      ownMonitor_(options.monitor == nullptr && options.makesMonitor
+                      ? std::make_unique<Monitor>(root_)
+                      : nullptr),
+      answers_(root_, options.monitor != nullptr ? options.monitor : ownMonitor_.get(),
+               options.traceChanges),
       answering_(root_, options.priority, "stats:answer", [this] { answerNext(); }),
       sendLimit_(root_, options.priority, "stats:limit", [this] { dropThoseThatDoNotRead(); }),
       listener_(
@@ -83,7 +89,7 @@ StatsServer::Core::Core(std::shared_ptr<Brelo::TaskSchedulerRoot> root, std::str
   if (listener_.port() != 0) throwFor(address, EINVAL, "is no Unix socket");
   listener_.onStop([this](BreloDaemon::Stream& client) {
     for (StatsSession& session : sessions_) {
-      if (session.isOf(client)) return session.stop();
+      if (session.isOf(client)) return session.stop(std::min(options_.sendLimit, stopLimit));
     }
     client.abort();  // it has not begun
   });

@@ -17,8 +17,16 @@ class TaskSchedulerRoot;
 
 namespace BreloObserve {
 
-/// Who may ask a statistics server, and how much he may have of it.
+class Monitor;
+
+/// What a statistics server tells, to whom, and how much of it.
 struct StatsServerOptions {
+  /// Who counts for it, on the same root and at least as long; without one it makes its own, if it
+  /// may.
+  /// @{
+  Monitor* monitor = nullptr;
+  bool makesMonitor = true;
+  /// @}
   /// The rights of the socket's file, from its first moment, and its owner and group; as the
   /// process has them unless given.
   /// @{

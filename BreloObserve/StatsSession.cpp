@@ -1,5 +1,7 @@
 #include "BreloObserve/internal/StatsSession.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -176,8 +178,10 @@ void StatsSession::noteSending() {
 
 bool StatsSession::stillSends(double now, double limit) {
   bool const sends = client_.unsent() > 0;
-  std::uint64_t const sent = client_.bytesSent();
-  if (!dismissed_ && (!sends || std::exchange(sentBefore_, sent) != sent)) movedAt_ = now;
+  int queued = 0;  // in the kernel, which has room for us only when much of it has been taken
+  ::ioctl(client_.descriptor(), SIOCOUTQ, &queued);
+  std::uint64_t const taken = client_.bytesSent() - static_cast<unsigned>(queued);
+  if (!dismissed_ && (!sends || std::exchange(takenBefore_, taken) != taken)) movedAt_ = now;
   watched_ = sends || dismissed_;
   if (watched_ && now - movedAt_ >= limit) client_.abort();
   return watched_;
@@ -194,13 +198,13 @@ void StatsSession::dismiss(std::string_view why) {
   client_.shutdownSend();
 }
 
-void StatsSession::stop() {
+void StatsSession::stop(std::chrono::nanoseconds limit) {
   if (asked_) {
     report_.reset();
     asked_ = false;
     sendError("the daemon is ending");
   }
-  client_.idleLimitIs(std::chrono::seconds(1));
+  client_.idleLimitIs(limit);
   client_.close();
 }
 

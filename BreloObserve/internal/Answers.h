@@ -6,6 +6,10 @@
 #include "Brelo/TaskSchedulerRoot.h"
 #include "BreloObserve/internal/Request.h"
 
+namespace BreloObserve {
+class Monitor;
+}
+
 namespace BreloObserve::Impl {
 
 /// Does what requests ask for, and makes the documents that answer them.
@@ -13,13 +17,16 @@ namespace BreloObserve::Impl {
 /// Those of *report* as JSON and of *framed* are the session's, as is the capacity of the history.
 class Answers {
  public:
-  Answers(std::shared_ptr<Brelo::TaskSchedulerRoot> root, bool traceChanges);
+  /// The monitor is null in a daemon without one.
+  Answers(std::shared_ptr<Brelo::TaskSchedulerRoot> root, Monitor const* monitor,
+          bool traceChanges);
 
   /// Throws RequestError where it cannot be met.
   std::string document(Request const& request) const;
 
  private:
   std::string hello() const;
+  std::string monitor(Request const& request) const;
   std::string history(Request const& request) const;
   std::string exceptions(Request const& request) const;
   std::string pending() const;
@@ -28,6 +35,7 @@ class Answers {
   std::string reportAsText() const;
 
   std::shared_ptr<Brelo::TaskSchedulerRoot> root_;
+  Monitor const* monitor_;
   bool traceChanges_;
 };
 

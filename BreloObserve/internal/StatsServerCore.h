@@ -7,6 +7,7 @@
 #include "BreloDaemon/FunctionTask.h"
 #include "BreloDaemon/FunctionTimer.h"
 #include "BreloDaemon/Listener.h"
+#include "BreloObserve/Monitor.h"
 #include "BreloObserve/StatsServer.h"
 #include "BreloObserve/internal/Answers.h"
 #include "BreloObserve/internal/StatsSession.h"
@@ -39,6 +40,7 @@ class StatsServer::Core final : public Impl::StatsSession::Server {
   std::string const path_;  // of the socket file, if we make it
   std::shared_ptr<Brelo::TaskSchedulerRoot> const root_;
   StatsServerOptions const options_;
+  std::unique_ptr<Monitor> const ownMonitor_;
   Impl::Answers const answers_;
   unsigned ownHistory_ = 0;     // the capacity without our wishes
   unsigned raisedHistory_ = 0;  // what we have made of it

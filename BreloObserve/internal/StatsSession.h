@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -45,8 +46,8 @@ class StatsSession {
   /// Tells the client why, and listens to it no more.
   void dismiss(std::string_view why);
   bool dismissed() const { return dismissed_; }
-  /// The orderly end: what has been made for the client is sent, within a second.
-  void stop();
+  /// The orderly end: what has been made for the client is sent, within so much time.
+  void stop(std::chrono::nanoseconds limit);
   /// How many events it wants the history to hold.
   /// @{
   void historyWishIs(unsigned events) { historyWish_ = events; }
@@ -79,7 +80,7 @@ class StatsSession {
   bool dismissed_ = false;
   bool watched_ = false;
   std::size_t leftover_ = 0;  // bytes that the stream keeps for us
-  std::uint64_t sentBefore_ = 0;
+  std::uint64_t takenBefore_ = 0;
   double movedAt_ = 0;
   unsigned historyWish_ = 0;
   std::shared_ptr<BreloDaemon::Stream> report_;  // from an export

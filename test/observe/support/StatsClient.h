@@ -49,16 +49,20 @@ class StatsClient : public Peer {
   std::string readLine() { return readUntil("\n"); }
   /// What there is until the server closes.
   std::string readAll() {
-    loopUntil([&] { return (text_ += read()).empty() ? ended() : ended() || reset(); });
+    loopUntil([&] {
+      text_ += read();
+      return ended() || reset();
+    });
     return std::exchange(text_, {});
   }
   std::string askLine(std::string const& request) {
     EXPECT_EQ(write(request + "\n"), request.size() + 1);
     return readLine();
   }
-  /// A document that is one line.
+  /// A document; from here on answers are framed.
   nlohmann::json ask(std::string const& request) {
-    return nlohmann::json::parse(askLine(request), nullptr, false);
+    EXPECT_TRUE(std::exchange(framed_, true) || askLine("framed") == "framed 1\n");
+    return nlohmann::json::parse(askFramed(request), nullptr, false);
   }
   /// The pieces of a framed answer, put together; an error as it came.
   std::string readFramed() {
@@ -87,6 +91,7 @@ class StatsClient : public Peer {
   }
 
   std::string text_;
+  bool framed_ = false;
 };
 
 }  // namespace BreloTest
