@@ -16,6 +16,7 @@ void addMailboxPost(Catalogue& catalogue);
 void addGroupRun(Catalogue& catalogue);
 void addShouldYield(Catalogue& catalogue);
 void addReports(Catalogue& catalogue);
+void addMonitor(Catalogue& catalogue);
 void addThrow(Catalogue& catalogue);
 void addHash(Catalogue& catalogue);
 

@@ -79,6 +79,7 @@ int runUnits(int argc, char** argv) {
   Bench::addGroupRun(catalogue);
   Bench::addShouldYield(catalogue);
   Bench::addReports(catalogue);
+  Bench::addMonitor(catalogue);
   Bench::addThrow(catalogue);
   Bench::addHash(catalogue);
 

@@ -1,0 +1,98 @@
+// What a monitor costs: each run that it counts, beside the same runs without one, and the document
+// that it makes, which holds the loop.
+
+#include "BreloObserve/Monitor.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Brelo/Platform.h"
+#include "Brelo/TaskGroup.h"
+#include "Brelo/TaskSchedulerRoot.h"
+#include "Catalogue.h"
+#include "RepeatingTask.h"
+#include "Units.h"
+
+namespace Bench {
+
+namespace {
+
+using Brelo::TaskPriority;
+using BreloObserve::Monitor;
+
+constexpr std::uint64_t passes = 100'000;
+constexpr std::uint64_t groupRuns = 1'000'000;
+
+/// One task that runs on the root, or inside a group that holds the loop until it is done.
+double runs(std::uint64_t count, bool monitored, bool inGroup) {
+  auto const root = Brelo::schedulerRootBreloNonShared("bench");
+  std::optional<Monitor> monitor;
+  if (monitored) monitor.emplace(root);
+  auto const group = Brelo::TaskGroup::TaskGroupIs("group", TaskPriority::normal, false, root);
+  group->taskGroupQuantumNoCheckIs(Brelo::TaskTimeDuration::max());
+  std::shared_ptr<Brelo::TaskScheduler> const scheduler =
+      inGroup ? std::static_pointer_cast<Brelo::TaskScheduler>(group) : root;
+  auto const task = std::make_shared<RepeatingTask>(scheduler, count);
+  task->scheduleTask();
+  Brelo::Platform::doEventLoop();
+  return task->seconds();
+}
+
+class QuietTask : public Brelo::Task {
+ public:
+  using Task::Task;
+  void taskExecute() override {}
+};
+
+/// For how long a document of so many tasks, all of which have run, holds the loop.
+double document(std::uint64_t tasks, std::uint64_t names) {
+  auto const root = Brelo::schedulerRootBreloNonShared("bench");
+  Monitor const monitor(root);
+  std::vector<std::shared_ptr<QuietTask>> all;
+  for (std::uint64_t i = 0; i < tasks; ++i) {
+    all.push_back(std::make_shared<QuietTask>(root, TaskPriority::normal, std::to_string(i)));
+    all.back()->taskStatsNameIs("session of kind " + std::to_string(i % names));
+    all.back()->taskRunFromTest();
+  }
+  double const start = clockSeconds(CLOCK_MONOTONIC);
+  benchmark::DoNotOptimize(monitor.document());
+  return clockSeconds(CLOCK_MONOTONIC) - start;
+}
+
+void addRuns(Catalogue& catalogue, std::string const& form, std::uint64_t count, bool inGroup,
+             Backend backend) {
+  for (bool const monitored : {true, false}) {
+    catalogue.measure(
+        "monitor", form, monitored ? "brelo" : "without", count,
+        [=](std::uint64_t operations) { return runs(operations, monitored, inGroup); }, backend);
+  }
+}
+
+void addDocument(Catalogue& catalogue, std::string const& form, std::uint64_t tasks,
+                 std::uint64_t names, double limit) {
+  Figure const hold{"monitor document", form, "longest hold, ns"};
+  catalogue.measureFigures({hold}, "brelo", 1, [=](std::uint64_t) -> std::vector<double> {
+    return {document(tasks, names) * 1e9};
+  });
+  catalogue.aim({hold.unit, hold.form, "brelo", limit, ""});
+}
+
+}  // namespace
+
+void addMonitor(Catalogue& catalogue) {
+  for (Backend const backend : BreloTest::backends) {
+    std::string const form = "1 task on " + toString(backend);
+    addRuns(catalogue, form, passes, false, backend);
+    catalogue.aim({"monitor", form, "brelo", 1.1, "without"});
+  }
+  addRuns(catalogue, "1 task in a group", groupRuns, true, Backend::host);
+  addDocument(catalogue, "10,000 tasks, 100 names", 10'000, 100, 2e6);
+  addDocument(catalogue, "100,000 tasks, 500 names", 100'000, 500, 20e6);
+}
+
+}  // namespace Bench
