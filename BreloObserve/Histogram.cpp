@@ -17,6 +17,26 @@ std::uint64_t Histogram::widthOf(Position at) {
   return at.octave == 0 ? 1 : std::uint64_t{1} << (at.octave - 1);
 }
 
+bool Histogram::add(nanoseconds length, std::uint64_t count) noexcept {
+  __extension__ using Wide = unsigned __int128;
+  length = std::max(length, nanoseconds(0));
+  auto const number = static_cast<std::uint64_t>(length.count());
+  Position const at = positionOf(number);
+  std::uint8_t const place = places_[at.octave];
+  Steps* const found = place != 0 ? &steps_[place - 1U] : makeOctave(at.octave);
+  if (found == nullptr) return false;
+  std::uint32_t& bucket = (*found)[at.step];
+  std::uint64_t const filled = bucket + count;
+  if (filled > UINT32_MAX && !addCarry(at, filled >> 32)) return false;
+  bucket = static_cast<std::uint32_t>(filled);
+  count_ += count;
+  Wide const sum = (Wide{sumCarry_} << 64) + sum_ + Wide{number} * count;
+  sum_ = static_cast<std::uint64_t>(sum);
+  sumCarry_ = static_cast<std::uint64_t>(sum >> 64);
+  max_ = std::max(max_, length);
+  return true;
+}
+
 Histogram::Steps* Histogram::makeOctave(unsigned octave) noexcept {
   try {
     steps_.reserve(steps_.size() + 1);  // no more than is needed

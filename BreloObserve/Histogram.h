@@ -19,7 +19,7 @@ class BRELO_EXPORT Histogram {
  public:
   /// Counts one; what is negative counts as zero. False, and nothing is counted, where memory
   /// fails.
-  bool add(std::chrono::nanoseconds length) noexcept { return add(length, 1); }
+  bool add(std::chrono::nanoseconds length) noexcept;
   /// Counts so many of the same length.
   bool add(std::chrono::nanoseconds length, std::uint64_t count) noexcept;
   /// Adds what the other has counted, as if each had been counted here. After `std::bad_alloc` some
@@ -48,7 +48,7 @@ class BRELO_EXPORT Histogram {
  private:
   static constexpr unsigned stepBits = 5;
   static constexpr unsigned steps = 1U << stepBits;
-  static constexpr unsigned octaves = 64 - stepBits;
+  static constexpr unsigned octaves = 65 - stepBits;  // the last one, of negative ones, stays empty
 
   /// The first octave has the lengths below `steps`, each later one twice as wide steps.
   struct Position {
@@ -64,7 +64,6 @@ class BRELO_EXPORT Histogram {
   static std::uint64_t lowerOf(Position at);
   static std::uint64_t widthOf(Position at);
 
-  __extension__ using Wide = unsigned __int128;
   using Steps = std::array<std::uint32_t, steps>;
   /// What a bucket has beyond its 32 bits.
   struct Carry {
@@ -88,24 +87,17 @@ class BRELO_EXPORT Histogram {
   std::chrono::nanoseconds max_{};
 };
 
-inline bool Histogram::add(std::chrono::nanoseconds length, std::uint64_t count) noexcept {
-  if (length.count() < 0) length = {};
+inline bool Histogram::add(std::chrono::nanoseconds length) noexcept {
   auto const nanoseconds = static_cast<std::uint64_t>(length.count());
   Position const at = positionOf(nanoseconds);
   std::uint8_t const place = places_[at.octave];
-  Steps* const found = place != 0 ? &steps_[place - 1U] : makeOctave(at.octave);
-  if (__builtin_expect(found == nullptr, 0)) return false;
-  std::uint32_t& bucket = (*found)[at.step];
-  std::uint64_t const filled = bucket + count;
-  if (__builtin_expect(filled > UINT32_MAX, 0)) {
-    if (!addCarry(at, filled >> 32)) return false;
-  }
-  bucket = static_cast<std::uint32_t>(filled);
-  count_ += count;
-  auto const product = static_cast<Wide>(nanoseconds) * count;
-  auto const low = static_cast<std::uint64_t>(product);
-  sum_ += low;
-  sumCarry_ += static_cast<std::uint64_t>(product >> 64) + (sum_ < low ? 1 : 0);
+  if (__builtin_expect(place == 0, 0)) return add(length, 1);
+  std::uint32_t& bucket = steps_[place - 1U][at.step];
+  if (__builtin_expect(bucket == UINT32_MAX, 0)) return add(length, 1);
+  ++bucket;
+  ++count_;
+  sum_ += nanoseconds;
+  sumCarry_ += sum_ < nanoseconds ? 1 : 0;
   if (length > max_) max_ = length;
   return true;
 }

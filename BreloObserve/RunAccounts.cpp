@@ -65,9 +65,13 @@ void RunAccounts::clear() noexcept {
   ++clearings_;
 }
 
-NameAccount& RunAccounts::accountOf(Brelo::TaskImpl const& task) noexcept {
-  NameAccount* account = names_.find(task);
-  if (__builtin_expect(account == nullptr, 0)) account = names_.make(task);
+inline NameAccount& RunAccounts::accountOf(Brelo::TaskImpl const& task) noexcept {
+  NameAccount* const account = names_.find(task);
+  return __builtin_expect(account != nullptr, 1) ? *account : newAccount(task);
+}
+
+NameAccount& RunAccounts::newAccount(Brelo::TaskImpl const& task) noexcept {
+  NameAccount* const account = names_.make(task);
   return account != nullptr ? *account : other_;
 }
 
@@ -85,6 +89,10 @@ void RunAccounts::runEnds(Run const& run) noexcept {
   // Less than before is what a task whose figures have been zeroed meanwhile has done since.
   std::uint64_t const work = run.task.taskWorkCountTotal;
   account.work += work >= run.workCountBefore ? work - run.workCountBefore : work;
+  if (run.used > run.task.taskQuantum()) countViolation(account, run);
+}
+
+void RunAccounts::countViolation(NameAccount& account, Run const& run) noexcept {
   switch (Brelo::taskQuantumViolation(run.used, run.task.taskQuantum())) {
     case Brelo::TaskQuantumViolation::none:
       break;

@@ -67,6 +67,8 @@ class RunAccounts final : Brelo::RunObserver {
   void statsCleared(Brelo::TaskScheduler const& scheduler) noexcept override;
 
   NameAccount& accountOf(Brelo::TaskImpl const& task) noexcept;
+  NameAccount& newAccount(Brelo::TaskImpl const& task) noexcept;
+  static void countViolation(NameAccount& account, Run const& run) noexcept;
   void countLive(Brelo::TaskImpl const& task) noexcept;
   std::chrono::nanoseconds usedInWindow(Run const& run, Brelo::TaskTimePoint end) const;
   std::chrono::nanoseconds usedSoFar(Run const& run) const;

@@ -2,13 +2,9 @@
 #include "BreloObserve/Monitor.h"
 
 #include <gtest/gtest.h>
-#include <rapidjson/document.h>
 
-#include <algorithm>
 #include <chrono>
 #include <memory>
-#include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -18,8 +14,8 @@
 #include "Brelo/TaskGroup.h"
 #include "Brelo/TaskScheduler.h"
 #include "Brelo/TimerTask.h"
+#include "observe/support/MonitorFigures.h"
 #include "support/Backend.h"
-#include "support/FailingMemory.h"
 #include "support/WorkTasks.h"
 
 namespace {
@@ -28,49 +24,11 @@ using namespace BreloTest;
 using namespace std::chrono_literals;
 using Brelo::TaskPriority;
 using Brelo::Platform::doEventLoop;
-using BreloObserve::LoopFigures;
 using BreloObserve::Monitor;
 using BreloObserve::NameFigures;
-using std::chrono::nanoseconds;
 
 class MonitorSuite : public OnBothBackends {};
 INSTANTIATE_BOTH_BACKENDS(MonitorSuite);
-
-auto newRoot() {
-  return Brelo::TaskSchedulerRoot::TaskSchedulerRootIs("root");
-}
-
-/// The figures of a name, all zero if there is none.
-NameFigures figuresOf(Monitor const& monitor, std::string const& group, std::string const& name) {
-  for (NameFigures& each : monitor.names()) {
-    if (each.group == group && each.name == name) return std::move(each);
-  }
-  return {};
-}
-
-std::vector<std::string> namesOf(Monitor const& monitor) {
-  std::vector<std::string> names;
-  for (NameFigures const& each : monitor.names())
-    names.push_back(each.group + "/" + each.name);
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-void spin(nanoseconds length) {
-  auto const until = std::chrono::steady_clock::now() + length;
-  while (std::chrono::steady_clock::now() < until) {
-  }
-}
-
-rapidjson::Document parsed(std::string const& text) {
-  rapidjson::Document document;
-  document.Parse(text.c_str());
-  EXPECT_FALSE(document.HasParseError()) << text;
-  EXPECT_EQ(text.back(), '\n');
-  return document;
-}
-
-using Names = std::vector<std::string>;
 
 TEST_P(MonitorSuite, CountsByNameInGroupsOfGroupsLiveAndEnded) {
   run([] {
