@@ -1,0 +1,4 @@
+#pragma once
+
+/// The pieces of code in the pages of the observatory that no example contains.
+void monitors();
