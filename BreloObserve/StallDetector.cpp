@@ -134,16 +134,16 @@ StallDetector::Core::Core(std::shared_ptr<Brelo::TaskSchedulerRoot> root,
 StallDetector::Core::~Core() {
   root_->runObserverRemove(*this);
   watcher_.reset();
-  // What a run has been caught at that will now end unseen.
-  if (slot_.isOwn() && slot_->isCaught()) {
-    try {
-      records_.add(caughtRun(clockNow(CLOCK_MONOTONIC), false));
-    } catch (std::bad_alloc const&) {
-    }
+  if (!slot_.isOwn()) return;
+  try {
+    // A run that goes on will end unseen.
+    if (slot_->isCaught()) records_.add(caughtRun(clockNow(CLOCK_MONOTONIC), false));
+    Stall stall;
+    while (records_.takeUntold(stall))
+      trace(stall);
+  } catch (...) {
+    // Without memory for it a stall is not told of.
   }
-  Stall stall;
-  while (records_.takeUntold(stall))
-    trace(stall);
 }
 
 Impl::CaughtRun StallDetector::Core::caughtRun(std::int64_t until, bool lasting) const {

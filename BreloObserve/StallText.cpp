@@ -1,13 +1,13 @@
 #include "BreloObserve/internal/StallText.h"
 
 #include <cxxabi.h>
-#include <dlfcn.h>
 #include <fmt/format.h>
-#include <link.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <memory>
+
+#include "BreloObserve/internal/Symbols.h"
 
 namespace BreloObserve::Impl {
 
@@ -23,29 +23,10 @@ std::string demangled(char const* name) {
   return status == 0 ? text.get() : name;
 }
 
-/// The main program has no name among the loaded modules.
-std::string const& programPath() {
-  static std::string const path = [] {
-    std::string text(4096, '\0');
-    ssize_t const length = readlink("/proc/self/exe", text.data(), text.size());
-    text.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
-    return text;
-  }();
-  return path;
-}
-
 StallFrame frameAt(std::uintptr_t address) {
-  StallFrame frame{{}, address, {}, address};
-  Dl_info info;
-  link_map* module = nullptr;
-  if (dladdr1(reinterpret_cast<void const*>(address), &info, reinterpret_cast<void**>(&module),
-              RTLD_DL_LINKMAP) == 0) {
-    return frame;
-  }
-  frame.module = *module->l_name != '\0' ? module->l_name : programPath();
-  frame.offset = address - module->l_addr;
-  if (info.dli_sname != nullptr) frame.function = demangled(info.dli_sname);
-  return frame;
+  Symbol const symbol = symbolAt(address);
+  return {symbol.module, symbol.offset,
+          symbol.function == nullptr ? std::string() : demangled(symbol.function), address};
 }
 
 void appendFrames(std::string& text, std::vector<StallFrame> const& frames) {

@@ -9,7 +9,7 @@
 
 namespace BreloObserve::Impl {
 
-/// With names, for people and `addr2line`. Any thread.
+/// With the names of functions. Any thread, also while another is stuck in the dynamic linker.
 /// @{
 std::vector<StallFrame> framesOf(TakenStack const& stack);
 std::string textOf(Stall const& stall);

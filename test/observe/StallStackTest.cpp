@@ -1,5 +1,10 @@
 // What a StallDetector says of where a run was: the right function, in code that may hold any lock.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <link.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <sys/timerfd.h>
@@ -7,11 +12,17 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 
+#include "Brelo/Backtrace.h"
 #include "Brelo/Platform.h"
 #include "BreloObserve/StallDetector.h"
 #include "support/Backend.h"
@@ -56,6 +67,46 @@ template <int N>
   }
   __asm__ volatile("" ::"i"(N));
 }
+
+template <class Step>
+void repeats(nanoseconds length, Step step) {
+  auto const end = steady_clock::now() + length;
+  while (steady_clock::now() < end)
+    step();
+}
+
+// Code that holds locks of the C library, of the dynamic linker and of the unwinders.
+/// @{
+[[gnu::noinline]] void allocates(nanoseconds length) {
+  std::size_t size = 1;
+  repeats(length, [&] {
+    void* volatile block = std::malloc(size = size * 3 % 100'003);
+    std::free(block);
+  });
+}
+
+[[gnu::noinline]] void listsModules(nanoseconds length) {
+  auto const visit = [](dl_phdr_info*, std::size_t, void*) { return 0; };
+  repeats(length, [&] { dl_iterate_phdr(visit, nullptr); });
+}
+
+[[gnu::noinline]] void loadsModules(nanoseconds length) {
+  repeats(length, [] { dlclose(dlopen("libanl.so.1", RTLD_NOW)); });
+}
+
+[[gnu::noinline]] void throws(nanoseconds length) {
+  repeats(length, [] {
+    try {
+      throw std::runtime_error("thrown");
+    } catch (std::exception const&) {
+    }
+  });
+}
+
+[[gnu::noinline]] void walks(nanoseconds length) {
+  repeats(length, [] { Brelo::Backtrace(true).pretty(); });
+}
+/// @}
 
 template <std::size_t... N>
 auto functions(std::index_sequence<N...>) {
@@ -135,6 +186,92 @@ TEST_P(StallStackSuite, TellsTheFunctionThatHeldTheLoop) {
       ASSERT_EQ(right, i + 1);
     }
   });
+}
+
+/// The detector's thread, a thread that works with the same locks, and the handler amid them.
+TEST_P(StallStackSuite, LocksThatTheRunHoldsAreNotTaken) {
+  run([] {
+    for (auto const& function :
+         {&stallStack::allocates, &stallStack::listsModules, &stallStack::loadsModules,
+          &stallStack::throws, &stallStack::walks}) {
+      auto const root = Brelo::TaskSchedulerRoot::TaskSchedulerRootIs("root");
+      std::atomic<bool> ended{false};
+      std::thread other([&] {
+        while (!ended)
+          function(100us);
+      });
+      {
+        StallDetector detector(root, tellsAll(1ms));
+        auto const task = workTask(root, "stalls", [&](WorkTask&) { function(2ms); });
+        for (int i = 0; i < 40; ++i) {
+          task->scheduleTask();
+          doEventLoop();
+        }
+        EXPECT_GE(detector.caught(), 20U);
+      }
+      ended = true;
+      other.join();
+    }
+  });
+}
+
+/// Holds what the linker's own questions wait for, until the watcher has told of it.
+[[gnu::noinline]] int waitsInLoader(dl_phdr_info*, std::size_t, void* pipe) {
+  std::string text;
+  char piece[4096];
+  while (text.find("waitsInLoader") == std::string::npos) {
+    ssize_t const length = read(static_cast<int*>(pipe)[0], piece, sizeof piece);
+    if (length > 0) text.append(piece, static_cast<std::size_t>(length));
+  }
+  EXPECT_THAT(text, testing::StartsWith("StallDetector: stalls of root has held the loop for 0.0"));
+  return 1;
+}
+
+TEST_P(StallStackSuite, RunThatDoesNotEndIsToldOfOnStandardError) {
+  run([] {
+    if (signalsComeLate) return;
+    auto const root = Brelo::TaskSchedulerRoot::TaskSchedulerRootIs("root");
+    int pipes[2];
+    ASSERT_EQ(pipe2(pipes, O_CLOEXEC), 0);
+    int const standardError = dup(STDERR_FILENO);
+    dup2(pipes[1], STDERR_FILENO);
+    StallDetectorOptions options;
+    options.limit = 5ms;
+    options.lasting = 20ms;
+    StallDetector const detector(root, options);
+    auto const task =
+        workTask(root, "stalls", [&](WorkTask&) { dl_iterate_phdr(&waitsInLoader, pipes); });
+    task->scheduleTask();
+    doEventLoop();
+    dup2(standardError, STDERR_FILENO);
+    for (int const fd : {standardError, pipes[0], pipes[1]})
+      close(fd);
+    EXPECT_EQ(detector.caught(), 1U);
+  });
+}
+
+TEST(StallStack, OffsetsLeadToTheirLines) {
+  if (signalsComeLate) return;
+  auto const root = Brelo::TaskSchedulerRoot::TaskSchedulerRootIs("root");
+  StallDetector detector(root, tellsAll(1ms));
+  std::string command;
+  detector.onStall([&](Stall const& stall) {
+    for (auto const& frame : stall.frames) {
+      if (frame.function.find("::spins<3>") == std::string::npos) continue;
+      command = fmt::format("addr2line -Cfe {} {:#x}", frame.module, frame.offset);
+    }
+  });
+  auto const task = workTask(root, "stalls", [&](WorkTask&) { stallStack::spins<3>(5ms); });
+  for (int i = 0; i < 20 && command.empty(); ++i) {
+    task->scheduleTask();
+    doEventLoop();
+  }
+  FILE* const lines = popen(command.c_str(), "r");
+  char text[1000] = {};
+  EXPECT_GT(std::fread(text, 1, sizeof text - 1, lines), 0U);
+  EXPECT_EQ(pclose(lines), 0);
+  EXPECT_THAT(text,
+              testing::ContainsRegex("(spins<3>|chrono)[^\n]*\n.*(StallStackTest.cpp|chrono)"));
 }
 
 }  // namespace
