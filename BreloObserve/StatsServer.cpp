@@ -30,12 +30,14 @@ bool startsWith(std::string_view text, std::string_view beginning) {
   return text.substr(0, beginning.size()) == beginning;
 }
 
-/// The path of a socket file; empty for one that is handed over. Anything else would be without
-/// rights, and is an error.
+/// The path of a socket file; empty for one that is handed over. What is in no file system has no
+/// rights, and is refused.
 std::string pathOf(std::string const& address) {
   if (address == "systemd" || startsWith(address, "systemd:")) return {};
-  std::string const path = startsWith(address, "unix:") ? address.substr(5) : address;
-  if (path.empty() || path.front() != '/') throwFor(address, EINVAL, "is no path of a socket");
+  bool const prefixed = startsWith(address, "unix:");
+  std::string const path = prefixed ? address.substr(5) : address;
+  bool const isPath = prefixed ? !path.empty() : path.find('/') != path.npos;
+  if (!isPath || path.front() == '@') throwFor(address, EINVAL, "is no path of a socket");
   return path;
 }
 
@@ -80,8 +82,8 @@ StatsServer::Core::Core(std::shared_ptr<Brelo::TaskSchedulerRoot> root, std::str
       answering_(root_, options.priority, "stats:answer", [this] { answerNext(); }),
       sendLimit_(root_, options.priority, "stats:limit", [this] { dropThoseThatDoNotRead(); }),
       listener_(
-          root_, address, [this](BreloDaemon::Stream& client) { begin(client); },
-          listenerOptions(options)) {
+          root_, path_.empty() ? address : "unix:" + path_,
+          [this](BreloDaemon::Stream& client) { begin(client); }, listenerOptions(options)) {
   if (options.sendLimit <= options.sendLimit.zero()) {
     BRELO_FAIL("StatsServer", "send limit of {} ns", options.sendLimit.count());
   }

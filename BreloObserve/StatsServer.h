@@ -61,9 +61,9 @@ struct StatsServerOptions {
 /// to ignore SIGPIPE, which a `BreloDaemon::Daemon` sees to.
 class BRELO_EXPORT StatsServer {
  public:
-  /// `address` is that of a socket file, as BreloDaemon::Addresses has them, or of a Unix socket
-  /// that the service manager hands over, whose rights are the unit's affair. A dead socket's file
-  /// is replaced. What fails, TCP included, throws `std::system_error`.
+  /// `address` is the path of a socket file, with a slash in it or "unix:" before it; or "systemd"
+  /// or "systemd:NAME" for a Unix socket that the service manager hands over, whose rights are the
+  /// unit's affair. A dead socket's file is replaced. What fails throws `std::system_error`.
   StatsServer(std::shared_ptr<Brelo::TaskSchedulerRoot> root, std::string const& address,
               StatsServerOptions const& options = {});
   StatsServer(StatsServer const&) = delete;

@@ -99,6 +99,8 @@ def readStatistics(path):
     with socket.socket(socket.AF_UNIX) as client:
         client.settimeout(LIMIT)
         client.connect(path)
+        client.sendall(b'report')
+        client.shutdown(socket.SHUT_WR)
         text = b''.join(iter(lambda: client.recv(65536), b''))
     try:
         json.loads(text)

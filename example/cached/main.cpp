@@ -3,16 +3,19 @@
 #include <chrono>
 #include <exception>
 #include <iostream>
+#include <optional>
 
 #include "Brelo/Thread.h"
 #include "Brelo/Time.h"
 #include "BreloDaemon/Daemon.h"
 #include "BreloDaemon/FunctionTimer.h"
 #include "BreloDaemon/Listener.h"
+#include "BreloObserve/StatsServer.h"
 #include "Server.h"
 
 int main(int argc, char** argv) {
   std::string address = "127.0.0.1:11211";
+  std::string stats;
   std::string backend = "host";
   std::size_t memory = 64;
   std::size_t connections = 1024;
@@ -23,12 +26,15 @@ int main(int argc, char** argv) {
   app.add_option("--memory", memory, "MiB for what is stored")->check(CLI::Range(1, 1 << 20));
   app.add_option("--connections", connections, "at a time")->check(CLI::PositiveNumber);
   app.add_option("--idle", idle, "seconds after which a silent client is dropped; 0: never");
+  app.add_option("--stats", stats, "path of a socket at which brelo sees what it does");
   app.add_option("--backend", backend, "event loop")->check(CLI::IsMember({"host", "libevent"}));
   CLI11_PARSE(app, argc, argv);
 
   if (backend == "libevent") Brelo::useThreadLocalSingletons();
   try {
     BreloDaemon::Daemon daemon("cached");
+    std::optional<BreloObserve::StatsServer> statsServer;
+    if (!stats.empty()) statsServer.emplace(daemon.scheduler(), stats);
     Cached::Server server{*daemon.scheduler(), Cached::Cache(memory << 20), Brelo::time()};
     auto const work = [&cache = server.cache](Brelo::TaskImpl& task) {
       cache.timeIs(Brelo::time());

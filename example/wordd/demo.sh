@@ -53,6 +53,8 @@ import json, socket, sys
 
 client = socket.socket(socket.AF_UNIX)
 client.connect(sys.argv[1])
+client.sendall(b'report')
+client.shutdown(socket.SHUT_WR)
 text = b''.join(iter(lambda: client.recv(65536), b''))
 scheduler = json.loads(text)['schedulers']['wordd']
 print(f'Its statistics as JSON, {len(text)} bytes; the busiest tasks and groups:')

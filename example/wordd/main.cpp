@@ -17,8 +17,8 @@
 #include "Brelo/TaskScheduler.h"
 #include "Brelo/Thread.h"
 #include "BreloDaemon/Daemon.h"
-#include "BreloDaemon/FunctionTimer.h"
 #include "BreloDaemon/Listener.h"
+#include "BreloObserve/StatsServer.h"
 #include "Output.h"
 #include "Session.h"
 
@@ -35,7 +35,6 @@ struct Options {
   std::size_t memory = 256;  // MiB
   std::string backend = "host";
   std::string statsPath;
-  double statsSeconds = 10;
   std::string trace;
 };
 
@@ -55,12 +54,7 @@ void addTo(CLI::App& app, Options& options) {
   app.add_option("--backend", options.backend, "event loop to run on")
       ->check(CLI::IsMember({"host", "libevent"}))
       ->capture_default_str();
-  app.add_option("--stats", options.statsPath,
-                 "Unix socket that answers each connection with the statistics as JSON");
-  app.add_option("--stats-seconds", options.statsSeconds,
-                 "seconds in which they are to be read; 0: any")
-      ->check(CLI::Range(0.0, 1e9))
-      ->capture_default_str();
+  app.add_option("--stats", options.statsPath, "path of a socket at which brelo sees what it does");
   app.add_option("--trace", options.trace, "trace settings, for example TaskScheduler/4+5");
   app.footer(
       "SIGUSR1 prints the statistics, SIGUSR2 the latest exceptions with their backtraces;\n"
@@ -72,17 +66,6 @@ std::chrono::nanoseconds asLimit(double seconds) {
   if (seconds == 0) return std::chrono::nanoseconds::max();
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
       std::chrono::duration<double>(seconds));
-}
-
-/// Sends a reader the statistics, for which it has so much time.
-void sendStatistics(Stream& reader, Brelo::TaskSchedulerRoot& root, std::chrono::nanoseconds time) {
-  auto const limit = std::make_shared<BreloDaemon::FunctionTimer>(
-      root.shared_from_this(), Brelo::TaskPriority::normal, "stats:limit",
-      [&reader] { reader.abort(); });
-  limit->once(time);
-  reader.onEnd([limit](auto...) {});
-  reader.send(root.statsRenderJsonToString(true, true, true));
-  reader.close();
 }
 
 /// A report that there is no memory for is left out.
@@ -108,17 +91,8 @@ int serve(Options const& options) {
     print(output, [](std::ostream& out) { Brelo::BacktraceTracker::printAll(out); });
   });
 
-  std::optional<Listener> statistics;
-  if (!options.statsPath.empty()) {
-    BreloDaemon::ListenerOptions readers;
-    readers.name = "stats";
-    readers.connectionsMax = 8;
-    statistics.emplace(
-        root, "unix:" + options.statsPath,
-        [&](Stream& reader) { sendStatistics(reader, *root, asLimit(options.statsSeconds)); },
-        readers);
-    statistics->onStop([](Stream& reader) { reader.abort(); });
-  }
+  std::optional<BreloObserve::StatsServer> statistics;
+  if (!options.statsPath.empty()) statistics.emplace(root, options.statsPath);
 
   auto const counting =
       Brelo::TaskGroup::TaskGroupIs("counting", Brelo::TaskPriority::low, false, root);
