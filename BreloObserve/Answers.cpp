@@ -10,6 +10,7 @@
 #include "Brelo/Platform.h"
 #include "Brelo/TaskScheduler.h"
 #include "BreloObserve/Monitor.h"
+#include "BreloObserve/StallDetector.h"
 #include "BreloObserve/internal/Document.h"
 
 namespace BreloObserve::Impl {
@@ -45,8 +46,11 @@ std::ptrdiff_t itemCount(std::string_view list) {
 }  // namespace
 
 Answers::Answers(std::shared_ptr<Brelo::TaskSchedulerRoot> root, Monitor const* monitor,
-                 bool traceChanges)
-    : root_(std::move(root)), monitor_(monitor), traceChanges_(traceChanges) {}
+                 StallDetector const* stallDetector, bool traceChanges)
+    : root_(std::move(root)),
+      monitor_(monitor),
+      stallDetector_(stallDetector),
+      traceChanges_(traceChanges) {}
 
 std::string Answers::document(Request const& request) const {
   using Kind = Request::Kind;
@@ -66,7 +70,7 @@ std::string Answers::document(Request const& request) const {
     case Kind::report:
       return reportAsText();
     case Kind::stalls:
-      throw RequestError("this daemon has no stall detector");
+      return stalls();
     default:
       return hello();
   }
@@ -81,7 +85,7 @@ std::string Answers::hello() const {
   document.writer().EndArray();
   document.member("tasks", root_->totalRegisteredTaskCount());
   document.member("monitor", monitor_ != nullptr);
-  document.member("stalls", false);
+  document.member("stalls", stallDetector_ != nullptr);
   document.member("history_capacity", std::uint64_t{root_->historyEntryCount()});
   return document.finish();
 }
@@ -127,6 +131,11 @@ std::string Answers::history(Request const& request) const {
   }
   writer.EndArray();
   return document.finish();
+}
+
+std::string Answers::stalls() const {
+  if (stallDetector_ == nullptr) throw RequestError("this daemon has no stall detector");
+  return stallDetector_->document();
 }
 
 std::string Answers::exceptions(Request const& request) const {

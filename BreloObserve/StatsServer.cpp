@@ -63,6 +63,12 @@ void giveAway(std::string const& path, StatsServerOptions const& options) {
   }
 }
 
+template <class Part>
+std::unique_ptr<Part> madeUnless(bool needless,
+                                 std::shared_ptr<Brelo::TaskSchedulerRoot> const& root) {
+  return needless ? nullptr : std::make_unique<Part>(root);
+}
+
 double inSeconds(std::chrono::nanoseconds time) {
   return std::chrono::duration<double>(time).count();
 }
@@ -74,10 +80,11 @@ StatsServer::Core::Core(std::shared_ptr<Brelo::TaskSchedulerRoot> root, std::str
     : path_(pathOf(address)),
       root_(std::move(root)),
       options_(options),
-      ownMonitor_(options.monitor == nullptr && options.makesMonitor
-                      ? std::make_unique<Monitor>(root_)
-                      : nullptr),
+      ownMonitor_(madeUnless<Monitor>(options.monitor != nullptr || !options.makesMonitor, root_)),
+      ownStallDetector_(madeUnless<StallDetector>(
+          options.stallDetector != nullptr || !options.makesStallDetector, root_)),
       answers_(root_, options.monitor != nullptr ? options.monitor : ownMonitor_.get(),
+               options.stallDetector != nullptr ? options.stallDetector : ownStallDetector_.get(),
                options.traceChanges),
       answering_(root_, options.priority, "stats:answer", [this] { answerNext(); }),
       sendLimit_(root_, options.priority, "stats:limit", [this] { dropThoseThatDoNotRead(); }),

@@ -18,14 +18,17 @@ class TaskSchedulerRoot;
 namespace BreloObserve {
 
 class Monitor;
+class StallDetector;
 
 /// What a statistics server tells, to whom, and how much of it.
 struct StatsServerOptions {
-  /// Who counts for it, on the same root and at least as long; without one it makes its own, if it
-  /// may.
+  /// Who counts runs and who catches stalls, on the same root and at least as long. Without them
+  /// the server makes its own, if it may.
   /// @{
   Monitor* monitor = nullptr;
   bool makesMonitor = true;
+  StallDetector* stallDetector = nullptr;
+  bool makesStallDetector = true;
   /// @}
   /// The rights of the socket's file, from its first moment, and its owner and group; as the
   /// process has them unless given.
@@ -52,9 +55,9 @@ struct StatsServerOptions {
 ///     BreloObserve::StatsServer stats(daemon.scheduler(), "/run/cached/stats.sock");
 ///
 /// Requests are lines, answers documents: `brelo` asks, and so does a shell, see
-/// doc/observe/protocol.md. Answers are made in a task of its own, one in a run, and sent as the
-/// client takes them. One that does not read holds up nobody, and is not read from while much is
-/// waiting for it.
+/// doc/observe/protocol.md. Its own monitor and stall detector are as those are by default. Answers
+/// are made in a task of its own, one in a run, and sent as the client takes them. One that does
+/// not read holds up nobody, and is not read from while much is waiting for it.
 ///
 /// Belongs to the root's thread, where its descriptors keep the loop running; in the orderly end
 /// of a daemon its clients get what has been made for them, and a second for that. The process has

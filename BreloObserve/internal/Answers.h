@@ -8,7 +8,8 @@
 
 namespace BreloObserve {
 class Monitor;
-}
+class StallDetector;
+}  // namespace BreloObserve
 
 namespace BreloObserve::Impl {
 
@@ -17,9 +18,9 @@ namespace BreloObserve::Impl {
 /// Those of *report* as JSON and of *framed* are the session's, as is the capacity of the history.
 class Answers {
  public:
-  /// The monitor is null in a daemon without one.
+  /// A monitor or detector that the daemon does not have is null.
   Answers(std::shared_ptr<Brelo::TaskSchedulerRoot> root, Monitor const* monitor,
-          bool traceChanges);
+          StallDetector const* stallDetector, bool traceChanges);
 
   /// Throws RequestError where it cannot be met.
   std::string document(Request const& request) const;
@@ -28,6 +29,7 @@ class Answers {
   std::string hello() const;
   std::string monitor(Request const& request) const;
   std::string history(Request const& request) const;
+  std::string stalls() const;
   std::string exceptions(Request const& request) const;
   std::string pending() const;
   std::string trace(Request const& request) const;
@@ -36,6 +38,7 @@ class Answers {
 
   std::shared_ptr<Brelo::TaskSchedulerRoot> root_;
   Monitor const* monitor_;
+  StallDetector const* stallDetector_;
   bool traceChanges_;
 };
 

@@ -8,6 +8,7 @@
 #include "BreloDaemon/FunctionTimer.h"
 #include "BreloDaemon/Listener.h"
 #include "BreloObserve/Monitor.h"
+#include "BreloObserve/StallDetector.h"
 #include "BreloObserve/StatsServer.h"
 #include "BreloObserve/internal/Answers.h"
 #include "BreloObserve/internal/StatsSession.h"
@@ -41,6 +42,7 @@ class StatsServer::Core final : public Impl::StatsSession::Server {
   std::shared_ptr<Brelo::TaskSchedulerRoot> const root_;
   StatsServerOptions const options_;
   std::unique_ptr<Monitor> const ownMonitor_;
+  std::unique_ptr<StallDetector> const ownStallDetector_;
   Impl::Answers const answers_;
   unsigned ownHistory_ = 0;     // the capacity without our wishes
   unsigned raisedHistory_ = 0;  // what we have made of it

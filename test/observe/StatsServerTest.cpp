@@ -66,6 +66,8 @@ TEST_P(StatsServerTest, AnswersEveryRequestInOrder) {
     EXPECT_GE(hello["tasks"], 3);
     EXPECT_EQ(hello["history_capacity"], 100);
     EXPECT_EQ(hello["monitor"], true);
+    EXPECT_EQ(hello["stalls"], true);
+    EXPECT_EQ(client.ask("stalls")["caught"], 0);
     served.tasks[1].schedule();
     loopABit();
     EXPECT_EQ(client.ask("monitor group=served top=1 sort=runs")["names"].size(), 1);
@@ -206,10 +208,12 @@ TEST_P(StatsServerTest, ShowsExceptionsAndTraces) {
     StatsServerOptions bare;
     bare.traceChanges = false;
     bare.makesMonitor = false;
+    bare.makesStallDetector = false;
     Served other(bare);
     StatsClient reader(other.folder.path);
     EXPECT_EQ(reader.ask("hello")["monitor"], false);
     EXPECT_EQ(reader.askLine("monitor"), "!this daemon has no monitor\n");
+    EXPECT_EQ(reader.askLine("stalls"), "!this daemon has no stall detector\n");
     EXPECT_THAT(reader.askLine("trace X"), HasSubstr("does not let clients"));
     EXPECT_EQ(reader.ask("trace")["document"], "trace");
   });
