@@ -13,6 +13,7 @@ namespace Tool {
 
 void addReport(CLI::App& app);
 void addTimeline(CLI::App& app);
+void addTop(CLI::App& app);
 
 /// The daemon that a command asks, as the command line names it.
 struct Target {

@@ -18,6 +18,7 @@ using Tool::ExitCode;
 void addCommands(CLI::App& app) {
   Tool::addReport(app);
   Tool::addTimeline(app);
+  Tool::addTop(app);
 }
 
 int failed(ExitCode code, std::string const& text) {
