@@ -50,9 +50,9 @@ LoopFigures Monitor::loop() const {
   accounts_->root().sanityCheckCurrentRunningThread();
   Impl::RunAccounts::Loop const& loop = accounts_->loop();
   LoopFigures figures;
+  figures.running = loop.running + accounts_->underWay();
   figures.cleared = accounts_->clearedTime();
   figures.length = nanoseconds(std::llround((Brelo::time() - figures.cleared) * 1e9));
-  figures.running = loop.running + accounts_->underWay();
   figures.waiting = loop.waiting;
   figures.polling = std::max(figures.length - figures.running - figures.waiting, nanoseconds(0));
   figures.threadCpu = Impl::threadCpuTime() - accounts_->clearedCpu();

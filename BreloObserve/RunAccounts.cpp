@@ -59,8 +59,8 @@ void RunAccounts::clear() noexcept {
   slip.clear();
   loop_ = {};
   loop_.slip = std::move(slip);
+  clearedTime_ = Brelo::time();  // first, so that no run has used more than the window's length
   clearedAt_ = std::chrono::steady_clock::now();
-  clearedTime_ = Brelo::time();
   clearedCpu_ = threadCpuTime();
   ++clearings_;
 }

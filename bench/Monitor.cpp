@@ -59,9 +59,10 @@ double document(std::uint64_t tasks, std::uint64_t names) {
     all.back()->taskStatsNameIs("session of kind " + std::to_string(i % names));
     all.back()->taskRunFromTest();
   }
-  double const start = clockSeconds(CLOCK_MONOTONIC);
+  Run run(1);
   benchmark::DoNotOptimize(monitor.document());
-  return clockSeconds(CLOCK_MONOTONIC) - start;
+  run.finished();
+  return run.seconds();
 }
 
 void addRuns(Catalogue& catalogue, std::string const& form, std::uint64_t count, bool inGroup,
@@ -75,11 +76,9 @@ void addRuns(Catalogue& catalogue, std::string const& form, std::uint64_t count,
 
 void addDocument(Catalogue& catalogue, std::string const& form, std::uint64_t tasks,
                  std::uint64_t names, double limit) {
-  Figure const hold{"monitor document", form, "longest hold, ns"};
-  catalogue.measureFigures({hold}, "brelo", 1, [=](std::uint64_t) -> std::vector<double> {
-    return {document(tasks, names) * 1e9};
-  });
-  catalogue.aim({hold.unit, hold.form, "brelo", limit, ""});
+  std::string const unit = "monitor document";
+  catalogue.measure(unit, form, "brelo", 1, [=](std::uint64_t) { return document(tasks, names); });
+  catalogue.aim({unit, form, "brelo", limit, ""});
 }
 
 }  // namespace

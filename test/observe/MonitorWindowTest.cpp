@@ -42,26 +42,28 @@ TEST_P(MonitorWindowSuite, ClearedWithTheRootsStatisticsAndAmidARun) {
   run([] {
     auto const root = newRoot();
     Monitor monitor(root);
-    auto const group = Brelo::TaskGroup::TaskGroupIs("g", TaskPriority::normal, false, root);
     auto const runs = workTask(root, "runs", [](WorkTask& task) { task.taskWorkCountInc(3); });
     auto const idle = workTask(root, "idle");
     runs->taskRunFromTest();
-    workTask(group, "ends")->taskRunFromTest();
-    EXPECT_EQ(namesOf(monitor), (Names{"g/ends", "root/TaskGroup;g", "root/idle", "root/runs"}));
-    group->clearStats();
+    {
+      auto const ends = Brelo::TaskGroup::TaskGroupIs("g", TaskPriority::normal, false, root);
+      workTask(ends, "ends")->taskRunFromTest();
+      ends->clearStats();
+    }
     EXPECT_EQ(monitor.loop().clearings, 0U);
+    EXPECT_EQ(namesOf(monitor), (Names{"g/ends", "root/idle", "root/runs"}));
     root->clearStats();
     EXPECT_EQ(monitor.loop().clearings, 1U);
-    EXPECT_EQ(namesOf(monitor),
-              (Names{"g/g;ResetStats", "root/TaskGroup;g", "root/idle", "root/runs"}));
+    EXPECT_EQ(namesOf(monitor), (Names{"root/idle", "root/runs"}));
     EXPECT_EQ(figuresOf(monitor, "root", "runs").run.count(), 0U);
     EXPECT_EQ(monitor.loop().running, 0ns);
 
     // Of a run that a clearing divides only the second part is used in the window.
-    auto const clears = workTask(group, "clears", [&](WorkTask&) {
+    auto group = Brelo::TaskGroup::TaskGroupIs("g", TaskPriority::normal, false, root);
+    auto clears = workTask(group, "clears", [&](WorkTask&) {
       spin(20ms);
       auto const beforeClearing = std::chrono::steady_clock::now();
-      root->clearStats();
+      monitor.clear();
       spin(2ms);
       nanoseconds const running = monitor.loop().running;
       EXPECT_GE(running, 2ms);
@@ -83,6 +85,8 @@ TEST_P(MonitorWindowSuite, ClearedWithTheRootsStatisticsAndAmidARun) {
     EXPECT_GE(divided.used, 2ms);
     EXPECT_LE(divided.used, loop.running);
 
+    group.reset();
+    clears.reset();
     auto const works = workTask(root, "works", [&](WorkTask& task) {
       task.taskWorkCountInc(4);
       root->clearStats();
