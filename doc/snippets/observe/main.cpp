@@ -5,5 +5,7 @@
 
 int main() {
   monitors();
+  stalls();
+  crashes();
   std::cout << "all have run\n";
 }
