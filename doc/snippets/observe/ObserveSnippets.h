@@ -4,3 +4,4 @@
 void monitors();
 void stalls();
 void crashes();
+void statsServer();

@@ -7,5 +7,6 @@ int main() {
   monitors();
   stalls();
   crashes();
+  statsServer();
   std::cout << "all have run\n";
 }
