@@ -29,6 +29,8 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
+Brelo::ModuleTrace const trace("StatsServerTest");
+
 class StatsServerTest : public OnBothBackends {};
 INSTANTIATE_BOTH_BACKENDS(StatsServerTest);
 
@@ -49,6 +51,12 @@ struct Served {
   std::vector<BreloDaemon::FunctionTask> tasks;
   StatsServer server;
 };
+
+/// What has been cleared is held for good, by the reset of its groups.
+void keep(std::shared_ptr<Brelo::TaskSchedulerRoot> const& root) {
+  static auto& kept = *new std::vector<std::shared_ptr<Brelo::TaskSchedulerRoot>>;
+  kept.push_back(root);
+}
 
 bool isReport(std::string const& text) {
   auto const document = nlohmann::json::parse(text, nullptr, false);
@@ -76,6 +84,7 @@ TEST_P(StatsServerTest, AnswersEveryRequestInOrder) {
     EXPECT_EQ(byName[byName.size() - 2]["run_histogram_ns"].size(), 1);
     EXPECT_EQ(client.ask("monitor group=\"no such\"")["names"].size(), 0);
     EXPECT_EQ(client.ask("clear")["document"], "hello");
+    keep(served.root);
     EXPECT_EQ(client.ask("monitor")["window"]["cleared_count"], 1);
 
     EXPECT_TRUE(isReport(client.askFramed("report")));
@@ -196,7 +205,6 @@ TEST_P(StatsServerTest, ShowsExceptionsAndTraces) {
     Brelo::Platform::setupBreloDebug("");
     EXPECT_EQ(client.ask("trace StatsServerTest/3+4, Other*")["trace"],
               "StatsServerTest/3-4,Other*");
-    Brelo::ModuleTrace const trace("StatsServerTest");
     EXPECT_TRUE(trace.enabled(3));
     EXPECT_THAT(client.askLine("trace -StatsServerTest, A/99"), HasSubstr("or not all of it"));
     EXPECT_FALSE(trace.enabled(3));
@@ -318,6 +326,7 @@ TEST_P(StatsServerTest, EndsInOrderWithItsDaemon) {
     for (int i = 0; i < 4; ++i)
       clients.emplace_back(folder.path);
     EXPECT_EQ(clients[0].ask("clear")["document"], "hello");
+    keep(daemon.scheduler());
     EXPECT_EQ(clients[1].askLine("framed"), "framed 1\n");
     clients[1].write("report\n");  // which nobody reads
     clients[2].write("report\n");
