@@ -11,6 +11,7 @@
 /// in a file of its own, and has a line in `main`'s list. What they do may throw `Failure`.
 namespace Tool {
 
+void addMetrics(CLI::App& app);
 void addReport(CLI::App& app);
 void addTimeline(CLI::App& app);
 void addTop(CLI::App& app);

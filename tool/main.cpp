@@ -16,6 +16,7 @@ namespace {
 using Tool::ExitCode;
 
 void addCommands(CLI::App& app) {
+  Tool::addMetrics(app);
   Tool::addReport(app);
   Tool::addTimeline(app);
   Tool::addTop(app);

@@ -38,6 +38,8 @@ struct NameFigures {
   Durations wait;
   double work = 0;
   double violations = 0;  ///< runs of two quanta or more
+
+  std::string content() const;  ///< the group whose parent task it is, or ""
 };
 
 struct LoopFigures {
@@ -75,9 +77,6 @@ struct Figures {
 
   double perSecond(double count) const { return seconds > 0 ? count / seconds : 0; }
 };
-
-/// The prefix of the names of groups' parent tasks.
-constexpr char groupPrefix[] = "TaskGroup;";
 
 /// Reads a document *monitor*; if it is none, a `Failure` without the socket's path. Members that
 /// it lacks, or that no daemon should send, count as 0.

@@ -80,6 +80,13 @@ LoopFigures parseLoop(Json const& json) {
 
 }  // namespace
 
+std::string NameFigures::content() const {
+  constexpr std::string_view prefix = "TaskGroup;";
+  if (!isGroup) return {};
+  bool const prefixed = name.compare(0, prefix.size(), prefix) == 0;
+  return prefixed ? name.substr(prefix.size()) : name;
+}
+
 Figures parseMonitor(std::string_view text) {
   Json const document = readDocument(text, "monitor");
   Json const& loop = memberOf(document, "loop");

@@ -28,14 +28,6 @@ bool contains(std::string const& text, std::string const& part) {
   return std::search(text.begin(), text.end(), part.begin(), part.end(), same) != text.end();
 }
 
-/// The group whose parent task this name is.
-std::string contentOf(NameFigures const& name) {
-  constexpr std::string_view prefix = groupPrefix;
-  if (!name.isGroup) return {};
-  bool prefixed = name.name.compare(0, prefix.size(), prefix) == 0;
-  return prefixed ? name.name.substr(prefix.size()) : name.name;
-}
-
 class TableMaker {
  public:
   TableMaker(Figures const& figures, TableOrder const& order) : figures_(figures), order_(order) {}
@@ -49,7 +41,7 @@ class TableMaker {
     }
     std::set<std::string> inner;
     for (auto const& name : figures_.names) {
-      if (name.isGroup) inner.insert(contentOf(name));
+      if (name.isGroup) inner.insert(name.content());
     }
     for (auto const& [group, names] : groups_) {
       if (inner.count(group) == 0) addRoot(group);
@@ -110,7 +102,7 @@ class TableMaker {
   }
 
   bool addName(NameFigures const& name, std::size_t depth) {
-    std::string content = contentOf(name);
+    std::string content = name.content();
     bool known = !content.empty() && groups_.count(content) > 0;
     Row row = makeRow(name, content.empty() ? name.name : content, depth);
     if (known && made_.count(content) == 0 && depth < deepest) {
