@@ -55,7 +55,8 @@ LoopFigures Monitor::loop() const {
   figures.length = nanoseconds(std::llround((Brelo::time() - figures.cleared) * 1e9));
   figures.waiting = loop.waiting;
   figures.polling = std::max(figures.length - figures.running - figures.waiting, nanoseconds(0));
-  figures.threadCpu = Impl::threadCpuTime() - accounts_->clearedCpu();
+  // A forked child's thread begins at zero.
+  figures.threadCpu = std::max(Impl::threadCpuTime() - accounts_->clearedCpu(), nanoseconds(0));
   figures.clearings = accounts_->clearings();
   figures.looks = loop.looks;
   figures.waits = loop.waits;

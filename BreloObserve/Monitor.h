@@ -79,7 +79,7 @@ struct LoopFigures {
 /// The figures are those of a window, which begins when the monitor is made or cleared, which it
 /// also is with the root's statistics. A run belongs to the window in which it ends; of its time
 /// only what lies in the window counts as used. Holds the root; belongs to its thread, and may come
-/// and go amid a run. Costs about 10 ns a run, and takes memory at the first run of a name and at
+/// and go amid a run. Costs about 20 ns a run, and takes memory at the first run of a name and at
 /// the first of a length; where that fails a run is counted under "(other)", or as lost.
 class BRELO_EXPORT Monitor {
  public:
