@@ -47,13 +47,21 @@ class BRELO_EXPORT RunObserver {
   virtual void statsCleared(TaskScheduler const& scheduler) noexcept;
 
  protected:
-  RunObserver() = default;
+  /// What an observer is told of. Looks and waits cost each pass of the loop: on libevent, which
+  /// does not say how long it waits, a tenth of a pass.
+  enum class Hears : std::uint8_t {
+    everything,
+    runs,  ///< starts and ends, and that figures have been zeroed
+  };
+
+  explicit RunObserver(Hears hears = Hears::everything) : hears_(hears) {}
   virtual ~RunObserver();
 
  private:
   friend class TaskScheduler;
   friend class TaskSchedulerRoot;
   RunObserver* next_ = nullptr;
+  Hears hears_;
 };
 
 }  // namespace Brelo

@@ -163,6 +163,7 @@ class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackH
   template <class Tell>
   void tellObservers(Tell tell) const;
   void firstRunObserverIs(RunObserver* observer);
+  bool waitsObserved() const;
   void followVirtualTime();
   void sanityCheckOtherThread(std::uint64_t thread, char const* function) const;
 
@@ -170,7 +171,7 @@ class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackH
   std::shared_ptr<Platform::CallbackControl> callbackControl_;
   std::shared_ptr<TimerWheel> timerWheel_;
   std::shared_ptr<std::function<bool(_TaskBase&)> const> taskExceptionHandler_;
-  std::unique_ptr<LoopWaits> loopWaits_;  // while there are observers
+  std::unique_ptr<LoopWaits> loopWaits_;  // while observers hear of them
   RunObserver::Run const* observedRun_ = nullptr;
   std::uint64_t threadId_;
   std::int32_t processId_;

@@ -121,7 +121,8 @@ class StallDetector::Core : public Brelo::RunObserver {
 
 StallDetector::Core::Core(std::shared_ptr<Brelo::TaskSchedulerRoot> root,
                           StallDetectorOptions const& options)
-    : root_(std::move(root)),
+    : RunObserver(Hears::runs),
+      root_(std::move(root)),
       limit_(checked(options).limit.count()),
       records_(options.stacksMax, options.reportsPerMinuteMax),
       teller_(root_, Brelo::TaskPriority::normal, "StallDetector", [this] { tell(); }),

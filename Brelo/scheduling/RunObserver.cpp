@@ -21,8 +21,18 @@ void TaskSchedulerRoot::tellObservers(Tell tell) const {
 }
 
 void TaskSchedulerRoot::LoopWaits::loopWaited(std::int64_t nanoseconds) noexcept {
-  root_.tellObservers(
-      [&](RunObserver& observer) { observer.loopWaited(TaskTimeDuration(nanoseconds)); });
+  root_.tellObservers([&](RunObserver& observer) {
+    if (observer.hears_ == RunObserver::Hears::everything)
+      observer.loopWaited(TaskTimeDuration(nanoseconds));
+  });
+}
+
+bool TaskSchedulerRoot::waitsObserved() const {
+  bool observed = false;
+  tellObservers([&](RunObserver const& observer) {
+    observed = observed || observer.hears_ == RunObserver::Hears::everything;
+  });
+  return observed;
 }
 
 void TaskSchedulerRoot::firstRunObserverIs(RunObserver* observer) {
@@ -32,7 +42,8 @@ void TaskSchedulerRoot::firstRunObserverIs(RunObserver* observer) {
 
 void TaskSchedulerRoot::runObserverAdd(RunObserver& observer) {
   sanityCheckCurrentRunningThread();
-  if (loopWaits_ == nullptr) loopWaits_ = std::make_unique<LoopWaits>(*this);
+  bool const waits = observer.hears_ == RunObserver::Hears::everything;
+  if (waits && loopWaits_ == nullptr) loopWaits_ = std::make_unique<LoopWaits>(*this);
   observer.next_ = runObserver_;
   firstRunObserverIs(&observer);
 }
@@ -49,7 +60,7 @@ void TaskSchedulerRoot::runObserverRemove(RunObserver& observer) {
     before->next_ = observer.next_;
   }
   observer.next_ = nullptr;
-  if (runObserver_ == nullptr) loopWaits_.reset();
+  if (!waitsObserved()) loopWaits_.reset();
 }
 
 void TaskSchedulerRoot::tellStatsCleared(TaskScheduler const& scheduler) const {
@@ -58,7 +69,9 @@ void TaskSchedulerRoot::tellStatsCleared(TaskScheduler const& scheduler) const {
 
 void TaskScheduler::observedLook() {
   TaskTimeDuration const slip = schedulerRunStartTime_ - schedulerRunRequestTime_;
-  root().tellObservers([&](RunObserver& observer) { observer.schedulerLooks(*this, slip); });
+  root().tellObservers([&](RunObserver& observer) {
+    if (observer.hears_ == RunObserver::Hears::everything) observer.schedulerLooks(*this, slip);
+  });
 }
 
 void TaskScheduler::runTask(TaskImpl& task, TaskTimePoint const& request,

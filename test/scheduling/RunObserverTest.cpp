@@ -31,6 +31,10 @@ INSTANTIATE_BOTH_BACKENDS(RunObserverSuite);
 
 class Notes : public RunObserver {
  public:
+  Notes() = default;
+  struct OfRuns {};
+  explicit Notes(OfRuns) : RunObserver(Hears::runs) {}
+
   void runStarts(Run const& run) noexcept override {
     said.push_back("start " + name(run));
     depth.push_back(&run);
@@ -227,6 +231,29 @@ TEST_P(RunObserverSuite, WaitsAreAsLongAsTheLoopSleeps) {
     doEventLoop();
     EXPECT_EQ(notes.waits.size(), 0U);
     root->runObserverRemove(notes);
+  });
+}
+
+TEST_P(RunObserverSuite, WhoHearsOfRunsAloneHearsOfNothingElse) {
+  run([] {
+    auto const root = Brelo::TaskSchedulerRoot::TaskSchedulerRootIs("root");
+    Notes runs{Notes::OfRuns()};
+    Notes all;
+    root->runObserverAdd(all);
+    root->runObserverAdd(runs);
+    auto const task =
+        std::make_shared<WorkTimer>(root, TaskPriority::normal, "t", [](WorkTimer&) {});
+    auto const waitsAndRuns = [&] {
+      task->scheduleTaskDelay(0.005);
+      doEventLoop();
+    };
+    waitsAndRuns();
+    EXPECT_FALSE(all.waits.empty());
+    root->runObserverRemove(all);
+    waitsAndRuns();
+    EXPECT_EQ(runs.said, (Said{"start t", "end t", "start t", "end t"}));
+    EXPECT_TRUE(runs.waits.empty());
+    root->runObserverRemove(runs);
   });
 }
 
