@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -53,6 +54,17 @@ StallDetectorOptions options() {
 
 void holdLoop(std::chrono::nanoseconds length = stallLength) {
   std::this_thread::sleep_for(length);
+}
+
+/// Uses so much of the thread's CPU time.
+void useProcessor(std::chrono::nanoseconds length) {
+  auto const used = [] {
+    timespec time;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+  };
+  for (auto const end = used() + length; used() < end;) {
+  }
 }
 
 auto newRoot() {
@@ -121,6 +133,25 @@ TEST_P(StallDetectorSuite, TellsOfEachStackOnceAndCountsTheOthers) {
     EXPECT_GE(stalls[1]["longest_s"], stalls[1]["last_s"]);
     EXPECT_GT(stalls[1]["last_unix_s"], stalls[1]["first_unix_s"]);
     EXPECT_THAT(std::string(stalls[1]["frames"][0]["offset"]), testing::StartsWith("0x"));
+  });
+}
+
+TEST_P(StallDetectorSuite, BusyRunIsToldFromABlockedOne) {
+  run([] {
+    auto const root = newRoot();
+    StallDetector detector(root, options());
+    std::chrono::nanoseconds cpu{};
+    detector.onStall([&](Stall const& stall) { cpu = stall.cpu; });
+    runTask(root, "busy", [](WorkTask&) { useProcessor(stallLength); });
+    EXPECT_GE(cpu, stallLength);
+    EXPECT_LE(cpu, stallLength + limit);
+    runTask(root, "busy and blocked", [](WorkTask&) {
+      useProcessor(limit / 2);
+      holdLoop();
+      useProcessor(limit / 2);
+    });
+    EXPECT_GE(cpu, limit);
+    EXPECT_LE(cpu, 2 * limit);
   });
 }
 
