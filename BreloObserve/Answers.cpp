@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/circular_buffer.hpp>
+#include <chrono>
 #include <sstream>
 #include <utility>
 
@@ -14,6 +15,9 @@
 #include "BreloObserve/internal/Document.h"
 
 namespace BreloObserve::Impl {
+
+using std::chrono::nanoseconds;
+using std::chrono::steady_clock;
 
 namespace {
 
@@ -146,13 +150,18 @@ std::string Answers::exceptions(Request const& request) const {
   document.member("capacity", std::uint64_t{BacktraceTracker::capacity()});
   document.key("exceptions");
   document.writer().StartArray();
-  for (Brelo::TrackedBacktrace const& each : BacktraceTracker::tracked()) {
+  // The newest first, while there is time: their symbols are looked up one by one.
+  auto const end = steady_clock::now() + nanoseconds(root_->defaultTaskQuantum().count()) / 2;
+  auto const tracked = BacktraceTracker::tracked();
+  auto each = tracked.rbegin();
+  for (; each != tracked.rend() && steady_clock::now() < end; ++each) {
     document.writer().StartObject();
-    document.member("message", each.message());
-    writeLines(document, "backtrace", each.backtrace().pretty());
+    document.member("message", each->message());
+    writeLines(document, "backtrace", each->backtrace().pretty());
     document.writer().EndObject();
   }
   document.writer().EndArray();
+  document.member("left_out", static_cast<std::uint64_t>(tracked.rend() - each));
   return document.finish();
 }
 

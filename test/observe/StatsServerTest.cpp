@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -79,9 +80,12 @@ TEST_P(StatsServerTest, AnswersEveryRequestInOrder) {
     served.tasks[1].schedule();
     loopABit();
     EXPECT_EQ(client.ask("monitor group=served top=1 sort=runs")["names"].size(), 1);
-    auto const byName = client.ask("monitor group=\"served\" sort=name histograms")["names"];
-    EXPECT_EQ(byName.back()["name"], "task2");
-    EXPECT_EQ(byName[byName.size() - 2]["run_histogram_ns"].size(), 1);
+    EXPECT_TRUE(loopUntil([&] {  // which may have to leave out some for want of time
+      auto const names = client.ask("monitor group=\"served\" sort=name histograms")["names"];
+      return std::any_of(names.begin(), names.end(), [](auto const& each) {
+        return each["name"] == "task1" && each["run_histogram_ns"].size() == 1;
+      });
+    }));
     EXPECT_EQ(client.ask("monitor group=\"no such\"")["names"].size(), 0);
     EXPECT_EQ(client.ask("clear")["document"], "hello");
     keep(served.root);
@@ -194,10 +198,12 @@ TEST_P(StatsServerTest, ShowsExceptionsAndTraces) {
     StatsClient client(served.folder.path);
     EXPECT_EQ(client.ask("exceptions on")["enabled"], true);
     Brelo::BacktraceTracker::backtraceIs("went\nwrong \xff");
+    Brelo::BacktraceTracker::backtraceIs("then again");
     auto const exceptions = client.ask("exceptions off");
     EXPECT_EQ(exceptions["enabled"], false);
-    ASSERT_EQ(exceptions["exceptions"].size(), 1);
-    EXPECT_EQ(exceptions["exceptions"][0]["message"], "went\nwrong \xEF\xBF\xBD");
+    ASSERT_EQ(exceptions["exceptions"].size(), 2);
+    EXPECT_EQ(exceptions["exceptions"][0]["message"], "then again");
+    EXPECT_EQ(exceptions["exceptions"][1]["message"], "went\nwrong \xEF\xBF\xBD");
     EXPECT_GT(exceptions["exceptions"][0]["backtrace"].size(), 3);
     Brelo::BacktraceTracker::clear();
 
@@ -232,7 +238,7 @@ TEST_P(StatsServerTest, HoldsLittleForClientsThatDoNotReadAndDropsThem) {
     StatsServerOptions options;
     options.sendLimit = 200ms;
     Served served(options);
-    served.addTasks(2000);
+    served.addTasks(500);
     loopABit();
     std::size_t const before = liveBytes();
     std::vector<StatsClient> flooding;
@@ -243,20 +249,23 @@ TEST_P(StatsServerTest, HoldsLittleForClientsThatDoNotReadAndDropsThem) {
     StatsClient busy(served.folder.path);
     std::string const requests = "history\nreport text\nreport\nhello\n";
     std::size_t mostHeld = 0;
-    std::size_t trickled = 0;
+    std::string trickled;
     double const start = Brelo::time();
     EXPECT_TRUE(loopUntil([&] {
       for (StatsClient& client : flooding)
         client.write(requests);
       mostHeld = std::max(mostHeld, liveBytes() - before);
-      trickled += trickling.read(5000).size();
+      trickled += trickling.read(20'000);
       busy.ask("hello");
       return served.server.clients() == 2;
     }));
     EXPECT_GE(Brelo::time() - start, 0.2);
-    EXPECT_LT(mostHeld, 16u << 20);
-    std::string rest = trickling.readUntil("\"document\":\"hello\"");  // slow is not dead
-    EXPECT_GT(trickled + rest.size(), 1u << 20);
+    EXPECT_LT(mostHeld, 8u << 20);
+    EXPECT_TRUE(loopUntil([&] {  // slow is not dead
+      trickled += trickling.read();
+      return trickled.find("\"document\":\"hello\"") != trickled.npos || trickling.ended();
+    }));
+    EXPECT_GT(trickled.size(), 300'000);
     EXPECT_FALSE(trickling.ended());
   });
 }
