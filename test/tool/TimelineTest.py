@@ -4,6 +4,8 @@
 import json
 import os
 import random
+import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -292,6 +294,29 @@ class Followed(TimelineTest):
         self.assertFalse(os.path.exists(self.file))
         for words in [self.path()], ['-o', self.file], [self.path(), '--from', 'x', '-o', self.file]:
             self.assertIn('brelo', self.brelo(*words, code=2))
+
+
+CHROMIUM = shutil.which('chromium') or shutil.which('chromium-browser')
+
+
+@unittest.skipUnless(CHROMIUM, 'there is no chromium')
+class Browser(TimelineTest):
+    def testABrowserFindsWhatTheCheckerFinds(self):
+        model = Scheduler(5).steps(3000)
+        found, _ = self.convert(history(model.events[:9000], 1), history(model.events[9100:], 9101))
+        self.assertEqual(self.seen(), found)
+
+    def seen(self):
+        """What the page finds in the file."""
+        shutil.copy(os.path.join(os.path.dirname(os.path.abspath(__file__)), 'timeline.html'), self.folder)
+        with open(self.file, encoding='utf-8') as file, open(self.path('trace.js'), 'w', encoding='ascii') as script:
+            script.write('text = ' + json.dumps(file.read()))
+        page = subprocess.run([CHROMIUM, '--headless', '--no-sandbox', '--disable-gpu', '--user-data-dir=' + self.path('user'),
+                               '--virtual-time-budget=60000', '--dump-dom', 'file://' + self.path('timeline.html')],
+                              capture_output=True, text=True, timeout=120, env={**os.environ, 'HOME': self.folder})
+        found = re.search('<body>found ({.*})', page.stdout)
+        self.assertIsNotNone(found, (page.stdout[-1000:], page.stderr[-1000:]))
+        return json.loads(found[1])
 
 
 if __name__ == '__main__':

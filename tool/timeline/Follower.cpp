@@ -10,6 +10,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
+constexpr std::uint64_t capacityMax = 1'000'000;  // that a ring grows to by itself
 constexpr milliseconds historyPause{200};
 constexpr milliseconds stallsPause{500};
 constexpr milliseconds reconnectPause{500};
@@ -23,6 +24,7 @@ Follower::Follower(Target const& target, std::uint64_t capacity, TraceWriter& wr
       capacity_(capacity),
       writer_(writer),
       processes_(processes),
+      process_(++processes),
       connection_(target.connect()) {}
 
 Follower::Clock::time_point Follower::wakeAt() const {
@@ -95,12 +97,14 @@ void Follower::handleHistory(HistoryDocument const& history) {
   historyAt_ = Clock::now();
   if (timeline_ && !timeline_->head().sameProcess(history.head)) {
     endProcess();
+    process_ = ++processes_;
     return;  // what was asked for was on from an event of the process before
   }
   if (!timeline_) {
-    timeline_ = std::make_unique<ProcessTimeline>(writer_, ++processes_, history.head);
+    timeline_ = std::make_unique<ProcessTimeline>(writer_, process_, history.head);
   }
-  timeline_->add(history);
+  bool const lost = timeline_->add(history) > 0;
+  if (lost && capacity_ < capacityMax) capacity_ = std::min(2 * capacity_, capacityMax);
   caughtUp_ = history.events.empty() || history.next() > history.recorded;
   // A quarter of the ring is what may come until the next time.
   std::uint64_t const share = history.events.size() * 4 / std::max<std::uint64_t>(capacity_, 1);

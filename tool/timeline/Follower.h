@@ -49,6 +49,7 @@ class Follower {
   std::uint64_t capacity_;
   TraceWriter& writer_;
   int& processes_;
+  int process_;  // of the file; a daemon that is restarted gets the next one
   std::optional<Connection> connection_;
   std::optional<std::string> trouble_;
   std::unique_ptr<ProcessTimeline> timeline_;

@@ -85,15 +85,17 @@ ProcessTimeline::ProcessTimeline(TraceWriter& writer, int process, DocumentHead 
   writer_.nameTrack(loop(), "loop", 1);
 }
 
-void ProcessTimeline::add(HistoryDocument const& history) {
-  if (history.events.empty()) return;
+std::uint64_t ProcessTimeline::add(HistoryDocument const& history) {
+  if (history.events.empty()) return 0;
   std::uint64_t number = history.first;
-  if (next_ && number > *next_) gap("lost " + std::to_string(number - *next_) + " events");
+  std::uint64_t const lost = next_ && number > *next_ ? number - *next_ : 0;
+  if (lost > 0) gap("lost " + std::to_string(lost) + " events");
   for (HistoryEvent const& event : history.events) {
     if (!next_ || number >= *next_) add(event);
     ++number;
   }
   next_ = std::max(next_.value_or(0), number);
+  return lost;
 }
 
 void ProcessTimeline::add(HistoryEvent const& event) {

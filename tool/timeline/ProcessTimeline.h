@@ -31,8 +31,9 @@ class ProcessTimeline {
   ProcessTimeline(TraceWriter& writer, int process, DocumentHead const& head);
 
   /// The events of a document, but for those that have been there before; those that are missing
-  /// between are a gap. A time before that of the event in front of it is taken to be that.
-  void add(HistoryDocument const& history);
+  /// between are a gap, and how many they are is returned. A time before that of the event in front
+  /// of it is taken to be that.
+  std::uint64_t add(HistoryDocument const& history);
   /// The number of the next event; null for the ring's oldest.
   std::optional<std::uint64_t> next() const { return next_; }
   /// Something is missing before the next event: open slices end here.

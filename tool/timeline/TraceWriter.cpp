@@ -17,6 +17,11 @@ void appendQuoted(std::string& to, std::string_view text) {
   to += Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
+/// Viewers leave out what has no name.
+std::string_view named(std::string_view name) {
+  return name.empty() ? "(no name)" : name;
+}
+
 /// The file counts in microseconds; to the nanosecond, and without a detour over floating point.
 void appendTime(std::string& to, std::int64_t ns) {
   char text[32];
@@ -105,7 +110,7 @@ void TraceWriter::counter(int process, std::int64_t timeNs, std::string_view nam
 void TraceWriter::nameProcess(int process, std::string_view name) {
   open("M", {process, 0}, 0);
   nameAndCategory("process_name", "__metadata");
-  close(Arguments().text("name", name));
+  close(Arguments().text("name", named(name)));
   open("M", {process, 0}, 0);
   nameAndCategory("process_sort_index", "__metadata");
   close(Arguments().count("sort_index", static_cast<std::uint64_t>(process)));
@@ -114,7 +119,7 @@ void TraceWriter::nameProcess(int process, std::string_view name) {
 void TraceWriter::nameTrack(Track track, std::string_view name, int position) {
   open("M", track, 0);
   nameAndCategory("thread_name", "__metadata");
-  close(Arguments().text("name", name));
+  close(Arguments().text("name", named(name)));
   open("M", track, 0);
   nameAndCategory("thread_sort_index", "__metadata");
   close(Arguments().count("sort_index", static_cast<std::uint64_t>(position)));
@@ -143,7 +148,7 @@ void TraceWriter::open(char const* phase, Track track, std::int64_t timeNs) {
 
 void TraceWriter::nameAndCategory(std::string_view name, char const* category) {
   buffer_ += R"(,"name":)";
-  appendQuoted(buffer_, name);
+  appendQuoted(buffer_, named(name));
   buffer_ += R"(,"cat":")";
   buffer_ += category;
   buffer_ += '"';
