@@ -2,6 +2,9 @@
 
 #include <algorithm>
 
+#include "Failure.h"
+#include "Text.h"
+
 namespace Tool {
 
 Connection Target::connect() const {
@@ -27,6 +30,15 @@ void addTimeout(CLI::App& command, double& seconds) {
   command.add_option("--timeout", seconds, "seconds that the daemon may take for an answer")
       ->check(CLI::Range(0.001, 1e6))
       ->capture_default_str();
+}
+
+std::string requestValue(std::string const& word) {
+  if (word != printable(word) || word.find('"') != std::string::npos || word.size() > 500) {
+    throw Failure("the daemon does not take \"" + word.substr(0, 80) +
+                      "\": strange characters, or more than 500",
+                  ExitCode::usage);
+  }
+  return word.find(' ') == std::string::npos ? word : '"' + word + '"';
 }
 
 }  // namespace Tool

@@ -31,7 +31,7 @@ DocumentHead headOf(Json const& document);
 
 /// Members of an object. What is missing, of another type or out of range is what `otherwise` says,
 /// and so are all members of what is no object: a daemon of another version, or one that lies, is
-/// no reason to fail.
+/// no reason to fail. References live as long as the object.
 /// @{
 double numberOf(Json const& object, std::string_view name, double otherwise = 0);
 std::int64_t integerOf(Json const& object, std::string_view name, std::int64_t otherwise = 0);
@@ -39,8 +39,10 @@ bool flagOf(Json const& object, std::string_view name, bool otherwise = false);
 std::string textOf(Json const& object, std::string_view name, std::string_view otherwise = "");
 /// The member, or null.
 Json const& memberOf(Json const& object, std::string_view name);
+Json const& memberOf(Json&& object, std::string_view name) = delete;
 /// The member if it is an array, or else an empty one.
 Json const& arrayOf(Json const& object, std::string_view name);
+Json const& arrayOf(Json&& object, std::string_view name) = delete;
 /// @}
 
 /// A number of at most 2^53, or `otherwise`.

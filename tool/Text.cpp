@@ -61,12 +61,6 @@ std::string withUnit(double value, char const* unit) {
   return fixed(value, value < 9.995 ? 2 : value < 99.95 ? 1 : 0, unit);
 }
 
-std::string large(double value, char const* unit = "") {
-  char text[64];
-  std::snprintf(text, sizeof text, "%.3g%s", value, unit);
-  return text;
-}
-
 }  // namespace
 
 std::string printable(std::string_view text) {
@@ -119,7 +113,9 @@ std::string lengthText(double seconds) {
   if (seconds < 999.5e-6) return withUnit(seconds * 1e6, " us");
   if (seconds < 999.5e-3) return withUnit(seconds * 1e3, " ms");
   if (seconds < 999.5) return withUnit(seconds, " s");
-  return large(seconds, " s");
+  if (seconds < 3600) return withUnit(seconds / 60, " min");
+  if (seconds < 86'400) return withUnit(seconds / 3600, " h");
+  return withUnit(seconds / 86'400, " d");
 }
 
 std::string countText(double count) {
@@ -130,7 +126,11 @@ std::string countText(double count) {
   if (count < 999.5e3) return withUnit(count / 1e3, "k");
   if (count < 999.5e6) return withUnit(count / 1e6, "M");
   if (count < 999.5e9) return withUnit(count / 1e9, "G");
-  return large(count);
+  return withUnit(count / 1e12, "T");
+}
+
+std::string percentText(double ratio) {
+  return std::isfinite(ratio) ? fixed(ratio * 100, 1, " %") : "-";
 }
 
 void Table::line(std::vector<std::string> cells) {
@@ -160,10 +160,12 @@ std::string Table::text() const {
     text.erase(text.find_last_not_of(' ') + 1);
     text += '\n';
   };
-  for (std::size_t i = 0; i < columns_.size(); ++i) {
+  bool const titled = std::any_of(columns_.begin(), columns_.end(),
+                                  [](Column const& column) { return !column.title.empty(); });
+  for (std::size_t i = 0; titled && i < columns_.size(); ++i) {
     append(i, columns_[i].title);
   }
-  endLine();
+  if (titled) endLine();
   for (auto const& cells : lines_) {
     for (std::size_t i = 0; i < columns_.size(); ++i) {
       append(i, cells[i]);

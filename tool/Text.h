@@ -19,6 +19,8 @@ std::string cutTo(std::string_view text, std::size_t columns);
 std::string lengthText(double seconds);
 /// "950", "12.3k", "4.56M": a count or a rate for people.
 std::string countText(double count);
+/// "12.3 %" of a ratio.
+std::string percentText(double ratio);
 
 /// Lines of cells, printed so that the columns align: texts at the left, figures at the right.
 class Table {
@@ -32,7 +34,7 @@ class Table {
 
   /// A cell for each column; they are made printable.
   void line(std::vector<std::string> cells);
-  /// The titles and the lines; no blanks at their ends.
+  /// The titles, if any column has one, and the lines; no blanks at their ends.
   std::string text() const;
 
  private:

@@ -16,10 +16,16 @@ namespace {
 using Tool::ExitCode;
 
 void addCommands(CLI::App& app) {
+  Tool::addTop(app);
+  Tool::addMonitor(app);
+  Tool::addStalls(app);
+  Tool::addHistory(app);
+  Tool::addTimeline(app);
   Tool::addMetrics(app);
   Tool::addReport(app);
-  Tool::addTimeline(app);
-  Tool::addTop(app);
+  Tool::addPending(app);
+  Tool::addExceptions(app);
+  Tool::addTrace(app);
 }
 
 int failed(ExitCode code, std::string const& text) {

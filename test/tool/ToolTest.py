@@ -3,6 +3,8 @@
 
 import contextlib
 import os
+import re
+import shutil
 import socket
 import subprocess
 import sys
@@ -115,6 +117,139 @@ class Connections(ToolTest):
         with subprocess.Popen([BRELO, 'report', self.path], stdout=subprocess.PIPE, stderr=subprocess.PIPE) as tool:
             tool.stdout.close()
             self.assertEqual((tool.wait(20), tool.stderr.read()), (0, b''))
+
+
+class Commands(ToolTest):
+    def testJsonIsTheDaemonsDocument(self):
+        for command in 'exceptions', 'history', 'monitor', 'pending', 'stalls':
+            with FakeDaemon(self.path, {command: document(command, {'events': []})}) as daemon:
+                printed = self.brelo(command, '--json', self.path)
+                self.assertEqual(printed, daemon.answers[command])
+
+    def testWhatIsAskedFor(self):
+        answers = {kind: document(kind) for kind in ('monitor', 'exceptions', 'trace')}
+        daemon = self.serve(answers)
+        for words, request in ((('monitor', '--top', '3', '--sort', 'run_max_ns', '--group', 'a b', '--json', '--histograms'),
+                                'monitor top=3 sort=run_max_ns group="a b" histograms'),
+                               (('exceptions', '--on'), 'exceptions on'), (('exceptions', '--off'), 'exceptions off'),
+                               (('trace', '--', self.path, '-TaskScheduler/4, Task/8'), 'trace -TaskScheduler/4, Task/8'),
+                               (('trace',), 'trace')):
+            self.brelo(*words, *[] if '--' in words else [self.path])
+            self.assertEqual(daemon.requests[-1], request)
+        asked = len(daemon.requests)
+        for words in (['monitor', '--group', 'a\nclear'], ['monitor', '--group', '"'], ['trace', '--timeout', '1', '\n'],
+                      ['monitor', '--histograms'], ['exceptions', '--on', '--off'], ['monitor', '--top', '-1'],
+                      ['history', '--since', '-1']):
+            self.brelo(words[0], self.path, *words[1:], code=2)
+        self.assertEqual([request for request in daemon.requests[asked:] if request != 'framed'], [])
+
+    def testTheTableOfTheMonitor(self):
+        name = {'group': 'main', 'name': 'cliënt\033[2J', 'priority': 'normal', 'tasks': 10, 'runs': 5000, 'run_ratio': 0.0123,
+                'run_mean_ns': 200000.0, 'run_p99_ns': 1500000, 'run_max_ns': 2.5e9, 'violations_200': 1, 'violations_500': 2}
+        self.serve({'monitor': document('monitor', {
+            'loop': {'running_ratio': 0.25, 'slip_ns': {'p50': 900}, 'longest_queued': {'name': 'x', 'queued_s': 0.003}},
+            'names': [name, {**name, 'name': 'b'}, 7], 'rest': {**name, 'name': '(rest)'}})})
+        lines = self.brelo('monitor', self.path).decode().splitlines()
+        self.assertIn('loop: 25.0 % running, - polling', lines[1])
+        self.assertRegex(lines[2], 'median 900 ns')
+        self.assertIn('x in ? for 3.00 ms', lines[3])
+        self.assertRegex(lines[6], r'main +cliënt\?\[2J +normal +10 .* 5.00k .* 1.2 % .* 200 us +1.50 ms +2.50 s .* 3$')
+        self.assertEqual(lines[6].index('normal'), lines[9].index('normal'))
+
+    def testAStallHasItsStackAndCommandsThatAShellTakes(self):
+        module = self.path + " it's $(touch x)"
+        frames = [{'module': module, 'offset': '0x12', 'function': 'Cache::sweep()'},
+                  {'module': '/lib/c.so', 'offset': '0x1'}, {'module': module, 'offset': '0x34', 'function': 'main'},
+                  {'module': 'x', 'offset': '1; touch y'}, None]
+        self.serve({'stalls': document('stalls', {'limit_s': 0.1, 'caught': 5, 'stalls': [
+            {'group': 'main', 'name': 'client', 'count': 2, 'longest_s': 0.35, 'last_s': 0.12, 'last_cpu_s': 0.01,
+             'last_unix_s': time.time() - 10, 'frames': frames, 'lasting': True}]})})
+        printed = self.brelo('stalls', self.path).decode()
+        self.assertIn('client in main: 2 stalls, the longest 350 ms, the latest 120 ms (10.0 ms of CPU time: blocked), 10.', printed)
+        self.assertIn('#0  Cache::sweep()', printed)
+        commands = [line.strip() for line in printed.splitlines() if 'addr2line' in line]
+        words = [subprocess.run(['sh', '-c', f'printf "%s\n" {line}'], capture_output=True, text=True).stdout.splitlines()
+                 for line in commands]
+        self.assertEqual([each[2:] for each in words], [[module, '0x12', '0x34'], ['/lib/c.so', '0x1']])
+
+    def testHistoryFollowsWithoutGaps(self):
+        now = time.monotonic_ns()
+        events = [[now + i * 1500, 'run start', 'n client\t'] for i in range(30)]
+        recorded = [10]
+
+        def answer(_, words):
+            since = int(dict(word.split('=') for word in words[1:]).get('since', 1))
+            recorded[0] = min(recorded[0] + 3, 30)
+            first = max(since, recorded[0] - 8)
+            return document('history', {'recorded': recorded[0], 'first': first, 'events': events[first - 1:recorded[0]][:5]})
+        self.serve({'history': answer})
+        printed = self.brelo('history', self.path).decode().splitlines()
+        self.assertEqual([int(line.split()[0]) for line in printed], list(range(5, 15)))
+        self.assertRegex(printed[1], r'^ +6  \d\d:\d\d:\d\d\.\d{6}   \+1.50 us  run start +n client\?$')
+        with subprocess.Popen([BRELO, 'history', self.path, '--follow', '--since', '3'], stdout=subprocess.PIPE) as tool:
+            lines = []
+            while not lines or not lines[-1].startswith(b'        30'):
+                lines.append(tool.stdout.readline())
+            tool.kill()
+        self.assertRegex(b''.join(lines), rb'\A +\d+ ')
+        numbers = [int(line.split()[0]) for line in lines if not line.startswith(b'(lost')]
+        self.assertEqual(numbers, list(range(numbers[0], 31)))
+
+    def testLinesForPeople(self):
+        self.serve({'pending': document('pending', {'pending': ['callback "main" due', 1, 'a\nb']}),
+                    'trace': document('trace', {'trace': 'A/1,B'}),
+                    'exceptions': document('exceptions', {'enabled': False, 'exceptions': [
+                        {'message': 'no\033 way', 'backtrace': ['headline', 'frame', None]}, 'x']})})
+        self.assertEqual(self.brelo('pending', self.path), b'callback "main" due\n?\na?b\n')
+        self.assertEqual(self.brelo('trace', self.path), b'A/1,B\n')
+        self.assertEqual(self.brelo('exceptions', self.path).decode().splitlines()[1:],
+                         ['', 'no? way', '  headline', '  frame', '  ?', '', '?'])
+
+    def testADocumentOfAnotherKindOrVersionIsRefused(self):
+        for kind in 'exceptions', 'history', 'monitor', 'pending', 'stalls', 'trace':
+            for answer, text in ((document('hello'), 'is no document'), (b'', 'is no document'), (b'[' * 100000, 'no document'),
+                                 (document(kind)[:-3], 'is no document'), (document(kind, version=2), 'version 2; take')):
+                with FakeDaemon(self.path, {kind: answer}):
+                    self.assertIn(text, self.brelo(kind, self.path, code=1))
+
+
+class Companions(ToolTest):
+    """The man page and the completion know what the program knows."""
+    SOURCE = os.path.join(os.path.dirname(os.path.abspath(__file__)), '../../tool')
+
+    def testEveryCommandAndOptionIsInBoth(self):
+        with open(os.path.join(self.SOURCE, 'brelo.1'), encoding='utf-8') as file:
+            manual = file.read().replace('\\-', '-')
+        commands = re.findall(r'^  ([a-z]+) ', self.brelo('--help').decode().split('Subcommands:')[1], re.M)
+        self.assertGreaterEqual(len(commands), 8)
+        self.assertLessEqual({*commands, '--help', '--version'}, set(self.completed('')))
+        for command in commands:
+            self.assertIn(f'brelo {command} ', manual)
+            options = set(re.findall(r'^  (?:-.,)?(--[a-z-]+)', self.brelo(command, '--help').decode(), re.M))
+            self.assertLessEqual(options, set(self.completed(command, '--')), command)
+            for option in options:
+                self.assertIn(option, manual)
+
+    def testSocketsAreCompleted(self):
+        self.serve({})
+        os.mkdir(os.path.join(self.folder, 'folder'))
+        with open(os.path.join(self.folder, 'file'), 'w', encoding='ascii'):
+            pass
+        self.assertEqual(self.completed('stalls', self.folder + '/'), [self.path, os.path.join(self.folder, 'folder')])
+        self.assertIn(os.path.join(self.folder, 'file'), self.completed('timeline', '--from', self.folder + '/'))
+        self.assertIn('run_p99_ns', self.completed('monitor', '--sort', 'run_p'))
+
+    def completed(self, *words):
+        script = ('source "$1"; shift; COMP_WORDS=(brelo "$@"); COMP_CWORD=$#; _brelo 2>/dev/null; '
+                  'printf "%s\n" "${COMPREPLY[@]}"')
+        completed = subprocess.run(['bash', '-c', script, '-', os.path.join(self.SOURCE, 'brelo.bash'), *words],
+                                   capture_output=True, text=True, check=True)
+        return sorted(completed.stdout.split())
+
+    @unittest.skipUnless(shutil.which('groff'), 'there is no groff')
+    def testTheManPageHasNoWarnings(self):
+        formatted = subprocess.run(['groff', '-ww', '-man', '-Tutf8', os.path.join(self.SOURCE, 'brelo.1')], capture_output=True)
+        self.assertEqual((formatted.returncode, formatted.stderr), (0, b''))
 
 
 if __name__ == '__main__':
