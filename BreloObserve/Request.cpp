@@ -42,8 +42,10 @@ std::string quoted(std::string_view text) {
 std::string_view takeWord(std::string_view& line) {
   line.remove_prefix(std::min(line.find_first_not_of(blanks), line.size()));
   std::size_t end = std::min(line.find_first_of(blanks), line.size());
-  std::size_t const quote = line.substr(0, end).find("=\"");
-  if (quote != line.npos) end = std::min(line.find('"', quote + 2), line.size() - 1) + 1;
+  std::size_t const value = line.substr(0, end).find('=') + 1;  // 0 without one
+  if (value > 0 && value < end && line[value] == '"') {
+    end = std::min(line.find('"', value + 1), line.size() - 1) + 1;
+  }
   std::string_view const word = line.substr(0, end);
   line.remove_prefix(end);
   return word;
