@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""TopTest.py PATH_OF_BRELO: `brelo top` in a real terminal, and as text for scripts."""
+"""TopTest.py PATH_OF_BRELO [PATH_OF_LATE]: `brelo top` in a real terminal, and as text for scripts."""
 
 import contextlib
 import os
@@ -16,6 +16,7 @@ from fake_daemon import FakeDaemon, document
 from fake_monitor import Monitor
 
 BRELO = sys.argv.pop(1)
+LATE = sys.argv.pop(1) if len(sys.argv) > 1 and os.path.exists(sys.argv[1]) else None
 CLIENT, JOBS, JOB = ('main', 'client', 'normal'), ('main', 'TaskGroup;jobs', 'normal'), ('jobs', 'job', 'low')
 
 
@@ -33,8 +34,8 @@ class TopTest(unittest.TestCase):
 
 
 class Batch(TopTest):
-    def batch(self, *words, code=0, locale='C.UTF-8'):
-        ended = subprocess.run([BRELO, 'top', '--interval', '0.1', *words], capture_output=True, timeout=60,
+    def batch(self, *words, code=0, locale='C.UTF-8', interval=0.1):
+        ended = subprocess.run([BRELO, 'top', '--interval', str(interval), *words], capture_output=True, timeout=60,
                                env={**os.environ, 'LC_ALL': locale, 'TZ': 'UTC'})
         self.assertEqual(ended.returncode, code, ended)
         return ended.stdout.decode() if code == 0 else ended.stderr.decode()
@@ -106,6 +107,22 @@ class Batch(TopTest):
             with FakeDaemon(self.path, {'monitor': document_}):
                 self.assertRegex(self.batch('--batch', '1', self.path, code=1), r'\Abrelo: [^\n]+\n\Z')
 
+    @unittest.skipUnless(LATE, 'the example late is not built')
+    def testARealDaemonShowsItsFaults(self):
+        daemon = subprocess.Popen([LATE, '--stats', self.path, '--stall', '--hog'], stdout=subprocess.DEVNULL)
+        self.addCleanup(daemon.wait)
+        self.addCleanup(daemon.terminate)
+        while not os.path.exists(self.path):
+            time.sleep(0.01)
+        text = self.batch('--batch', '2', self.path, interval=1.5)
+        self.assertIn('late  pid %d ' % daemon.pid, text)
+        index, reload = self.cells(text, 'index (low)'), self.cells(text, 'reload')
+        self.assertGreater(float(index['%LOOP']), 2)  # 60 ms twice a second
+        self.assertGreater(int(index['VIOL']), 0)
+        self.assertGreater(float(reload['%LOOP']), 10)  # 300 ms a second
+        self.assertRegex(reload['RUN99'], r'^[23]\d\dms$')
+        self.assertRegex(self.cells(text, 'tick (high)')['RUNS/S'], r'^[2345]\d')
+
     def testOneOfSeveralDaemonsIsEnough(self):
         self.serve(monitor().answers(1.0))
         text = self.batch('--batch', '1', self.path + 'x', self.path)
@@ -129,7 +146,7 @@ class Terminal(TopTest):
         """A shell runs the tool and tells afterwards how the terminal is."""
         command = (f'stty -g > {self.folder}/before; LC_ALL={locale} TZ=UTC sh -c "echo \\$\\$ > {self.folder}/pid; '
                    f'exec {BRELO} top --interval 0.1 {options} {" ".join(sockets or [self.path])}"; '
-                   f'echo "ended with $?"; stty -g > {self.folder}/after; sleep 60')
+                   f'code=$?; stty -g > {self.folder}/after; echo "ended with $code"; sleep 60')
         self.server = os.path.basename(self.folder) + str(time.monotonic_ns())  # a dying one is not met
         self.addCleanup(subprocess.run, ['tmux', '-L', self.server, 'kill-server'], stderr=subprocess.DEVNULL)
         self.tmux('-u', 'new-session', '-d', '-x', str(size[0]), '-y', str(size[1]), 'sh', '-c', command)
@@ -192,6 +209,9 @@ class Terminal(TopTest):
         self.await_(r'latest events\n(.*run start +n event\d+\n){8}')
         self.keys('l')
         self.await_(r'stalls\n.*main/sweeper 120ms blocked, 2 times, longest 350ms LASTING in')
+        self.tmux('resize-window', '-x', '120', '-y', '24')
+        self.await_(r'LASTING in Cache::sweep\(\), at read')
+        self.tmux('resize-window', '-x', '80', '-y', '24')
         self.keys('l', 'h')
         self.await_('99 of 100 runs were no longer')
         self.keys('h', 'p')

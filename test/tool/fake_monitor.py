@@ -87,8 +87,8 @@ class Monitor:
                                        'events': events})
 
     def stalls(self):
-        frames = [{'module': '/bin/cached', 'offset': '0x1', 'function': '', 'address': '0x1'},
-                  {'module': '/bin/cached', 'offset': '0x2', 'function': 'Cache::sweep()', 'address': '0x2'}]
+        frames = [{'module': f'/bin/{module}', 'offset': '0x1', 'function': function, 'address': '0x1'}
+                  for module, function in (('libc', ''), ('libc', 'read'), ('cached', 'Cache::sweep()'), ('cached', 'main'))]
         stall = {'group': 'main', 'name': 'sweeper', 'count': 2, 'lasting': True, 'first_unix_s': self.now,
                  'last_unix_s': self.now, 'last_started_monotonic_ns': 1, 'longest_s': 0.35, 'last_s': 0.12,
                  'last_cpu_s': 0.001, 'frames': frames}

@@ -54,7 +54,7 @@ Line stallLine(Stall const& stall) {
                " times, longest " + shortLength(stall.longestSeconds * 1e9),
            stall.lasting ? Style::alarm : Style::plain);
   if (stall.lasting) line.add(" LASTING", Style::alarm);
-  return line.add(" in " + stall.function);
+  return line.add(" in " + stall.place);
 }
 
 }  // namespace

@@ -16,13 +16,23 @@ constexpr std::size_t loadsMax = 1000;
 constexpr std::size_t eventsMax = 200;
 constexpr std::size_t answerBytesMax = std::size_t{64} << 20;
 
-/// The innermost frame that has a name, which is where to look.
-std::string namedFrame(Json const& frames) {
+/// Where to look: the innermost function of the program itself, which has `main`, and behind it
+/// where exactly it was, in which library's function.
+std::string placeOf(Json const& frames) {
+  std::string program;
   for (auto const& frame : frames) {
-    std::string function = textOf(frame, "function");
-    if (!function.empty()) return function;
+    if (textOf(frame, "function") == "main") program = textOf(frame, "module");
   }
-  return "?";
+  std::string innermost;
+  for (auto const& frame : frames) {
+    std::string const function = textOf(frame, "function");
+    if (function.empty()) continue;
+    if (innermost.empty()) innermost = function;
+    if (program.empty()) break;
+    if (textOf(frame, "module") != program) continue;
+    return function == innermost ? function : function + ", at " + innermost;
+  }
+  return innermost.empty() ? "?" : innermost;
 }
 
 }  // namespace
@@ -167,7 +177,7 @@ void Watched::handleStalls(std::string const& text) {
     Stall stall;
     stall.group = printable(textOf(json, "group"));
     stall.name = printable(textOf(json, "name"));
-    stall.function = printable(namedFrame(arrayOf(json, "frames")));
+    stall.place = printable(placeOf(arrayOf(json, "frames")));
     stall.count = numberOf(json, "count");
     stall.lastUnix = numberOf(json, "last_unix_s");
     stall.lastSeconds = numberOf(json, "last_s");

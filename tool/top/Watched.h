@@ -23,7 +23,7 @@ struct Event {
 struct Stall {
   std::string group;
   std::string name;
-  std::string function;  ///< the innermost frame that has a name
+  std::string place;  ///< the function of the program that held the loop
   double count = 0;
   double lastUnix = 0;
   double lastSeconds = 0;
