@@ -19,6 +19,7 @@
 #include "BreloDaemon/FunctionTask.h"
 #include "observe/support/StatsClient.h"
 #include "support/Backend.h"
+#include "support/ChildProcess.h"
 #include "support/FailingMemory.h"
 
 namespace BreloObserve {
@@ -384,9 +385,11 @@ TEST_P(StatsServerTest, ItsSocketHasTheRightsAskedForAndNobodyElsesPath) {
       EXPECT_EQ(status.st_uid, 12345);
     }
     std::filesystem::remove(folder.path);
-    StatsServer const again(root, folder.path);
+    std::optional<StatsServer> again(std::in_place, root, folder.path);
+    EXPECT_TRUE(passesInChild([&] { again.reset(); }));  // whose file it is not
     ASSERT_EQ(::stat(folder.path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0600);
+    EXPECT_EQ(StatsClient(folder.path).ask("hello")["process"]["pid"], ::getpid());
   });
 }
 
