@@ -85,7 +85,7 @@ std::int64_t StallWatcher::lookAtRun(std::int64_t now) {
   // It may be elsewhere by now.
   sent_ = false;
   ask(now + limit_);
-  if (slot_.phase() != phase_) return now;
+  if (slot_.phase() != phase_ || stopping()) return now;
   tellThatItLasts(now);
   nextTelling_ = now + (now - phase_.since());
   return nextTelling_;
