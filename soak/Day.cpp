@@ -8,6 +8,7 @@
 #include "Brelo/LibeventFactory.h"
 #include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/Thread.h"
+#include "SavedHistory.h"
 
 namespace Soak {
 namespace {
@@ -44,6 +45,7 @@ Day::Day(double seconds)
       control_(Brelo::Platform::getTimerControl(this)) {
   addBranch(Brelo::TaskSchedulerRoot::TaskSchedulerRootIs("main"), nullptr);
   addBranch(Brelo::TaskSchedulerRoot::TaskSchedulerRootIs("side"), nullptr);
+  if (!historyFile.empty()) root(0).historyEntryCountIs(200'000);
   root(1).defaultTaskQuantumIs(std::chrono::hours(1));  // so that each reset is one run
   static auto& kept = *new std::vector<std::shared_ptr<Brelo::TaskScheduler>>;
   kept.push_back(branches_[1]->scheduler);
@@ -163,6 +165,7 @@ void Day::timeout() {
   if (last || ticks_ % 256 == 0) audit();
   model.notStalled(steady());
   if (last) {
+    if (!historyFile.empty()) saveHistory(root(0), historyFile);
     actors_.clear();
     gone_.push_back(branches_[0]->scheduler);
     while (!branches_.empty())

@@ -20,6 +20,8 @@ inline std::uint64_t seed;
 inline std::string backend;
 inline double simulated;  // seconds
 
+inline std::string historyFile;  // to save the first root's events in, if given
+
 /// Ends the process with status 1 and a text.
 [[noreturn]] void differ(std::string const& what);
 

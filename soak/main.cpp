@@ -70,6 +70,8 @@ int main(int argc, char** argv) {
   app.add_option("--backend", backend, "event loop to run on")
       ->check(CLI::IsMember({"host", "libevent", "both"}))
       ->capture_default_str();
+  app.add_option("--history", Soak::historyFile,
+                 "file to append the latest events to, for brelo timeline --from");
   CLI11_PARSE(app, argc, argv);
 
   signal(SIGPIPE, SIG_IGN);
