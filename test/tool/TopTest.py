@@ -155,6 +155,14 @@ class Terminal(TopTest):
         with open(f'{self.folder}/pid') as file:
             return int(file.read())
 
+    def cpuSeconds(self, during):
+        def used():
+            with open(f'/proc/{self.pid()}/stat') as file:
+                return sum(map(int, file.read().rsplit(')', 1)[1].split()[11:13])) / os.sysconf('SC_CLK_TCK')
+        before = used()
+        time.sleep(during)
+        return used() - before
+
     def screen(self, *options):
         return self.tmux('capture-pane', '-p', *options)
 
@@ -262,8 +270,12 @@ class Terminal(TopTest):
         self.keys('2')
         self.await_('NO ANSWER for 1.*s')
         self.keys('BTab')
+        self.keys('p')
+        self.await_('PAUSED')
         fake.close()
         self.await_('NOT REACHED')
+        self.assertLess(self.cpuSeconds(0.5), 0.2)  # nor does it ask all the time
+        self.keys('p')
         self.await_('1 cached!.*\n(.*\n)*.*nobody listens')
         with FakeDaemon(self.path, monitor(pid=124, name='again').answers(1.0)):
             self.await_('again  pid 124.*live')

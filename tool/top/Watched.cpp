@@ -41,7 +41,6 @@ Watched::Watched(std::string path, Clock::duration interval)
     : path_(std::move(path)), interval_(interval) {}
 
 Watched::Clock::time_point Watched::deadline() const {
-  if (!connection_) return next_;
   if (!outstanding_.empty()) return connection_->deadline();
   if (clearWanted_) return Clock::time_point();
   return paused_ ? Clock::time_point::max() : next_;
@@ -53,7 +52,7 @@ Watched::Clock::duration Watched::silence(Clock::time_point now) const {
 
 void Watched::advance(Clock::time_point now) {
   try {
-    if (!connection_ && now >= next_) {
+    if (!connection_ && now >= next_ && !paused_) {
       // A daemon that dies and hangs in turn is not asked more often than one that lives.
       next_ = now + interval_;
       Connection::Limits limits;
@@ -63,7 +62,8 @@ void Watched::advance(Clock::time_point now) {
       nextEvent_ = 0;
       askAll(now);
     }
-    while (connection_ && !outstanding_.empty()) {
+    // Also while nothing is outstanding: the daemon may close.
+    while (connection_) {
       auto const answer = connection_->advance();
       if (!answer) break;
       Request const request = outstanding_.front();
@@ -84,12 +84,13 @@ void Watched::advance(Clock::time_point now) {
     trouble_ = failure.what();
     connection_.reset();
     outstanding_.clear();
+    clearWanted_ = false;
     next_ = now + interval_;
   }
 }
 
 void Watched::clear() {
-  clearWanted_ = true;
+  clearWanted_ = connection_.has_value();
 }
 
 void Watched::ask(Request request, std::string const& line, Clock::time_point now) {

@@ -50,7 +50,7 @@ class Watched {
   void pausedIs(bool paused) { paused_ = paused; }
   /// Whether events and stalls are asked for as well.
   void detailsAre(bool wanted) { details_ = wanted; }
-  void clear();  ///< has the daemon clear its figures
+  void clear();  ///< has the daemon clear its figures, if it is there
 
   std::string const& path() const { return path_; }
   /// What it said last; null before it has said anything. The figures of a daemon that does not
