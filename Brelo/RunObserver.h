@@ -54,6 +54,7 @@ class BRELO_EXPORT RunObserver {
     runs,  ///< starts and ends, and that figures have been zeroed
   };
 
+  /// Of nothing yet.
   explicit RunObserver(Hears hears = Hears::everything) : hears_(hears) {}
   virtual ~RunObserver();
 

@@ -28,7 +28,7 @@ class BRELO_EXPORT Histogram {
   /// Forgets everything, and keeps the memory.
   void clear() noexcept;
 
-  std::uint64_t count() const { return count_; }
+  std::uint64_t count() const { return count_; }         ///< lengths in all
   std::chrono::nanoseconds max() const { return max_; }  ///< zero if empty
   double sum() const;                                    ///< in nanoseconds
   double mean() const;                                   ///< in nanoseconds, zero if empty
@@ -38,9 +38,9 @@ class BRELO_EXPORT Histogram {
 
   /// How many were at least `lower` and less than `upper`.
   struct Bucket {
-    std::chrono::nanoseconds lower;
+    std::chrono::nanoseconds lower;  ///< the least that belongs to it
     std::chrono::nanoseconds upper;  ///< of the longest ones the largest length that there is
-    std::uint64_t count;
+    std::uint64_t count;             ///< never zero
   };
   /// Those that are not empty, the shortest first.
   std::vector<Bucket> buckets() const;

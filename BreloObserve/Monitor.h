@@ -22,6 +22,7 @@ namespace Impl {
 class RunAccounts;
 }
 
+/// What a monitor may take.
 struct MonitorOptions {
   /// Names that have figures of their own; those of all others are summed up under "(other)". At
   /// most 1,000,000; each takes about 2 kB.
@@ -83,6 +84,7 @@ struct LoopFigures {
 /// the first of a length; where that fails a run is counted under "(other)", or as lost.
 class BRELO_EXPORT Monitor {
  public:
+  /// Counts from here on.
   explicit Monitor(std::shared_ptr<Brelo::TaskSchedulerRoot> root, MonitorOptions options = {});
   Monitor(Monitor const&) = delete;
   Monitor& operator=(Monitor const&) = delete;
@@ -103,7 +105,7 @@ class BRELO_EXPORT Monitor {
 
   /// The figures as values, in no order; a copy of all histograms. Looks at every live task.
   std::vector<NameFigures> names() const;
-  LoopFigures loop() const;
+  LoopFigures loop() const;  ///< as of now
 
  private:
   std::unique_ptr<Impl::RunAccounts> accounts_;
