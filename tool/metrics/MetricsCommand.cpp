@@ -1,4 +1,6 @@
 #include <CivetServer.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <prometheus/collectable.h>
 #include <prometheus/exposer.h>
 #include <signal.h>
@@ -7,7 +9,7 @@
 #include <cstdio>
 #include <exception>
 #include <mutex>
-#include <regex>
+#include <string>
 
 #include "Commands.h"
 #include "Failure.h"
@@ -107,9 +109,24 @@ class Daemons : public prometheus::Collectable {
   std::vector<Daemon> mutable daemons_;
 };
 
+/// 127.0.0.1:9464 or [::1]:9464.
+bool isAddress(std::string const& text) {
+  auto const colon = text.rfind(':');
+  if (colon == std::string::npos) return false;
+  std::string const host = text.substr(0, colon);
+  std::string const port = text.substr(colon + 1);
+  if (port.empty() || port.size() > 5 ||
+      port.find_first_not_of("0123456789") != std::string::npos || std::stoi(port) > 65535) {
+    return false;
+  }
+  in6_addr parsed;
+  if (host.size() < 2 || host.front() != '[') return inet_pton(AF_INET, host.c_str(), &parsed) == 1;
+  return host.back() == ']' &&
+         inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &parsed) == 1;
+}
+
 std::unique_ptr<prometheus::Exposer> listen(std::string const& address) {
-  static std::regex const form(R"((\d+\.\d+\.\d+\.\d+|\[[0-9a-fA-F:.]+\]):\d{1,5})");
-  if (!std::regex_match(address, form)) {
+  if (!isAddress(address)) {
     throw Failure(
         "an address is written as 127.0.0.1:9464 or [::1]:9464: \"" + printable(address) + "\"",
         ExitCode::usage);
