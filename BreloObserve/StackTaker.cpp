@@ -8,6 +8,20 @@
 
 namespace BreloObserve::Impl {
 
+namespace {
+
+std::uintptr_t interruptedAt(ucontext_t const& context) {
+#if defined(__x86_64__)
+  return static_cast<std::uintptr_t>(context.uc_mcontext.gregs[REG_RIP]);
+#elif defined(__aarch64__)
+  return context.uc_mcontext.pc;
+#else
+#error "where does this processor keep the address of the next instruction?"
+#endif
+}
+
+}  // namespace
+
 /// That of libgcc_s, by its name: libunwind has functions of the same names, with locks of its own
 /// and of the loader. This one finds a function's frame by `_dl_find_object`, which has none.
 struct StackTaker::Unwinder {
@@ -70,8 +84,7 @@ StackTaker::StackTaker()
       }()) {}
 
 void StackTaker::take(void const* context, TakenStack& stack) const {
-  auto const& registers = static_cast<ucontext_t const*>(context)->uc_mcontext;
-  auto const start = static_cast<std::uintptr_t>(registers.gregs[REG_RIP]);
+  auto const start = interruptedAt(*static_cast<ucontext_t const*>(context));
   stack.count = 0;
   Walk walk{unwinder_, stack, start};
   unwinder_.backtrace(&Walk::visit, &walk);

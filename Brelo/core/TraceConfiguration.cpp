@@ -4,7 +4,6 @@
 #include <iostream>
 #include <memory>
 #include <ostream>
-#include <sstream>
 #include <string>
 #include <utility>
 
@@ -44,7 +43,7 @@ void clearBreloDebug(char const* settings) noexcept {
 }
 
 std::string breloDebugSettings() {
-  std::ostringstream list;
+  DebugStream list;
   char const* separator = "";
   for (Zel::TraceSetting const& setting : traceFacilityMan()->traceSettingSnapshot()) {
     list << std::exchange(separator, ",") << setting;

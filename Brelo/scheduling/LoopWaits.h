@@ -5,7 +5,7 @@
 
 namespace Brelo {
 
-/// Passes the waits of the thread's loop on to a root's observers, while it has any.
+/// Passes the waits of the thread's loop on to a root's observers, while some hear of them.
 class TaskSchedulerRoot::LoopWaits : Impl::WaitObserver {
  public:
   explicit LoopWaits(TaskSchedulerRoot const& root) : root_(root) { Impl::waitObserverAdd(*this); }

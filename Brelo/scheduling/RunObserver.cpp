@@ -42,6 +42,9 @@ void TaskSchedulerRoot::firstRunObserverIs(RunObserver* observer) {
 
 void TaskSchedulerRoot::runObserverAdd(RunObserver& observer) {
   sanityCheckCurrentRunningThread();
+  tellObservers([&](RunObserver const& other) {
+    BRELO_SCHEDULER_ASSERT(&other != &observer, "Already an observer of ", schedulerName());
+  });
   bool const waits = observer.hears_ == RunObserver::Hears::everything;
   if (waits && loopWaits_ == nullptr) loopWaits_ = std::make_unique<LoopWaits>(*this);
   observer.next_ = runObserver_;

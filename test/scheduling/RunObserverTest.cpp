@@ -194,6 +194,7 @@ TEST_P(RunObserverSuite, SeveralComeAndGo) {
     EXPECT_EQ(second.said, (Said{"end adds", "look root", "start removes"}));
     EXPECT_EQ(third.said,
               (Said{"end adds", "look root", "start removes", "end removes", "look root"}));
+    EXPECT_DEATH(root->runObserverAdd(third), "Already an observer of root");
     root->runObserverRemove(third);
     EXPECT_DEATH(root->runObserverRemove(third), "No such observer of root");
   });
