@@ -24,7 +24,7 @@ class BRELO_EXPORT RunObserver {
     TaskTimePoint request;  ///< when the task was queued; the start for one that was not
     TaskTimePoint start;    ///< of the run
     TaskTimePoint end;      ///< set at the end, as the next two
-    /// As the task's accounts have it: the length, or under virtual time what that has moved by.
+    /// The length, or under virtual time what that has moved by.
     TaskTimeDuration used;
     bool threw;                     ///< an exception has left the run
     std::uint64_t workCountBefore;  ///< `taskWorkCountTotal` at the start
