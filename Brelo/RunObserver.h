@@ -7,6 +7,10 @@
 
 namespace Brelo {
 
+namespace Impl {
+struct RunObservation;
+}
+
 class TaskImpl;
 class TaskScheduler;
 
@@ -14,7 +18,7 @@ class TaskScheduler;
 /// `TaskSchedulerRoot::runObserverAdd`.
 ///
 /// All calls come on the root's thread, amid its work: they have to be short, and may neither run,
-/// make or end tasks nor add or remove observers. What an observer does not override costs a call.
+/// make or end tasks nor add or remove observers.
 class BRELO_EXPORT RunObserver {
  public:
   /// A run, in a record that stays where it is from its start to its end.
@@ -30,6 +34,18 @@ class BRELO_EXPORT RunObserver {
     std::uint64_t workCountBefore;  ///< `taskWorkCountTotal` at the start
   };
 
+  /// What an observer hears of, as bits; all hear that figures have been zeroed. What no observer
+  /// hears of is not measured. Waits cost each pass of the loop: on libevent, which does not say
+  /// how long it waits, a tenth of a pass.
+  enum Hears : unsigned {
+    starts = 1,
+    ends = 2,
+    looks = 4,
+    waits = 8,
+    everything = starts | ends | looks | waits,
+    markChanges = 16,  ///< and the root keeps its RunMark up; a hundredth of a pass
+  };
+
   RunObserver(RunObserver const&) = delete;
   RunObserver& operator=(RunObserver const&) = delete;
 
@@ -43,26 +59,21 @@ class BRELO_EXPORT RunObserver {
   /// The thread's loop has waited, or the host's virtual time has skipped, for so long. A look at
   /// the descriptors that does not wait is not told.
   virtual void loopWaited(TaskTimeDuration length) noexcept;
+  /// The innermost run has changed, as somebody wanted to know by `RunMark::tellNextChange()`.
+  virtual void runMarkChanged() noexcept;
   /// The figures of that scheduler have been zeroed, at once or in the background.
   virtual void statsCleared(TaskScheduler const& scheduler) noexcept;
 
  protected:
-  /// What an observer is told of. Looks and waits cost each pass of the loop: on libevent, which
-  /// does not say how long it waits, a tenth of a pass.
-  enum class Hears : std::uint8_t {
-    everything,
-    runs,  ///< starts and ends, and that figures have been zeroed
-  };
-
   /// Of nothing yet.
-  explicit RunObserver(Hears hears = Hears::everything) : hears_(hears) {}
+  explicit RunObserver(unsigned hears = everything) : hears_(hears) {}
   virtual ~RunObserver();
 
  private:
-  friend class TaskScheduler;
+  friend struct Impl::RunObservation;
   friend class TaskSchedulerRoot;
   RunObserver* next_ = nullptr;
-  Hears hears_;
+  unsigned hears_;
 };
 
 }  // namespace Brelo

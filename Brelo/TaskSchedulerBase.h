@@ -15,7 +15,10 @@
 
 namespace Brelo {
 
-class RunObserver;
+namespace Impl {
+struct RunObservation;
+}
+
 class TaskSchedulerHistory;
 class TaskSchedulerRoot;
 
@@ -160,6 +163,8 @@ class BRELO_EXPORT TaskScheduler : public TaskSchedulerCounts,
   void clearStatsCommon();
   void observedRun(TaskImpl& task, TaskTimePoint const& request, TaskTimePoint const& start,
                    TaskTimePoint* finish);
+  void recordedRun(TaskImpl& task, TaskTimePoint const& request, TaskTimePoint const& start,
+                   TaskTimePoint* finish);
   void observedLook();
 
   std::shared_ptr<TaskSchedulerHistory> schedulerHistory_;  // outlives all names below
@@ -175,8 +180,8 @@ class BRELO_EXPORT TaskScheduler : public TaskSchedulerCounts,
   std::uint64_t registeredTaskCount_ = 0;
   TaskPriority ownTaskPriority_ = TaskPriority::normal;
   bool schedulerHasRunnableTasks_ = false;
-  RunObserver* runObserver_ = nullptr;        // the first of the root's
-  TaskImpl::RegisteredList registeredTasks_;  // newest first
+  Impl::RunObservation* observation_ = nullptr;  // of the root, while there are observers
+  TaskImpl::RegisteredList registeredTasks_;     // newest first
 };
 
 inline TaskScheduler& TaskSchedulerReports::scheduler() {

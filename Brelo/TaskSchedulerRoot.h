@@ -10,6 +10,7 @@
 
 #include "Brelo/Export.h"
 #include "Brelo/Platform.h"
+#include "Brelo/RunMark.h"
 #include "Brelo/RunObserver.h"
 #include "Brelo/TaskSchedulerBase.h"
 
@@ -86,8 +87,11 @@ class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackH
   /// @}
   /// Tells the observers, for the library.
   void tellStatsCleared(TaskScheduler const& scheduler) const;
-  /// The innermost run that is observed at the moment, or null.
-  RunObserver::Run const* observedRun() const { return observedRun_; }
+  /// The innermost run whose start or end an observer hears of, or null.
+  RunObserver::Run const* observedRun() const;
+  /// The innermost run, for who looks from beside; as long as this lives, and kept up while an
+  /// observer hears of its changes. Else it says that nothing runs.
+  RunMark& runMark();
 
   /// Whether the thread check is off for this tree. It adds no locking.
   /// @{
@@ -160,10 +164,7 @@ class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackH
   friend class TaskScheduler;
   class LoopWaits;
 
-  template <class Tell>
-  void tellObservers(Tell tell) const;
-  void firstRunObserverIs(RunObserver* observer);
-  bool waitsObserved() const;
+  void runObserversChange();
   void followVirtualTime();
   void sanityCheckOtherThread(std::uint64_t thread, char const* function) const;
 
@@ -171,8 +172,8 @@ class BRELO_EXPORT TaskSchedulerRoot : public TaskScheduler, Platform::CallbackH
   std::shared_ptr<Platform::CallbackControl> callbackControl_;
   std::shared_ptr<TimerWheel> timerWheel_;
   std::shared_ptr<std::function<bool(_TaskBase&)> const> taskExceptionHandler_;
+  std::unique_ptr<Impl::RunObservation> const runObservation_;
   std::unique_ptr<LoopWaits> loopWaits_;  // while observers hear of them
-  RunObserver::Run const* observedRun_ = nullptr;
   std::uint64_t threadId_;
   std::int32_t processId_;
   char threadName_[16] = {};

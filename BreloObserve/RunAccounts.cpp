@@ -33,7 +33,7 @@ nanoseconds threadCpuTime() {
 }
 
 RunAccounts::RunAccounts(std::shared_ptr<Brelo::TaskSchedulerRoot> root, std::size_t namesMax)
-    : root_(std::move(root)), names_(namesMax) {
+    : RunObserver(ends | looks | waits), root_(std::move(root)), names_(namesMax) {
   other_ = sumAccount("(other)");
   existing(root_).runObserverAdd(*this);
   clear();

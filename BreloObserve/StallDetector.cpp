@@ -23,15 +23,10 @@ namespace BreloObserve {
 namespace {
 
 using Impl::clockNow;
-using Impl::LoopPhase;
 
 Brelo::ModuleTrace const& observeTrace() {
   static Brelo::ModuleTrace const trace("BreloObserve");
   return trace;
-}
-
-std::int64_t nanosecondsOf(Brelo::TaskTimePoint time) {
-  return std::chrono::nanoseconds(time.time_since_epoch()).count();
 }
 
 StallDetectorOptions checked(StallDetectorOptions const& options) {
@@ -66,7 +61,8 @@ class UnblockedSignal {
 /// A slot for the calling thread. A forked child, where the lock may be held by nobody, keeps it.
 class LeasedSlot {
  public:
-  explicit LeasedSlot(int signal) : slot_(Impl::StallSlot::forThisThread(signal)) {}
+  LeasedSlot(int signal, Brelo::RunMark& mark)
+      : slot_(Impl::StallSlot::forThisThread(signal, mark)) {}
   LeasedSlot(LeasedSlot const&) = delete;
   LeasedSlot& operator=(LeasedSlot const&) = delete;
   ~LeasedSlot() {
@@ -89,22 +85,13 @@ class StallDetector::Core : public Brelo::RunObserver {
   Core(std::shared_ptr<Brelo::TaskSchedulerRoot> root, StallDetectorOptions const& options);
   ~Core() override;
 
-  void runStarts(Run const& run) noexcept override {
-    if (slot_->phaseIs(LoopPhase::runs(nanosecondsOf(run.start)), &run)) attend();
-  }
-  void runEnds(Run const& run) noexcept override {
-    // What an inner run leaves of the outer one counts as a run of its own.
-    std::int64_t const end = nanosecondsOf(run.end);
-    auto const phase = run.outer != nullptr ? LoopPhase::runs(end) : LoopPhase::idles(end);
-    if (slot_->phaseIs(phase, run.outer)) attend();
-  }
+  void runMarkChanged() noexcept override;
 
   void onStall(std::function<void(Stall const&)> callback);
   std::string document() const;
   std::uint64_t caught() const { return records_.caught(); }
 
  private:
-  void attend() noexcept;
   void tell();
   static void trace(Stall const& stall);
   Impl::CaughtRun caughtRun(std::int64_t until, bool lasting) const;
@@ -121,12 +108,12 @@ class StallDetector::Core : public Brelo::RunObserver {
 
 StallDetector::Core::Core(std::shared_ptr<Brelo::TaskSchedulerRoot> root,
                           StallDetectorOptions const& options)
-    : RunObserver(Hears::runs),
+    : RunObserver(markChanges),
       root_(std::move(root)),
       limit_(checked(options).limit.count()),
       records_(options.stacksMax, options.reportsPerMinuteMax),
       teller_(root_, Brelo::TaskPriority::normal, "StallDetector", [this] { tell(); }),
-      slot_(options.signal),
+      slot_(options.signal, root_->runMark()),
       unblocked_(options.signal),
       watcher_(std::in_place, *slot_, limit_, options.lasting.count()) {
   root_->runObserverAdd(*this);
@@ -151,7 +138,7 @@ Impl::CaughtRun StallDetector::Core::caughtRun(std::int64_t until, bool lasting)
   return {slot_->found(), until, clockNow(CLOCK_THREAD_CPUTIME_ID) - slot_->cpuAtStart(), lasting};
 }
 
-void StallDetector::Core::attend() noexcept {
+void StallDetector::Core::runMarkChanged() noexcept {
   if (!slot_->attend() || !slot_.isOwn()) return;
   try {
     if (records_.add(caughtRun(slot_->phase().since(), false))) teller_.schedule();

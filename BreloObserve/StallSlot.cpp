@@ -58,7 +58,7 @@ std::int64_t clockNow(clockid_t clock) {
   return time.tv_sec * std::int64_t{1'000'000'000} + time.tv_nsec;
 }
 
-StallSlot& StallSlot::forThisThread(int signal) {
+StallSlot& StallSlot::forThisThread(int signal, Brelo::RunMark& mark) {
   std::lock_guard<std::mutex> const lock(slotsMutex);
   install(signal);
   StallSlot* slot = firstSlot.load(std::memory_order_relaxed);
@@ -69,6 +69,7 @@ StallSlot& StallSlot::forThisThread(int signal) {
     slot->next_ = firstSlot.load(std::memory_order_relaxed);
     firstSlot.store(slot, std::memory_order_release);
   }
+  slot->mark_ = &mark;
   slot->thread_ = Brelo::gettid();
   slot->signal_ = signal;
   if (pthread_getcpuclockid(pthread_self(), &slot->cpuClock_) != 0)
@@ -79,7 +80,6 @@ StallSlot& StallSlot::forThisThread(int signal) {
 
 void StallSlot::release() {
   withdraw();
-  phaseIs(LoopPhase(), nullptr);
   attention_.store(0, std::memory_order_relaxed);
   std::lock_guard<std::mutex> const lock(slotsMutex);
   inUse_.store(false, std::memory_order_relaxed);
@@ -104,11 +104,11 @@ void StallSlot::install(int signal) {
 
 bool StallSlot::attend() {
   std::uint32_t const what = attention_.exchange(0, std::memory_order_relaxed);
-  doorbell.ring();
+  if (what != 0) doorbell.ring();
   return (what & caught) != 0;
 }
 
-bool StallSlot::ask(LoopPhase phase, std::int64_t cpuAtStart) {
+bool StallSlot::ask(Brelo::RunMark::Phase phase, std::int64_t cpuAtStart) {
   cpuAtStart_.store(cpuAtStart, std::memory_order_relaxed);
   asked_.store(phase.word(), std::memory_order_release);
   siginfo_t info = {};
@@ -120,10 +120,10 @@ bool StallSlot::ask(LoopPhase phase, std::int64_t cpuAtStart) {
   return syscall(SYS_rt_tgsigqueueinfo, getpid(), thread_, signal_, &info) == 0;
 }
 
-bool StallSlot::sleepsAfter(LoopPhase phase) {
+bool StallSlot::sleepsAfter(Brelo::RunMark::Phase phase) {
   static bool const barriers = registerForBarriers();
   attention_.fetch_or(asleep, std::memory_order_relaxed);
-  // Stands for one in each `phaseIs` between its store and its load.
+  mark_->tellNextChange();
   bool const ordered =
       barriers && syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0;
   if (ordered && this->phase() == phase) return true;
@@ -153,13 +153,14 @@ void StallSlot::handle(int signal, siginfo_t* info, void* context) {
 void StallSlot::take(void const* context) {
   std::uint64_t const asked = asked_.load(std::memory_order_acquire);
   if (asked == 0 || syscall(SYS_gettid) != thread_) return;
-  if (asked == phase_.load(std::memory_order_relaxed)) {
-    Brelo::TaskImpl const& task = run_.load(std::memory_order_relaxed)->task;
-    found_.started = LoopPhase(asked).since();
+  if (asked == mark_->phase().word()) {
+    Brelo::TaskImpl const& task = *mark_->task();
+    found_.started = Brelo::RunMark::Phase(asked).since();
     taker_.take(context, found_.stack);
     copyText(task.taskScheduler()->schedulerName(), found_.group);
     copyText(task.taskStatsName(), found_.name);
     attention_.fetch_or(caught, std::memory_order_relaxed);
+    mark_->tellNextChange();
     asked_.store(0, std::memory_order_release);
   }
   doorbell.ring();

@@ -48,7 +48,7 @@ void StallWatcher::watch() {
 }
 
 std::int64_t StallWatcher::look(std::int64_t now) {
-  LoopPhase const phase = slot_.phase();
+  Brelo::RunMark::Phase const phase = slot_.phase();
   bool const changed = phase != phase_;
   if (changed) {
     phase_ = phase;

@@ -1,7 +1,11 @@
 #include "Brelo/RunObserver.h"
 
+#include <memory>
+#include <utility>
+
 #include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/scheduling/LoopWaits.h"
+#include "Brelo/scheduling/RunObservation.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"
 
@@ -11,75 +15,79 @@ void RunObserver::runStarts(Run const&) noexcept {}
 void RunObserver::runEnds(Run const&) noexcept {}
 void RunObserver::schedulerLooks(TaskScheduler const&, TaskTimeDuration) noexcept {}
 void RunObserver::loopWaited(TaskTimeDuration) noexcept {}
+void RunObserver::runMarkChanged() noexcept {}
 void RunObserver::statsCleared(TaskScheduler const&) noexcept {}
 RunObserver::~RunObserver() = default;
 
 template <class Tell>
-void TaskSchedulerRoot::tellObservers(Tell tell) const {
-  for (RunObserver* observer = runObserver_; observer != nullptr; observer = observer->next_)
-    tell(*observer);
+void Impl::RunObservation::tell(unsigned hearing, Tell tellIt) const {
+  for (RunObserver* observer = first; observer != nullptr; observer = observer->next_) {
+    if ((observer->hears_ & hearing) != 0) tellIt(*observer);
+  }
 }
 
 void TaskSchedulerRoot::LoopWaits::loopWaited(std::int64_t nanoseconds) noexcept {
-  root_.tellObservers([&](RunObserver& observer) {
-    if (observer.hears_ == RunObserver::Hears::everything)
-      observer.loopWaited(TaskTimeDuration(nanoseconds));
+  root_.runObservation_->tell(RunObserver::waits, [&](RunObserver& observer) {
+    observer.loopWaited(TaskTimeDuration(nanoseconds));
   });
 }
 
-bool TaskSchedulerRoot::waitsObserved() const {
-  bool observed = false;
-  tellObservers([&](RunObserver const& observer) {
-    observed = observed || observer.hears_ == RunObserver::Hears::everything;
-  });
-  return observed;
+RunMark& TaskSchedulerRoot::runMark() {
+  return runObservation_->mark;
 }
 
-void TaskSchedulerRoot::firstRunObserverIs(RunObserver* observer) {
+RunObserver::Run const* TaskSchedulerRoot::observedRun() const {
+  return runObservation_->innermost;
+}
+
+/// After a change of the list.
+void TaskSchedulerRoot::runObserversChange() {
+  unsigned hears = 0;
+  for (RunObserver* each = runObservation_->first; each != nullptr; each = each->next_)
+    hears |= each->hears_;
+  runObservation_->hears = hears;
+  if ((hears & RunObserver::markChanges) == 0) runObservation_->mark.clear();
+  if ((hears & RunObserver::waits) == 0) loopWaits_.reset();
   for (TaskScheduler* scheduler : schedulers_)
-    scheduler->runObserver_ = observer;
+    scheduler->observation_ = runObservation_->first != nullptr ? runObservation_.get() : nullptr;
 }
 
 void TaskSchedulerRoot::runObserverAdd(RunObserver& observer) {
   sanityCheckCurrentRunningThread();
-  tellObservers([&](RunObserver const& other) {
-    BRELO_SCHEDULER_ASSERT(&other != &observer, "Already an observer of ", schedulerName());
-  });
-  bool const waits = observer.hears_ == RunObserver::Hears::everything;
+  for (RunObserver* each = runObservation_->first; each != nullptr; each = each->next_)
+    BRELO_SCHEDULER_ASSERT(each != &observer, "Already an observer of ", schedulerName());
+  bool const waits = (observer.hears_ & RunObserver::waits) != 0;
   if (waits && loopWaits_ == nullptr) loopWaits_ = std::make_unique<LoopWaits>(*this);
-  observer.next_ = runObserver_;
-  firstRunObserverIs(&observer);
+  observer.next_ = runObservation_->first;
+  runObservation_->first = &observer;
+  runObserversChange();
 }
 
 void TaskSchedulerRoot::runObserverRemove(RunObserver& observer) {
   sanityCheckCurrentRunningThread();
-  if (runObserver_ == &observer) {
-    firstRunObserverIs(observer.next_);
-  } else {
-    RunObserver* before = runObserver_;
-    while (before != nullptr && before->next_ != &observer)
-      before = before->next_;
-    BRELO_SCHEDULER_ASSERT(before != nullptr, "No such observer of ", schedulerName());
-    before->next_ = observer.next_;
-  }
-  observer.next_ = nullptr;
-  if (!waitsObserved()) loopWaits_.reset();
+  RunObserver** at = &runObservation_->first;
+  while (*at != nullptr && *at != &observer)
+    at = &(*at)->next_;
+  BRELO_SCHEDULER_ASSERT(*at != nullptr, "No such observer of ", schedulerName());
+  *at = std::exchange(observer.next_, nullptr);
+  runObserversChange();
 }
 
 void TaskSchedulerRoot::tellStatsCleared(TaskScheduler const& scheduler) const {
-  tellObservers([&](RunObserver& observer) { observer.statsCleared(scheduler); });
+  for (RunObserver* each = runObservation_->first; each != nullptr; each = each->next_)
+    each->statsCleared(scheduler);
 }
 
 void TaskScheduler::observedLook() {
+  if ((observation_->hears & RunObserver::looks) == 0) return;
   TaskTimeDuration const slip = schedulerRunStartTime_ - schedulerRunRequestTime_;
-  root().tellObservers([&](RunObserver& observer) {
-    if (observer.hears_ == RunObserver::Hears::everything) observer.schedulerLooks(*this, slip);
-  });
+  observation_->tell(RunObserver::looks,
+                     [&](RunObserver& observer) { observer.schedulerLooks(*this, slip); });
 }
 
 void TaskScheduler::runTask(TaskImpl& task, TaskTimePoint const& request,
                             TaskTimePoint const& start, TaskTimePoint* finish) {
-  if (runObserver_ == nullptr) {
+  if (observation_ == nullptr) {
     task.taskDoRun(start, finish);
   } else {
     observedRun(task, request, start, finish);
@@ -88,19 +96,37 @@ void TaskScheduler::runTask(TaskImpl& task, TaskTimePoint const& request,
 
 void TaskScheduler::observedRun(TaskImpl& task, TaskTimePoint const& request,
                                 TaskTimePoint const& start, TaskTimePoint* finish) {
-  TaskSchedulerRoot& top = root();
-  RunObserver::Run run{task,  top.observedRun_,   request, start,
-                       start, TaskTimeDuration(), false,   task.taskWorkCountTotal};
+  if ((observation_->hears & (RunObserver::starts | RunObserver::ends)) != 0) {
+    recordedRun(task, request, start, finish);
+  } else {
+    observation_->markedRun(task, start, finish);
+  }
+}
+
+void Impl::RunObservation::tellMarkChanged() {
+  if (!mark.takeTellNextChange()) return;
+  tell(RunObserver::markChanges, [](RunObserver& observer) { observer.runMarkChanged(); });
+}
+
+void TaskScheduler::recordedRun(TaskImpl& task, TaskTimePoint const& request,
+                                TaskTimePoint const& start, TaskTimePoint* finish) {
+  Impl::RunObservation& observation = *observation_;
+  RunObserver::Run run{task,  observation.innermost, request, start,
+                       start, TaskTimeDuration(),    false,   task.taskWorkCountTotal};
   auto const ends = [&](TaskTimePoint const& end) {
     run.end = end;
     run.used = task.runTimeUntil(end);
-    top.observedRun_ = run.outer;
-    top.tellObservers([&](RunObserver& observer) { observer.runEnds(run); });
+    observation.innermost = run.outer;
+    observation.tell(RunObserver::ends, [&](RunObserver& observer) { observer.runEnds(run); });
   };
-  top.observedRun_ = &run;
-  top.tellObservers([&](RunObserver& observer) { observer.runStarts(run); });
+  observation.innermost = &run;
+  observation.tell(RunObserver::starts, [&](RunObserver& observer) { observer.runStarts(run); });
   try {
-    task.taskDoRun(start, finish);
+    if ((observation.hears & RunObserver::markChanges) == 0) {
+      task.taskDoRun(start, finish);
+    } else {
+      observation.markedRun(task, start, finish);
+    }
   } catch (...) {
     run.threw = true;
     ends(Impl::steadyNow());

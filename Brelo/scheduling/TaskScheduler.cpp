@@ -6,6 +6,7 @@
 #include "Brelo/Platform.h"
 #include "Brelo/TaskSchedulerHistory.h"
 #include "Brelo/TaskSchedulerRoot.h"
+#include "Brelo/scheduling/RunObservation.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"
 #include "Brelo/scheduling/TaskSchedulerParts.h"
@@ -86,7 +87,7 @@ TaskTimePoint TaskScheduler::checkSchedulerLatency() {
 void TaskScheduler::handleSchedulerRun() {
   checkSchedulerLatency();
   if (root().suspended()) {
-    if (__builtin_expect(runObserver_ != nullptr, 0)) observedLook();
+    if (__builtin_expect(observation_ != nullptr, 0)) observedLook();
     BRELO_TRACE(schedulerTrace, 8, "TaskScheduler", "{} Suspended", *this);
     history().insert(schedulerRunStartTime_,
                      TaskSchedulerEventType::schedulerRunIgnoredWhileSuspended, *this);
@@ -94,7 +95,7 @@ void TaskScheduler::handleSchedulerRun() {
   }
   TaskImpl* const task = pickOneTask(schedulerRunStartTime_, TaskPriority::absolute);
   if (task == nullptr) {
-    if (__builtin_expect(runObserver_ != nullptr, 0)) observedLook();
+    if (__builtin_expect(observation_ != nullptr, 0)) observedLook();
     schedulerHasRunnableTasksIs(false, schedulerRunStartTime_);
     return;
   }
@@ -104,8 +105,10 @@ void TaskScheduler::handleSchedulerRun() {
   std::shared_ptr<_TaskBase> last;
   try {
     TaskTimePoint finish;
-    if (__builtin_expect(runObserver_ == nullptr, 1)) {
+    if (__builtin_expect(observation_ == nullptr, 1)) {
       task->taskDoRun(schedulerRunStartTime_, &finish);
+    } else if (observation_->hears == RunObserver::markChanges) {
+      observation_->markedRun(*task, schedulerRunStartTime_, &finish);
     } else {
       observedLook();
       observedRun(*task, task->taskScheduleTime(), schedulerRunStartTime_, &finish);

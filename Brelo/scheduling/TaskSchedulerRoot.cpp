@@ -14,6 +14,7 @@
 #include "Brelo/TimerWheel.h"
 #include "Brelo/platform/Backend.h"
 #include "Brelo/scheduling/LoopWaits.h"
+#include "Brelo/scheduling/RunObservation.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"
 
@@ -61,6 +62,7 @@ TaskSchedulerRoot::TaskSchedulerRoot(std::string const& name)
     : TaskScheduler(name, this, makeTracked<TaskSchedulerHistory>(initialHistoryEntries)),
       callbackControl_(Platform::getCallbackControl(this)),
       timerWheel_(getTimerWheelForTaskScheduler(Platform::eventPriorityStrictHigh)),
+      runObservation_(std::make_unique<Impl::RunObservation>()),
       threadId_(pthread_self()),
       processId_(getpid()),
       isMainThread_(isMainThread()) {
@@ -195,7 +197,7 @@ int TaskSchedulerRoot::randomPercent() {
 void TaskSchedulerRoot::registerScheduler(TaskScheduler* scheduler) {
   bool const inserted = schedulers_.insert(scheduler).second;
   BRELO_SCHEDULER_ASSERT(inserted, "insert failed for ", scheduler);
-  scheduler->runObserver_ = runObserver_;
+  scheduler->observation_ = observation_;
 }
 
 void TaskSchedulerRoot::unregisterScheduler(TaskScheduler* scheduler) {

@@ -8,7 +8,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "Brelo/RunObserver.h"
+#include "Brelo/RunMark.h"
 #include "BreloObserve/internal/Doorbell.h"
 #include "BreloObserve/internal/StackTaker.h"
 
@@ -25,45 +25,18 @@ struct StallCatch {
   std::array<char, 256> name;   ///< as `group`
 };
 
-/// The innermost run of a loop, as a word: when it began, or that there is none since then.
-class LoopPhase {
- public:
-  constexpr explicit LoopPhase(std::uint64_t word = 0) : word_(word) {}
-  static LoopPhase runs(std::int64_t since) { return LoopPhase(bits(since) | 1); }
-  static LoopPhase idles(std::int64_t since) { return LoopPhase(bits(since)); }
-
-  bool running() const { return (word_ & 1) != 0; }
-  std::int64_t since() const { return static_cast<std::int64_t>(word_ >> 1); }
-  std::uint64_t word() const { return word_; }
-
-  friend bool operator==(LoopPhase a, LoopPhase b) { return a.word_ == b.word_; }
-  friend bool operator!=(LoopPhase a, LoopPhase b) { return !(a == b); }
-
- private:
-  static std::uint64_t bits(std::int64_t since) { return static_cast<std::uint64_t>(since) << 1; }
-
-  std::uint64_t word_;
-};
-
 /// What a loop's thread, the handler of a signal on it, and a watcher share. Slots are used again
 /// but never freed: a signal that comes late finds one that asks for nothing.
-class alignas(64) StallSlot {
+class StallSlot {
  public:
-  /// One for the calling thread and its signal, which gets its handler. Throws.
-  static StallSlot& forThisThread(int signal);
-  void release();  ///< there is no watcher any more
+  /// One for the calling thread, its root's mark, and its signal, which gets its handler. Throws.
+  static StallSlot& forThisThread(int signal, Brelo::RunMark& mark);
+  void release();  ///< there is no watcher any more, and soon no mark
 
   // The loop's thread.
 
-  /// The innermost run changes. True if something is to be attended to.
-  bool phaseIs(LoopPhase phase, Brelo::RunObserver::Run const* run) {
-    run_.store(run, std::memory_order_relaxed);
-    phase_.store(phase.word(), std::memory_order_release);
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    return attention_.load(std::memory_order_relaxed) != 0;
-  }
-  /// Wakes the watcher. True if the phase that has just ended was caught: it is then
-  /// in `found()`, up to the next change.
+  /// A change of the phase has been told. Wakes the watcher if it waits for one. True if the phase
+  /// that has ended was caught: it is then in `found()`, up to the next change.
   bool attend();
   /// The phase that goes on has been caught.
   bool isCaught() const { return (attention_.load(std::memory_order_relaxed) & caught) != 0; }
@@ -72,14 +45,14 @@ class alignas(64) StallSlot {
 
   // The watcher.
 
-  LoopPhase phase() const { return LoopPhase(phase_.load(std::memory_order_acquire)); }
+  Brelo::RunMark::Phase phase() const { return mark_->phase(); }
   /// Asks the thread for a catch of `phase`. False if the signal cannot be sent at the moment.
-  bool ask(LoopPhase phase, std::int64_t cpuAtStart);
+  bool ask(Brelo::RunMark::Phase phase, std::int64_t cpuAtStart);
   /// The thread has answered, with what is in `found()` until the next question.
   bool answered() const { return asked_.load(std::memory_order_acquire) == 0; }
   void withdraw() { asked_.store(0, std::memory_order_release); }
   /// From here on the first run to start wakes the watcher. False if one may have started.
-  bool sleepsAfter(LoopPhase phase);
+  bool sleepsAfter(Brelo::RunMark::Phase phase);
   std::int64_t cpuTime() const { return clockNow(cpuClock_); }  ///< of the loop's thread
 
   Doorbell doorbell;  ///< the watcher's
@@ -93,17 +66,14 @@ class alignas(64) StallSlot {
   static void install(int signal);
   void take(void const* context);
 
-  // Of the loop's thread, for each run.
-  std::atomic<std::uint64_t> phase_{0};
-  std::atomic<Brelo::RunObserver::Run const*> run_{nullptr};
   std::atomic<std::uint32_t> attention_{0};
-
-  alignas(64) std::atomic<std::uint64_t> asked_{0};
+  std::atomic<std::uint64_t> asked_{0};
   std::atomic<std::int64_t> cpuAtStart_{0};
   std::atomic<bool> inUse_{true};
   StallSlot* next_ = nullptr;
   StackTaker const taker_;
   StallCatch found_;
+  Brelo::RunMark* mark_ = nullptr;
   pid_t thread_ = 0;
   clockid_t cpuClock_ = CLOCK_THREAD_CPUTIME_ID;
   int signal_ = 0;

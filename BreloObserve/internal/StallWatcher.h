@@ -41,7 +41,7 @@ class StallWatcher {
   std::atomic<bool> stopping_{false};
 
   // The watcher's own.
-  LoopPhase phase_;
+  Brelo::RunMark::Phase phase_;
   std::int64_t since_ = 0;        // from when on the phase counts
   std::int64_t nextLook_ = 0;     // as it was meant
   std::int64_t nextTelling_ = 0;  // of a run that lasts

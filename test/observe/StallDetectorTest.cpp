@@ -270,11 +270,14 @@ TEST_P(StallDetectorSuite, AnIdleLoopIsNotWatched) {
     busy.limit = 1ms;
     StallDetector const detector(root, busy);
     runTask(root, "short", [](WorkTask&) {});
-    std::this_thread::sleep_for(20ms);
-    long const before = watcherSleeps();
-    std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(watcherSleeps(), before);
+    // Soon it sleeps for good. One that went on looking would do so a hundred times in 50 ms.
+    long before = 0;
+    for (int tries = 0; tries < 100 && (before == 0 || before != watcherSleeps()); ++tries) {
+      before = watcherSleeps();
+      std::this_thread::sleep_for(50ms);
+    }
     EXPECT_GT(before, 0);
+    EXPECT_EQ(watcherSleeps(), before);
     runTask(root, "awake again", [](WorkTask&) { holdLoop(); });
     EXPECT_GE(detector.caught(), 1U);
   });

@@ -31,9 +31,9 @@ INSTANTIATE_BOTH_BACKENDS(RunObserverSuite);
 
 class Notes : public RunObserver {
  public:
-  Notes() = default;
-  struct OfRuns {};
-  explicit Notes(OfRuns) : RunObserver(Hears::runs) {}
+  explicit Notes(unsigned hears = everything) : RunObserver(hears) {}
+  static constexpr unsigned runs = starts | ends;
+  static constexpr unsigned marks = markChanges;
 
   void runStarts(Run const& run) noexcept override {
     said.push_back("start " + name(run));
@@ -59,6 +59,7 @@ class Notes : public RunObserver {
     if (&scheduler == &scheduler.root()) longestSlip = std::max(longestSlip, slip);
   }
   void loopWaited(TaskTimeDuration length) noexcept override { waits.push_back(length); }
+  void runMarkChanged() noexcept override { said.push_back("mark changed"); }
   void statsCleared(Brelo::TaskScheduler const& scheduler) noexcept override {
     said.push_back("cleared " + scheduler.schedulerName());
   }
@@ -245,7 +246,7 @@ TEST_P(RunObserverSuite, WaitsAreAsLongAsTheLoopSleeps) {
 TEST_P(RunObserverSuite, WhoHearsOfRunsAloneHearsOfNothingElse) {
   run([] {
     auto const root = Brelo::TaskSchedulerRoot::TaskSchedulerRootIs("root");
-    Notes runs{Notes::OfRuns()};
+    Notes runs(Notes::runs);
     Notes all;
     root->runObserverAdd(all);
     root->runObserverAdd(runs);
@@ -262,6 +263,55 @@ TEST_P(RunObserverSuite, WhoHearsOfRunsAloneHearsOfNothingElse) {
     EXPECT_EQ(runs.said, (Said{"start t", "end t", "start t", "end t"}));
     EXPECT_TRUE(runs.waits.empty());
     root->runObserverRemove(runs);
+  });
+}
+
+TEST_P(RunObserverSuite, TheMarkIsThatOfTheInnermostRun) {
+  run([] {
+    for (bool const othersHearOfRuns : {false, true}) {
+      auto const root = Brelo::TaskSchedulerRoot::TaskSchedulerRootIs("root");
+      Brelo::RunMark& mark = root->runMark();
+      auto const wellTask = workTask(root, "well", [](WorkTask&) {});
+      wellTask->taskRunFromTest();
+      EXPECT_EQ(mark.phase(), Brelo::RunMark::Phase()) << "nobody hears of it";
+
+      Notes notes(Notes::marks);
+      Notes others(Notes::runs);
+      root->runObserverAdd(notes);
+      if (othersHearOfRuns) root->runObserverAdd(others);
+      auto const inner = workTask(root, "inner", [&](WorkTask& self) {
+        EXPECT_TRUE(mark.phase().running());
+        EXPECT_EQ(mark.task(), &self);
+        throw std::runtime_error("inner");
+      });
+      auto const outer = workTask(root, "outer", [&](WorkTask& self) {
+        auto const before = mark.phase();
+        EXPECT_TRUE(before.running());
+        EXPECT_EQ(mark.task(), &self);
+        EXPECT_TRUE(notes.said.empty()) << "nobody has asked";
+        mark.tellNextChange();
+        EXPECT_THROW(inner->taskRunFromTest(), std::runtime_error);
+        EXPECT_EQ(notes.said, Said{"mark changed"}) << "once";
+        EXPECT_TRUE(mark.phase().running());
+        EXPECT_EQ(mark.task(), &self);
+        EXPECT_GE(mark.phase().since(), before.since());
+        EXPECT_NE(mark.phase(), before) << "what is left is another part";
+      });
+      outer->scheduleTask();
+      doEventLoop();
+      EXPECT_FALSE(mark.phase().running());
+      EXPECT_NE(mark.phase(), Brelo::RunMark::Phase());
+      EXPECT_EQ(mark.task(), nullptr);
+      EXPECT_EQ(others.said.empty(), !othersHearOfRuns);
+
+      // Who goes amid a run leaves a mark that says nothing.
+      auto const last = workTask(root, "last", [&](WorkTask&) { root->runObserverRemove(notes); });
+      last->scheduleTask();
+      doEventLoop();
+      EXPECT_FALSE(mark.phase().running());
+      EXPECT_EQ(mark.task(), nullptr);
+      if (othersHearOfRuns) root->runObserverRemove(others);
+    }
   });
 }
 
