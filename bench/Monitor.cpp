@@ -1,5 +1,5 @@
-// What a monitor costs: each run that it counts, beside the same runs without one, and the document
-// that it makes, which holds the loop.
+// What a monitor and a stall detector cost: each run, beside the same runs without them, and the
+// monitor's document, which holds the loop.
 
 #include "BreloObserve/Monitor.h"
 
@@ -14,6 +14,7 @@
 #include "Brelo/Platform.h"
 #include "Brelo/TaskGroup.h"
 #include "Brelo/TaskSchedulerRoot.h"
+#include "BreloObserve/StallDetector.h"
 #include "Catalogue.h"
 #include "RepeatingTask.h"
 #include "Units.h"
@@ -24,15 +25,17 @@ namespace {
 
 using Brelo::TaskPriority;
 using BreloObserve::Monitor;
+using BreloObserve::StallDetector;
 
 constexpr std::uint64_t passes = 100'000;
 constexpr std::uint64_t groupRuns = 1'000'000;
 
 /// One task that runs on the root, or inside a group that holds the loop until it is done.
-double runs(std::uint64_t count, bool monitored, bool inGroup) {
+template <class Observer>
+double runs(std::uint64_t count, bool observed, bool inGroup) {
   auto const root = Brelo::schedulerRootBreloNonShared("bench");
-  std::optional<Monitor> monitor;
-  if (monitored) monitor.emplace(root);
+  std::optional<Observer> observer;
+  if (observed) observer.emplace(root);
   auto const group = Brelo::TaskGroup::TaskGroupIs("group", TaskPriority::normal, false, root);
   group->taskGroupQuantumNoCheckIs(Brelo::TaskTimeDuration::max());
   std::shared_ptr<Brelo::TaskScheduler> const scheduler =
@@ -65,12 +68,14 @@ double document(std::uint64_t tasks, std::uint64_t names) {
   return run.seconds();
 }
 
-void addRuns(Catalogue& catalogue, std::string const& form, std::uint64_t count, bool inGroup,
-             Backend backend) {
-  for (bool const monitored : {true, false}) {
+template <class Observer>
+void addRuns(Catalogue& catalogue, std::string const& unit, std::string const& form,
+             std::uint64_t count, bool inGroup, Backend backend) {
+  for (bool const observed : {true, false}) {
     catalogue.measure(
-        "monitor", form, monitored ? "brelo" : "without", count,
-        [=](std::uint64_t operations) { return runs(operations, monitored, inGroup); }, backend);
+        unit, form, observed ? "brelo" : "without", count,
+        [=](std::uint64_t operations) { return runs<Observer>(operations, observed, inGroup); },
+        backend);
   }
 }
 
@@ -86,10 +91,12 @@ void addDocument(Catalogue& catalogue, std::string const& form, std::uint64_t ta
 void addMonitor(Catalogue& catalogue) {
   for (Backend const backend : BreloTest::backends) {
     std::string const form = "1 task on " + toString(backend);
-    addRuns(catalogue, form, passes, false, backend);
+    addRuns<Monitor>(catalogue, "monitor", form, passes, false, backend);
     catalogue.aim({"monitor", form, "brelo", 1.1, "without"});
+    addRuns<StallDetector>(catalogue, "stall detector", form, passes, false, backend);
+    catalogue.aim({"stall detector", form, "brelo", 1.01, "without"});
   }
-  addRuns(catalogue, "1 task in a group", groupRuns, true, Backend::host);
+  addRuns<Monitor>(catalogue, "monitor", "1 task in a group", groupRuns, true, Backend::host);
   addDocument(catalogue, "10,000 tasks, 100 names", 10'000, 100, 2e6);
   addDocument(catalogue, "100,000 tasks, 500 names", 100'000, 500, 20e6);
 }
