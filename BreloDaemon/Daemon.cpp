@@ -35,6 +35,9 @@ constexpr int exceptionsMax = 100;
 // How often it is looked whether anything is left, once nothing of the kit is.
 constexpr double lookSeconds = 0.01;
 
+// Two signals within this time are one: timeout(1) sends its own to the process and to its group.
+constexpr double sameSignalSeconds = 0.05;
+
 /// Has done what comes before the first descriptor and the first write to a peer.
 std::string prepared(std::string name) {
   Impl::openStandardDescriptors();
@@ -105,16 +108,18 @@ class Daemon::Frame {
     while (!stepsDone_ && left() > 0)
       enter([this] { Brelo::Platform::doEventLoop(left()); });
     stopTasks_.clear();
-    while (left() > 0 && !nothingLeft())
+    bool ended;
+    while (!(ended = nothingLeft()) && left() > 0)
       enter([this] { Brelo::Platform::doEventLoop(std::min(lookSeconds, left())); });
-    if (left() <= 0) sayWhatIsLeft();
+    if (!ended) sayWhatIsLeft();
     return status_;
   }
 
   void stop(int status) {
     status_ = std::max(status_, status);
     if (std::exchange(stopping_, true)) return;
-    deadline_ = Brelo::time() + limit_;
+    stopTime_ = Brelo::time();
+    deadline_ = stopTime_ + limit_;
     report(service_.stopping());
     for (int const signal : ownSignals_)
       ::signal(signal, SIG_IGN);  // one that comes when nobody takes it any more
@@ -148,13 +153,13 @@ class Daemon::Frame {
  private:
   double left() const { return deadline_ - Brelo::time(); }
 
-  /// Of what keeps the loop, when the steps are done. Those that were made since then are taken,
-  /// and a stop signal that has come is the end of the limit.
+  /// Of what keeps the loop, when the steps are done. Those that were made since then are taken.
   bool nothingLeft() {
     timespec const now{};
-    if (sigtimedwait(&stopSignalSet_, nullptr, &now) > 0) deadline_ = 0;
-    if (!StopSequence::instance().empty()) goOn_.schedule();
-    return Brelo::Platform::pendingCount() == 0;
+    if (sigtimedwait(&stopSignalSet_, nullptr, &now) > 0) hurry();
+    if (StopSequence::instance().empty()) return Brelo::Platform::pendingCount() == 0;
+    if (left() > 0) goOn_.schedule();
+    return false;
   }
 
   /// False if the loop was left by an exception.
@@ -183,8 +188,13 @@ class Daemon::Frame {
 
   void stopSignal() {
     if (!stopping_) return stop(0);
-    deadline_ = 0;
+    hurry();
     Brelo::Platform::stopEventLoop();
+  }
+
+  /// At a stop signal that comes during the end: the limit is over.
+  void hurry() {
+    if (Brelo::time() - stopTime_ > sameSignalSeconds) deadline_ = 0;
   }
 
   void exceptionThrown(Brelo::_TaskBase* task) {
@@ -240,6 +250,7 @@ class Daemon::Frame {
   CallbackSlot<bool(Brelo::_TaskBase*)> exceptionHandler_;
   double exceptionsSince_ = 0;
   int exceptions_ = 0;
+  double stopTime_ = 0;
   double deadline_ = 0;
   int status_ = 0;
   bool running_ = false;

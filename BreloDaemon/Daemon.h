@@ -14,7 +14,8 @@ namespace BreloDaemon {
 
 /// How a daemon begins and ends.
 struct DaemonOptions {
-  /// What begins the orderly end, with status 0. A second one while it lasts ends it at once.
+  /// What begins the orderly end, with status 0. A second one, more than 50 ms after
+  /// it, ends it at once.
   std::vector<int> stopSignals = {15, 2};  // SIGTERM, SIGINT
   /// How long the orderly end may take; more than 0. A service manager has a limit of its own.
   std::chrono::nanoseconds stopLimit = std::chrono::seconds(10);

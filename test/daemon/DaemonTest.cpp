@@ -131,18 +131,37 @@ TEST_P(DaemonRun, ThatIsNotLetGoOfSaysWhatItIsAndFails) {
     BreloTest::Timer timer;
     timer.control->setTimeout(100);
     BreloTest::Timer second([] { raise(SIGTERM); });
-    second.control->setTimeout(0.03);
+    second.control->setTimeout(0.06);
     raise(SIGTERM);
     std::string const text = standardErrorOf([&] { EXPECT_EQ(daemon.run(), 1); });
     EXPECT_THAT(text, HasSubstr("test: timer BreloTest::Timer in 9"));
   });
   run([] {  // a second signal ends it at once
     Daemon daemon("test");
-    StopStep const step("never done", nullptr, [] { raise(SIGINT); });
+    BreloTest::Timer second([] { raise(SIGINT); });
+    StopStep const step("never done", nullptr, [&] { second.control->setTimeout(0.06); });
     raise(SIGTERM);
     double const start = Brelo::time();
     standardErrorOf([&] { EXPECT_EQ(daemon.run(), 1); });
     EXPECT_LT(Brelo::time() - start, 5);
+  });
+}
+
+TEST_P(DaemonRun, TakesTheSameSignalTwiceForOne) {
+  run([] {  // while a step goes on, and again when the steps are done and something keeps the loop
+    Daemon daemon("test");
+    BreloTest::Timer keeps([] { raise(SIGTERM); });
+    std::optional<StopStep> step;
+    FunctionTask ends(daemon.scheduler(), TaskPriority::low, "ends", [&] {
+      keeps.control->setTimeout(0.001);
+      step.reset();
+    });
+    step.emplace("step", nullptr, [&] {
+      raise(SIGTERM);
+      ends.schedule();
+    });
+    raise(SIGTERM);
+    EXPECT_EQ(standardErrorOf([&] { EXPECT_EQ(daemon.run(), 0); }), "");
   });
 }
 
