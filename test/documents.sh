@@ -19,8 +19,8 @@ for source in example/*.cpp; do
   grep -q "\`$source\`" doc/guide.md || fail "$source has no page in doc/guide.md"
 done
 
-for header in Brelo/*.h BreloDaemon/*.h BreloObserve/*.h ZelBrelo/*.h; do
-  grep -q "\`$header\`" doc/headers.md || fail "$header is missing in doc/headers.md"
+for header in Brelo/*.h BreloDaemon/*.h BreloObserve/*.h ZelBrelo/*.h host/*/*.h; do
+  grep -q "\`${header#host/}\`" doc/headers.md || fail "$header is missing in doc/headers.md"
 done
 
 blocks=0
