@@ -9,3 +9,5 @@ void endings();
 void exports();
 void traces();
 void failures();
+void reports();
+void helpers();

@@ -1,5 +1,6 @@
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <string>
 
@@ -7,6 +8,8 @@
 #include "Brelo/Backtrace.h"
 #include "Brelo/Debug.h"
 #include "Brelo/Exception.h"
+#include "Brelo/FileLock.h"
+#include "Brelo/TaskScheduler.h"
 #include "Snippets.h"
 
 using namespace Brelo;
@@ -40,4 +43,23 @@ void failures() {
   }
   BacktraceTracker::printAll(std::cerr);  // the same, though it was caught
   if (BacktraceTracker::tracked().size() != 1) std::abort();
+}
+
+void reports() {
+  auto const root = TaskSchedulerRoot::TaskSchedulerRootIs("mydaemon");
+  root->statsRenderTextForDebugStdErr();
+  root->historyRenderTextForDebugStdErr();
+  std::string const document = root->statsRenderJsonToString(true, true, true);
+  if (document.find("\"mydaemon\"") == std::string::npos) std::abort();
+}
+
+void helpers() {
+  std::string directory = std::filesystem::temp_directory_path() / "brelo-guide-XXXXXX";
+  if (mkdtemp(directory.data()) == nullptr) std::abort();
+  {
+    FileLock lock(trace, directory, "mydaemon.lock");
+    if (!lock.lock(false)) throw RuntimeException("mydaemon runs already");
+    if (FileLock(trace, directory, "mydaemon.lock").lock(false)) std::abort();
+  }
+  std::filesystem::remove_all(directory);
 }

@@ -12,5 +12,7 @@ int main() {
   exports();
   traces();
   failures();
+  reports();
+  helpers();
   std::cout << "all have run\n";
 }

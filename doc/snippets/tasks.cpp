@@ -71,8 +71,9 @@ void tasks() {
 
 void timers() {
   auto const task = std::make_shared<Indexer>(TaskSchedulerRoot::TaskSchedulerRootIs("timers"));
-  task->scheduleTaskDelay(std::chrono::milliseconds(250));  // instead of whatever was pending
-  task->scheduleTaskLowestDelay(0.001);                     // no later than that
+  task->scheduleTaskDelay(std::chrono::milliseconds(250));      // instead of whatever was pending
+  task->scheduleTaskDelay(std::chrono::duration<double>(0.2));  // instead of that
+  task->scheduleTaskLowestDelay(0.001);                         // no later than that
   Platform::doEventLoop();
   expect(task->runs == 1);
   task->scheduleTaskJitterUp(60.0, 10);  // 60 to 66 s
