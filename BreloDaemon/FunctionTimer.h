@@ -3,6 +3,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "Brelo/Export.h"
@@ -33,6 +34,17 @@ class BRELO_EXPORT FunctionTimer {
   /// grid is kept however late a run is, and the times that a late run has missed are left out:
   /// the next run is on the first one that is to come. A period of zero or less is an assertion.
   void every(std::chrono::nanoseconds period);
+  /// The same for spans of floating point, as TaskTimeDuration takes them.
+  /// @{
+  template <class Rep, class Period, std::enable_if_t<std::is_floating_point_v<Rep>, int> = 0>
+  void once(std::chrono::duration<Rep, Period> delay) {
+    once(std::chrono::nanoseconds(Brelo::TaskTimeDuration(delay).count()));
+  }
+  template <class Rep, class Period, std::enable_if_t<std::is_floating_point_v<Rep>, int> = 0>
+  void every(std::chrono::duration<Rep, Period> period) {
+    every(std::chrono::nanoseconds(Brelo::TaskTimeDuration(period).count()));
+  }
+  /// @}
   void cancel();       ///< no run is coming any more
   bool armed() const;  ///< a run is coming
   /// The task itself, for its quantum, suspension and figures.

@@ -71,7 +71,7 @@ TEST_P(Function, APeriodKeepsItsGridAndLeavesOutWhatIsMissed) {
       if (times.size() == 8) timer.cancel();
     });
     start = Brelo::time();
-    timer.every(5ms);
+    timer.every(std::chrono::duration<double>(period));
     EXPECT_THROW(doEventLoop(), std::runtime_error);
     root->requestSchedulerRun();
     doEventLoop();
@@ -87,7 +87,7 @@ TEST_P(Function, APeriodKeepsItsGridAndLeavesOutWhatIsMissed) {
     int runs = 0;
     FunctionTimer once(root, TaskPriority::normal, "once", [&] { ++runs; });
     once.once(1h);
-    once.once(1ms);
+    once.once(std::chrono::duration<float, std::milli>(1));
     doEventLoop();
     EXPECT_EQ(runs, 1);
     std::optional<FunctionTimer> own;
