@@ -53,11 +53,14 @@ std::string addr2lineCommands(Json const& frames) {
   return commands;
 }
 
+// Names of templates go on for hundreds of columns, and would push the modules out of sight.
+constexpr std::size_t functionColumns = 60;
+
 std::string framesText(Json const& frames) {
   Table table({{"", Table::Align::right}, {"", Table::Align::left}, {"", Table::Align::left}});
   std::size_t number = 0;
   for (Json const& frame : frames) {
-    std::string const function = textOf(frame, "function");
+    std::string const function = cutTo(printable(textOf(frame, "function")), functionColumns);
     table.line({"#" + std::to_string(number++), function.empty() ? "?" : function,
                 textOf(frame, "module", "?") + "+" + textOf(frame, "offset", "?")});
   }

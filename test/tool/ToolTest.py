@@ -159,7 +159,7 @@ class Commands(ToolTest):
     def testAStallHasItsStackAndCommandsThatAShellTakes(self):
         module = self.path + " it's $(touch x)"
         frames = [{'module': module, 'offset': '0x12', 'function': 'Cache::sweep()'},
-                  {'module': '/lib/c.so', 'offset': '0x1'}, {'module': module, 'offset': '0x34', 'function': 'main'},
+                  {'module': '/lib/c.so', 'offset': '0x1', 'function': 'f<' + 300 * 'x' + '>'}, {'module': module, 'offset': '0x34', 'function': 'main'},
                   {'module': 'x', 'offset': '1; touch y'}, None]
         self.serve({'stalls': document('stalls', {'limit_s': 0.1, 'caught': 5, 'stalls': [
             {'group': 'main', 'name': 'client', 'count': 2, 'longest_s': 0.35, 'last_s': 0.12, 'last_cpu_s': 0.01,
@@ -167,6 +167,7 @@ class Commands(ToolTest):
         printed = self.brelo('stalls', self.path).decode()
         self.assertIn('client in main: 2 stalls, the longest 350 ms, the latest 120 ms (10.0 ms of CPU time: blocked), 10.', printed)
         self.assertIn('#0  Cache::sweep()', printed)
+        self.assertRegex(printed, r'#1  f<x{57}~ +/lib/c.so\+0x1\n', 'a long name leaves the others in sight')
         commands = [line.strip() for line in printed.splitlines() if 'addr2line' in line]
         words = [subprocess.run(['sh', '-c', f'printf "%s\n" {line}'], capture_output=True, text=True).stdout.splitlines()
                  for line in commands]
