@@ -17,21 +17,27 @@ class TaskImpl;
 /// handler of a signal on the root's own. See `TaskSchedulerRoot::runMark`.
 class RunMark {
  public:
-  /// A run, or the part of one in which no other ran, or a time without runs. Two of them are equal
-  /// if they are of the same kind and began in the same nanosecond.
+  /// A run, or the part of one in which no other ran, or a time without runs.
   class Phase {
    public:
+    /// From the `word()` of another; without one, a time without runs since the clock's zero.
     constexpr explicit Phase(std::uint64_t word = 0) : word_(word) {}
+    /// Of a run, and of a time without runs, that began then.
+    /// @{
     static Phase runs(TaskTimePoint since) { return Phase(bits(since) | 1); }
     static Phase idles(TaskTimePoint since) { return Phase(bits(since)); }
+    /// @}
 
-    bool running() const { return (word_ & 1) != 0; }
+    bool running() const { return (word_ & 1) != 0; }  ///< a run
     /// When it began, in nanoseconds of the monotonic clock.
     std::int64_t since() const { return static_cast<std::int64_t>(word_ >> 1); }
-    std::uint64_t word() const { return word_; }
+    std::uint64_t word() const { return word_; }  ///< all of it in one number
 
+    /// Of the same kind, and begun in the same nanosecond.
+    /// @{
     friend bool operator==(Phase a, Phase b) { return a.word_ == b.word_; }
     friend bool operator!=(Phase a, Phase b) { return !(a == b); }
+    /// @}
 
    private:
     static std::uint64_t bits(TaskTimePoint time) {
