@@ -63,6 +63,7 @@ struct StackTaker::Walk {
     std::uintptr_t const address = unwinder.address(frame, &interrupted);
     // First come the handler and the way back from it.
     if (stack.count == 0 && address != start) return ++passed < passedMax;
+    if (stack.count > 0 && address == 0) return false;  // beyond the outermost call
     auto const i = static_cast<std::size_t>(stack.count++);
     stack.addresses[i] = interrupted != 0 ? address : address - 1;
     stack.functions[i] = unwinder.function(frame);

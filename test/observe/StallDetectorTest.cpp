@@ -115,6 +115,7 @@ TEST_P(StallDetectorSuite, TellsOfEachStackOnceAndCountsTheOthers) {
     EXPECT_GE(told[0].length, stallLength);
     EXPECT_LT(told[0].cpu, limit);
     EXPECT_GT(told[0].frames.size(), 10U);
+    EXPECT_NE(told[0].frames.back().address, UINTPTR_MAX) << "what lies beyond the outermost call";
     EXPECT_THAT(traced.take(), testing::MatchesRegex(
                                    "BreloObserve/1 StallDetector::.* a of root held the loop for "
                                    "0.0.*\n    0x.*b of root held.*"));
