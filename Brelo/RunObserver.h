@@ -27,7 +27,10 @@ class BRELO_EXPORT RunObserver {
     Run const* outer;       ///< the observed run that this one is inside of, or null
     TaskTimePoint request;  ///< when the task was queued; the start for one that was not
     TaskTimePoint start;    ///< of the run
-    TaskTimePoint end;      ///< set at the end, as the next two
+    /// By how much the scheduler's look that found the task was late, or negative for a run that no
+    /// look was needed for.
+    TaskTimeDuration slip;
+    TaskTimePoint end;  ///< set at the end, as the next two
     /// The length, or under virtual time what that has moved by.
     TaskTimeDuration used;
     bool threw;                     ///< an exception has left the run
@@ -40,9 +43,9 @@ class BRELO_EXPORT RunObserver {
   enum Hears : unsigned {
     starts = 1,
     ends = 2,
-    looks = 4,
+    emptyLooks = 4,
     waits = 8,
-    everything = starts | ends | looks | waits,
+    everything = starts | ends | emptyLooks | waits,
     markChanges = 16,  ///< and the root keeps its RunMark up; a hundredth of a pass
   };
 
@@ -54,8 +57,9 @@ class BRELO_EXPORT RunObserver {
   /// It has ended, and its task is still there. The first end may be that of a run amid which the
   /// observer was added.
   virtual void runEnds(Run const& run) noexcept;
-  /// A scheduler of the tree looks for a task, `slip` after it asked for that. A run may follow.
-  virtual void schedulerLooks(TaskScheduler const& scheduler, TaskTimeDuration slip) noexcept;
+  /// A scheduler of the tree has looked for a task, `slip` after it asked for that, and found none,
+  /// or may run none. Of a look that finds one the run tells.
+  virtual void emptyLook(TaskScheduler const& scheduler, TaskTimeDuration slip) noexcept;
   /// The thread's loop has waited, or the host's virtual time has skipped, for so long. A look at
   /// the descriptors that does not wait is not told.
   virtual void loopWaited(TaskTimeDuration length) noexcept;

@@ -161,11 +161,9 @@ class BRELO_EXPORT TaskScheduler : public TaskSchedulerCounts,
   struct Parts;
 
   void clearStatsCommon();
-  void observedRun(TaskImpl& task, TaskTimePoint const& request, TaskTimePoint const& start,
-                   TaskTimePoint* finish);
   void recordedRun(TaskImpl& task, TaskTimePoint const& request, TaskTimePoint const& start,
-                   TaskTimePoint* finish);
-  void observedLook();
+                   TaskTimeDuration slip, TaskTimePoint* finish);
+  void observedEmptyLook();
 
   std::shared_ptr<TaskSchedulerHistory> schedulerHistory_;  // outlives all names below
   ConstStringRef schedulerName_;

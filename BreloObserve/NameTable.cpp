@@ -55,6 +55,7 @@ void NameTable::clearWindow() noexcept {
                                     [](auto const& each) { return each->run.count() == 0; });
   accounts_.erase(ended, accounts_.end());
   std::fill(slots_.begin(), slots_.end(), Slot{});
+  latest_ = {};
   for (auto const& account : accounts_) {
     account->clearWindow();
     insert({account->group.identity(), account->name.identity()}, *account);

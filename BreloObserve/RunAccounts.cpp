@@ -33,7 +33,7 @@ nanoseconds threadCpuTime() {
 }
 
 RunAccounts::RunAccounts(std::shared_ptr<Brelo::TaskSchedulerRoot> root, std::size_t namesMax)
-    : RunObserver(ends | looks | waits), root_(std::move(root)), names_(namesMax) {
+    : RunObserver(ends | emptyLooks | waits), root_(std::move(root)), names_(namesMax) {
   other_ = sumAccount("(other)");
   existing(root_).runObserverAdd(*this);
   clear();
@@ -75,6 +75,11 @@ NameAccount& RunAccounts::newAccount(Brelo::TaskImpl const& task) noexcept {
   return account != nullptr ? *account : other_;
 }
 
+inline void RunAccounts::countLook(Brelo::TaskTimeDuration slip) noexcept {
+  ++loop_.looks;
+  loop_.slip.add(asNanoseconds(slip));
+}
+
 void RunAccounts::runEnds(Run const& run) noexcept {
   NameAccount& account = accountOf(run.task);
   nanoseconds const used = asNanoseconds(run.used);
@@ -84,6 +89,7 @@ void RunAccounts::runEnds(Run const& run) noexcept {
     account.beforeWindow += used - inWindow;
   }
   if (run.outer == nullptr) loop_.running += inWindow;
+  if (run.slip.count() >= 0 && run.task.taskScheduler().get() == root_.get()) countLook(run.slip);
   if (!account.run.add(used) || !account.wait.add(run.start - run.request)) ++loop_.runsLost;
   account.priority = run.task.taskPriority();
   // Less than before is what a task whose figures have been zeroed meanwhile has done since.
@@ -128,11 +134,9 @@ nanoseconds RunAccounts::underWay() const {
   return usedSoFar(*run);
 }
 
-void RunAccounts::schedulerLooks(Brelo::TaskScheduler const& scheduler,
-                                 Brelo::TaskTimeDuration slip) noexcept {
-  if (&scheduler != root_.get()) return;
-  ++loop_.looks;
-  loop_.slip.add(asNanoseconds(slip));
+void RunAccounts::emptyLook(Brelo::TaskScheduler const& scheduler,
+                            Brelo::TaskTimeDuration slip) noexcept {
+  if (&scheduler == root_.get()) countLook(slip);
 }
 
 /// What a loop inside a run waits is that run's.

@@ -13,7 +13,7 @@ namespace Brelo {
 
 void RunObserver::runStarts(Run const&) noexcept {}
 void RunObserver::runEnds(Run const&) noexcept {}
-void RunObserver::schedulerLooks(TaskScheduler const&, TaskTimeDuration) noexcept {}
+void RunObserver::emptyLook(TaskScheduler const&, TaskTimeDuration) noexcept {}
 void RunObserver::loopWaited(TaskTimeDuration) noexcept {}
 void RunObserver::runMarkChanged() noexcept {}
 void RunObserver::statsCleared(TaskScheduler const&) noexcept {}
@@ -78,28 +78,20 @@ void TaskSchedulerRoot::tellStatsCleared(TaskScheduler const& scheduler) const {
     each->statsCleared(scheduler);
 }
 
-void TaskScheduler::observedLook() {
-  if ((observation_->hears & RunObserver::looks) == 0) return;
+void TaskScheduler::observedEmptyLook() {
   TaskTimeDuration const slip = schedulerRunStartTime_ - schedulerRunRequestTime_;
-  observation_->tell(RunObserver::looks,
-                     [&](RunObserver& observer) { observer.schedulerLooks(*this, slip); });
+  observation_->tell(RunObserver::emptyLooks,
+                     [&](RunObserver& observer) { observer.emptyLook(*this, slip); });
 }
 
 void TaskScheduler::runTask(TaskImpl& task, TaskTimePoint const& request,
                             TaskTimePoint const& start, TaskTimePoint* finish) {
   if (observation_ == nullptr) {
     task.taskDoRun(start, finish);
-  } else {
-    observedRun(task, request, start, finish);
-  }
-}
-
-void TaskScheduler::observedRun(TaskImpl& task, TaskTimePoint const& request,
-                                TaskTimePoint const& start, TaskTimePoint* finish) {
-  if ((observation_->hears & (RunObserver::starts | RunObserver::ends)) != 0) {
-    recordedRun(task, request, start, finish);
-  } else {
+  } else if (observation_->hears == RunObserver::markChanges) {
     observation_->markedRun(task, start, finish);
+  } else {
+    recordedRun(task, request, start, TaskTimeDuration(-1), finish);
   }
 }
 
@@ -109,10 +101,12 @@ void Impl::RunObservation::tellMarkChanged() {
 }
 
 void TaskScheduler::recordedRun(TaskImpl& task, TaskTimePoint const& request,
-                                TaskTimePoint const& start, TaskTimePoint* finish) {
+                                TaskTimePoint const& start, TaskTimeDuration slip,
+                                TaskTimePoint* finish) {
   Impl::RunObservation& observation = *observation_;
-  RunObserver::Run run{task,  observation.innermost, request, start,
-                       start, TaskTimeDuration(),    false,   task.taskWorkCountTotal};
+  RunObserver::Run run{
+      task,  observation.innermost,  request, start, slip, start, TaskTimeDuration(),
+      false, task.taskWorkCountTotal};
   auto const ends = [&](TaskTimePoint const& end) {
     run.end = end;
     run.used = task.runTimeUntil(end);
@@ -120,7 +114,9 @@ void TaskScheduler::recordedRun(TaskImpl& task, TaskTimePoint const& request,
     observation.tell(RunObserver::ends, [&](RunObserver& observer) { observer.runEnds(run); });
   };
   observation.innermost = &run;
-  observation.tell(RunObserver::starts, [&](RunObserver& observer) { observer.runStarts(run); });
+  if ((observation.hears & RunObserver::starts) != 0) {
+    observation.tell(RunObserver::starts, [&](RunObserver& observer) { observer.runStarts(run); });
+  }
   try {
     if ((observation.hears & RunObserver::markChanges) == 0) {
       task.taskDoRun(start, finish);

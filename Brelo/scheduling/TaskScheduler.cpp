@@ -87,7 +87,7 @@ TaskTimePoint TaskScheduler::checkSchedulerLatency() {
 void TaskScheduler::handleSchedulerRun() {
   checkSchedulerLatency();
   if (root().suspended()) {
-    if (__builtin_expect(observation_ != nullptr, 0)) observedLook();
+    if (__builtin_expect(observation_ != nullptr, 0)) observedEmptyLook();
     BRELO_TRACE(schedulerTrace, 8, "TaskScheduler", "{} Suspended", *this);
     history().insert(schedulerRunStartTime_,
                      TaskSchedulerEventType::schedulerRunIgnoredWhileSuspended, *this);
@@ -95,7 +95,7 @@ void TaskScheduler::handleSchedulerRun() {
   }
   TaskImpl* const task = pickOneTask(schedulerRunStartTime_, TaskPriority::absolute);
   if (task == nullptr) {
-    if (__builtin_expect(observation_ != nullptr, 0)) observedLook();
+    if (__builtin_expect(observation_ != nullptr, 0)) observedEmptyLook();
     schedulerHasRunnableTasksIs(false, schedulerRunStartTime_);
     return;
   }
@@ -110,8 +110,10 @@ void TaskScheduler::handleSchedulerRun() {
     } else if (observation_->hears == RunObserver::markChanges) {
       observation_->markedRun(*task, schedulerRunStartTime_, &finish);
     } else {
-      observedLook();
-      observedRun(*task, task->taskScheduleTime(), schedulerRunStartTime_, &finish);
+      recordedRun(*task, task->taskScheduleTime(), schedulerRunStartTime_,
+                  std::max(TaskTimeDuration(schedulerRunStartTime_ - schedulerRunRequestTime_),
+                           TaskTimeDuration()),
+                  &finish);
     }
     BRELO_TRACE(schedulerTrace, 8, "TaskScheduler", "{} Scheduler completed task, request run",
                 *this);

@@ -19,12 +19,16 @@ class NameTable {
   explicit NameTable(std::size_t namesMax);
 
   /// The account of the task's name, or null.
-  NameAccount* find(Brelo::TaskImpl const& task) const {
+  NameAccount* find(Brelo::TaskImpl const& task) {
     Key const key = keyOf(task);
+    if (latest_.key.group == key.group && latest_.key.name == key.name) return latest_.account;
     for (std::size_t at = home(key);; at = (at + 1) & mask_) {
       Slot const& slot = slots_[at];
       if (slot.account == nullptr) return nullptr;
-      if (slot.key.group == key.group && slot.key.name == key.name) return slot.account;
+      if (slot.key.group == key.group && slot.key.name == key.name) {
+        latest_ = slot;
+        return slot.account;
+      }
     }
   }
   /// A new account for a task that has none; null where there is no room or no memory.
@@ -57,6 +61,7 @@ class NameTable {
   std::size_t namesMax_;
   std::size_t mask_;
   std::vector<Slot> slots_;  // at most half of them taken
+  Slot latest_{};            // the one that was found last: the next run is often of the same name
   std::vector<std::unique_ptr<NameAccount>> accounts_;
 };
 

@@ -61,11 +61,12 @@ class RunAccounts final : Brelo::RunObserver {
 
  private:
   void runEnds(Run const& run) noexcept override;
-  void schedulerLooks(Brelo::TaskScheduler const& scheduler,
-                      Brelo::TaskTimeDuration slip) noexcept override;
+  void emptyLook(Brelo::TaskScheduler const& scheduler,
+                 Brelo::TaskTimeDuration slip) noexcept override;
   void loopWaited(Brelo::TaskTimeDuration length) noexcept override;
   void statsCleared(Brelo::TaskScheduler const& scheduler) noexcept override;
 
+  void countLook(Brelo::TaskTimeDuration slip) noexcept;
   NameAccount& accountOf(Brelo::TaskImpl const& task) noexcept;
   NameAccount& newAccount(Brelo::TaskImpl const& task) noexcept;
   static void countViolation(NameAccount& account, Run const& run) noexcept;

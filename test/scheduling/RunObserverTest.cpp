@@ -36,6 +36,7 @@ class Notes : public RunObserver {
   static constexpr unsigned marks = markChanges;
 
   void runStarts(Run const& run) noexcept override {
+    if (run.slip.count() >= 0) looked(*run.task.taskScheduler(), run.slip);
     said.push_back("start " + name(run));
     depth.push_back(&run);
   }
@@ -53,8 +54,10 @@ class Notes : public RunObserver {
     waited = run.start - run.request;
     work += run.task.taskWorkCountTotal - run.workCountBefore;
   }
-  void schedulerLooks(Brelo::TaskScheduler const& scheduler,
-                      TaskTimeDuration slip) noexcept override {
+  void emptyLook(Brelo::TaskScheduler const& scheduler, TaskTimeDuration slip) noexcept override {
+    looked(scheduler, slip);
+  }
+  void looked(Brelo::TaskScheduler const& scheduler, TaskTimeDuration slip) {
     said.push_back("look " + scheduler.schedulerName());
     if (&scheduler == &scheduler.root()) longestSlip = std::max(longestSlip, slip);
   }
@@ -260,7 +263,7 @@ TEST_P(RunObserverSuite, WhoHearsOfRunsAloneHearsOfNothingElse) {
     EXPECT_FALSE(all.waits.empty());
     root->runObserverRemove(all);
     waitsAndRuns();
-    EXPECT_EQ(runs.said, (Said{"start t", "end t", "start t", "end t"}));
+    EXPECT_EQ(runs.said, (Said{"look root", "start t", "end t", "look root", "start t", "end t"}));
     EXPECT_TRUE(runs.waits.empty());
     root->runObserverRemove(runs);
   });
