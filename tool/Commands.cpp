@@ -21,15 +21,15 @@ Connection Target::connect(std::chrono::milliseconds connectMax) const {
   return Connection(path, limits);
 }
 
-void addTarget(CLI::App& command, Target& target) {
-  command.add_option("SOCKET", target.path, "Unix socket at which the daemon answers")->required();
+void addTarget(Command const& command, Target& target) {
+  command.value("SOCKET", target.path, "Unix socket at which the daemon answers").required();
   addTimeout(command, target.timeoutSeconds);
 }
 
-void addTimeout(CLI::App& command, double& seconds) {
-  command.add_option("--timeout", seconds, "seconds that the daemon may take for an answer")
-      ->check(CLI::Range(0.001, 1e6))
-      ->capture_default_str();
+void addTimeout(Command const& command, double& seconds) {
+  command.value("--timeout", seconds, "seconds that the daemon may take for an answer")
+      .within(0.001, 1e6)
+      .defaultShown();
 }
 
 std::string requestValue(std::string const& word) {

@@ -38,14 +38,14 @@ void run(Options const& options) {
 
 }  // namespace
 
-void addExceptions(CLI::App& app) {
+void addExceptions(Command const& program) {
   auto const options = std::make_shared<Options>();
-  CLI::App& command = addCommand(app, "exceptions",
-                                 "Print the latest exceptions with their backtraces", options, run);
+  Command const command = program.subcommand(
+      "exceptions", "Print the latest exceptions with their backtraces", options, run);
   addTarget(command, options->daemon);
-  CLI::Option* const on = command.add_flag("--on", options->on, "turn their recording on");
-  command.add_flag("--off", options->off, "turn it off")->excludes(on);
-  command.add_flag("--json", options->json, "the daemon's document as it is");
+  Option const on = command.flag("--on", options->on, "turn their recording on");
+  command.flag("--off", options->off, "turn it off").excludes(on);
+  command.flag("--json", options->json, "the daemon's document as it is");
 }
 
 }  // namespace Tool

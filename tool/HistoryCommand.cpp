@@ -96,17 +96,17 @@ void run(Options const& options) {
 
 }  // namespace
 
-void addHistory(CLI::App& app) {
+void addHistory(Command const& program) {
   auto const options = std::make_shared<Options>();
-  CLI::App& command = addCommand(app, "history",
-                                 "Print the latest events: number, time of day, distance from the "
-                                 "event before, what happened to whom",
-                                 options, run);
+  Command const command =
+      program.subcommand("history",
+                         "Print the latest events: number, time of day, distance from the "
+                         "event before, what happened to whom",
+                         options, run);
   addTarget(command, options->daemon);
-  command.add_option("--since", options->since, "the number of the first event to print")
-      ->check(CLI::NonNegativeNumber);
-  command.add_flag("--follow", options->follow, "go on with what happens next");
-  command.add_flag("--json", options->json, "the daemon's documents as they are");
+  command.value("--since", options->since, "the number of the first event to print").notNegative();
+  command.flag("--follow", options->follow, "go on with what happens next");
+  command.flag("--json", options->json, "the daemon's documents as they are");
 }
 
 }  // namespace Tool

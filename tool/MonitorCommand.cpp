@@ -118,21 +118,20 @@ void run(Options const& options) {
 
 }  // namespace
 
-void addMonitor(CLI::App& app) {
+void addMonitor(Command const& program) {
   auto const options = std::make_shared<Options>();
-  CLI::App& command = addCommand(
-      app, "monitor", "Print how the loop's time is spent, and on what, as a table", options, run);
+  Command const command = program.subcommand(
+      "monitor", "Print how the loop's time is spent, and on what, as a table", options, run);
   addTarget(command, options->daemon);
-  command.add_option("--top", options->top, "so many names, the others together; 0 for all")
-      ->check(CLI::NonNegativeNumber)
-      ->capture_default_str();
-  command.add_option("--sort", options->sort,
-                     "by this column of the document, the largest first (run_s unless given)");
-  command.add_option("--group", options->group, "only the names of this group");
-  CLI::Option* const json =
-      command.add_flag("--json", options->json, "the daemon's document as it is");
-  command.add_flag("--histograms", options->histograms, "with the histograms behind the figures")
-      ->needs(json);
+  command.value("--top", options->top, "so many names, the others together; 0 for all")
+      .notNegative()
+      .defaultShown();
+  command.value("--sort", options->sort,
+                "by this column of the document, the largest first (run_s unless given)");
+  command.value("--group", options->group, "only the names of this group");
+  Option const json = command.flag("--json", options->json, "the daemon's document as it is");
+  command.flag("--histograms", options->histograms, "with the histograms behind the figures")
+      .needs(json);
   command.footer("RUN and WAIT are means; LATE counts runs of at least twice the quantum.");
 }
 

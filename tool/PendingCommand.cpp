@@ -25,12 +25,12 @@ void run(Options const& options) {
 
 }  // namespace
 
-void addPending(CLI::App& app) {
+void addPending(Command const& program) {
   auto const options = std::make_shared<Options>();
-  CLI::App& command = addCommand(
-      app, "pending", "Print what keeps the daemon's loop running, one on a line", options, run);
+  Command const command = program.subcommand(
+      "pending", "Print what keeps the daemon's loop running, one on a line", options, run);
   addTarget(command, options->daemon);
-  command.add_flag("--json", options->json, "the daemon's document as it is");
+  command.flag("--json", options->json, "the daemon's document as it is");
 }
 
 }  // namespace Tool

@@ -16,12 +16,12 @@ void run(Options const& options) {
 
 }  // namespace
 
-void addReport(CLI::App& app) {
+void addReport(Command const& program) {
   auto const options = std::make_shared<Options>();
-  CLI::App& command =
-      addCommand(app, "report", "Print the scheduler's own report, as JSON", options, run);
+  Command const command =
+      program.subcommand("report", "Print the scheduler's own report, as JSON", options, run);
   addTarget(command, options->daemon);
-  command.add_flag("--text", options->text, "as a table for people");
+  command.flag("--text", options->text, "as a table for people");
 }
 
 }  // namespace Tool

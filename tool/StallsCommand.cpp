@@ -99,12 +99,12 @@ void run(Options const& options) {
 
 }  // namespace
 
-void addStalls(CLI::App& app) {
+void addStalls(Command const& program) {
   auto const options = std::make_shared<Options>();
-  CLI::App& command = addCommand(
-      app, "stalls", "Print the runs that held the loop too long, with their stacks", options, run);
+  Command const command = program.subcommand(
+      "stalls", "Print the runs that held the loop too long, with their stacks", options, run);
   addTarget(command, options->daemon);
-  command.add_flag("--json", options->json, "the daemon's document as it is");
+  command.flag("--json", options->json, "the daemon's document as it is");
 }
 
 }  // namespace Tool

@@ -145,24 +145,24 @@ void run(Options const& options) {
 
 }  // namespace
 
-void addTimeline(CLI::App& app) {
+void addTimeline(Command const& program) {
   auto const options = std::make_shared<Options>();
-  CLI::App& command =
-      addCommand(app, "timeline",
-                 "Record what daemons do as a file for Perfetto or chrome://tracing", options, run);
-  command.add_option("SOCKET", options->sockets, "Unix sockets at which the daemons answer");
-  command.add_option("-o,--output", options->output, "the file; - for standard output")->required();
-  command.add_option("--seconds", options->seconds, "how long to record; 0: until interrupted")
-      ->check(CLI::Range(0.0, 1e6))
-      ->capture_default_str();
+  Command const command = program.subcommand(
+      "timeline", "Record what daemons do as a file for Perfetto or chrome://tracing", options,
+      run);
+  command.value("SOCKET", options->sockets, "Unix sockets at which the daemons answer");
+  command.value("-o,--output", options->output, "the file; - for standard output").required();
+  command.value("--seconds", options->seconds, "how long to record; 0: until interrupted")
+      .within(0.0, 1e6)
+      .defaultShown();
   command
-      .add_option("--capacity", options->capacity,
-                  "events that the daemon keeps meanwhile, so that none is lost")
-      ->check(CLI::Range(100, 10'000'000))
-      ->capture_default_str();
-  command.add_option("--from", options->from,
-                     "make it of saved documents (brelo history --json) instead; - for standard "
-                     "input");
+      .value("--capacity", options->capacity,
+             "events that the daemon keeps meanwhile, so that none is lost")
+      .countWithin(100, 10'000'000)
+      .defaultShown();
+  command.value("--from", options->from,
+                "make it of saved documents (brelo history --json) instead; - for standard "
+                "input");
   addTimeout(command, options->timeoutSeconds);
 }
 

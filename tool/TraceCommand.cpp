@@ -32,15 +32,14 @@ void run(Options const& options) {
 
 }  // namespace
 
-void addTrace(CLI::App& app) {
+void addTrace(Command const& program) {
   auto const options = std::make_shared<Options>();
-  CLI::App& command = addCommand(
-      app, "trace", "Print the trace settings in force, after adding some", options, run);
+  Command const command = program.subcommand(
+      "trace", "Print the trace settings in force, after adding some", options, run);
   addTarget(command, options->daemon);
-  command.add_option(
-      "SETTINGS", options->settings,
-      "what to add, as TaskScheduler/4+5; with a dash in front of it (after --) what "
-      "to take back");
+  command.value("SETTINGS", options->settings,
+                "what to add, as TaskScheduler/4+5; with a dash in front of it (after --) what "
+                "to take back");
 }
 
 }  // namespace Tool

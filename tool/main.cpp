@@ -15,17 +15,17 @@ namespace {
 
 using Tool::ExitCode;
 
-void addCommands(CLI::App& app) {
-  Tool::addTop(app);
-  Tool::addMonitor(app);
-  Tool::addStalls(app);
-  Tool::addHistory(app);
-  Tool::addTimeline(app);
-  Tool::addMetrics(app);
-  Tool::addReport(app);
-  Tool::addPending(app);
-  Tool::addExceptions(app);
-  Tool::addTrace(app);
+void addCommands(Tool::Command const& program) {
+  Tool::addTop(program);
+  Tool::addMonitor(program);
+  Tool::addStalls(program);
+  Tool::addHistory(program);
+  Tool::addTimeline(program);
+  Tool::addMetrics(program);
+  Tool::addReport(program);
+  Tool::addPending(program);
+  Tool::addExceptions(program);
+  Tool::addTrace(program);
 }
 
 int failed(ExitCode code, std::string const& text) {
@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
                  "brelo");
     app.set_version_flag("--version", "brelo " BRELO_VERSION);
     app.require_subcommand(1);
-    addCommands(app);
+    addCommands(Tool::Command(app));
     try {
       app.parse(argc, argv);
     } catch (CLI::ParseError const& error) {

@@ -167,22 +167,19 @@ void run(Options const& options) {
 
 }  // namespace
 
-void addMetrics(CLI::App& app) {
+void addMetrics(Command const& program) {
   auto const options = std::make_shared<Options>();
-  CLI::App& command = addCommand(
-      app, "metrics", "Serve the figures of daemons to Prometheus, over HTTP", options, run);
+  Command const command = program.subcommand(
+      "metrics", "Serve the figures of daemons to Prometheus, over HTTP", options, run);
   command
-      .add_option("SOCKET", options->daemons,
-                  "Unix sockets at which daemons answer, each after NAME= for its label "
-                  "unless that is the file's name")
-      ->required();
-  command.add_option("--listen", options->address, "the address to listen at")
-      ->capture_default_str();
-  command
-      .add_option("--timeout", options->timeoutSeconds,
-                  "seconds that daemons may take for a scrape")
-      ->check(CLI::Range(0.01, 1e3))
-      ->capture_default_str();
+      .value("SOCKET", options->daemons,
+             "Unix sockets at which daemons answer, each after NAME= for its label "
+             "unless that is the file's name")
+      .required();
+  command.value("--listen", options->address, "the address to listen at").defaultShown();
+  command.value("--timeout", options->timeoutSeconds, "seconds that daemons may take for a scrape")
+      .within(0.01, 1e3)
+      .defaultShown();
 }
 
 }  // namespace Tool

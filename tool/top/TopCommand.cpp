@@ -167,36 +167,32 @@ void run(Options const& options) {
 
 }  // namespace
 
-void addTop(CLI::App& app) {
+void addTop(Command const& program) {
   auto const options = std::make_shared<Options>();
-  CLI::App& command = addCommand(
-      app, "top", "Show live who holds the loops of daemons, and who waits", options, run);
-  command.add_option("SOCKET", options->sockets, "Unix sockets at which daemons answer")
-      ->required();
-  command
-      .add_option("--interval", options->intervalSeconds, "seconds from one question to the next")
-      ->check(CLI::Range(0.1, 3600.0))
-      ->capture_default_str();
-  command.add_option("--batch", options->batch, "print so many updates as text, and end")
-      ->check(CLI::Range(1U, 1'000'000'000U));
+  Command const command = program.subcommand(
+      "top", "Show live who holds the loops of daemons, and who waits", options, run);
+  command.value("SOCKET", options->sockets, "Unix sockets at which daemons answer").required();
+  command.value("--interval", options->intervalSeconds, "seconds from one question to the next")
+      .within(0.1, 3600.0)
+      .defaultShown();
+  command.value("--batch", options->batch, "print so many updates as text, and end")
+      .countWithin(1, 1'000'000'000);
   std::vector<std::string> keys{"name"};
   for (auto const& column : tableColumns)
     keys.emplace_back(column.key);
-  command.add_option("--sort", options->sort, "the column to sort by")
-      ->check(CLI::IsMember(keys))
-      ->capture_default_str();
-  command.add_option("--filter", options->filter, "only names and groups that contain this");
-  command.add_flag("--flat", options->flat, "no tree of groups");
-  command.add_flag("--since-clear", options->sinceClear,
-                   "figures since the daemon's were cleared, not of the latest interval");
+  command.value("--sort", options->sort, "the column to sort by").oneOf(keys).defaultShown();
+  command.value("--filter", options->filter, "only names and groups that contain this");
+  command.flag("--flat", options->flat, "no tree of groups");
+  command.flag("--since-clear", options->sinceClear,
+               "figures since the daemon's were cleared, not of the latest interval");
   command
-      .add_option("--quantum", options->quantumMilliseconds,
-                  "milliseconds of a run from which it is red")
-      ->check(CLI::Range(0.001, 1e6))
-      ->capture_default_str();
-  command.add_option("--width", options->width, "columns of the updates of --batch")
-      ->check(CLI::Range(40U, 1000U))
-      ->capture_default_str();
+      .value("--quantum", options->quantumMilliseconds,
+             "milliseconds of a run from which it is red")
+      .within(0.001, 1e6)
+      .defaultShown();
+  command.value("--width", options->width, "columns of the updates of --batch")
+      .countWithin(40, 1000)
+      .defaultShown();
 }
 
 }  // namespace Tool
