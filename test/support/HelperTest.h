@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <locale>
-#include <regex>
 
 #include "Brelo/Assert.h"
 #include "support/FaultInjection.h"
@@ -41,14 +40,7 @@ class HelperTest : public testing::Test {
     } catch (Brelo::Exception const& exception) {
       result = exception.msg();
     }
-    std::string text = records.take() + result;
-    for (auto const& [pattern, replacement] :
-         {std::pair{"\n", "|"},
-          {"Brelo/\\w+/\\w+\\.cpp:\\d+: |\\b(\\w+::)+~?\\w+\\(\\) ", ""},
-          {"fd:\\d+", "fd:N"},
-          {"\\b0 ([^|]*)\\|Brelo::(\\w+)Exception\\(\"\\1\"\\)$", "$2: $1"}})
-      text = std::regex_replace(text, std::regex(pattern), replacement);
-    return text;
+    return withoutPlaces(records.take() + result);
   }
   template <class Call>
   FaultRow row(Faults faults, Call call, testing::Matcher<std::string> const& expected) {
@@ -62,6 +54,8 @@ class HelperTest : public testing::Test {
   std::string directory = testing::TempDir() + "brelo.XXXXXX";
 
  private:
+  static std::string withoutPlaces(std::string text);
+
   struct Grouping : std::numpunct<char> {
     std::string do_grouping() const override { return "\3"; }
   };
