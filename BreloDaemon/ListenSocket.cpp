@@ -141,12 +141,11 @@ SocketFile::SocketFile(SocketFile&& other) noexcept
       inode_(other.inode_),
       process_(other.process_) {}
 
-SocketFile& SocketFile::operator=(SocketFile&& other) noexcept {
-  remove();
-  path_ = std::exchange(other.path_, {});
-  device_ = other.device_;
-  inode_ = other.inode_;
-  process_ = other.process_;
+SocketFile& SocketFile::operator=(SocketFile other) noexcept {
+  std::swap(path_, other.path_);
+  std::swap(device_, other.device_);
+  std::swap(inode_, other.inode_);
+  std::swap(process_, other.process_);
   return *this;
 }
 

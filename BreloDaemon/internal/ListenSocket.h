@@ -17,7 +17,7 @@ class SocketFile {
   /// Of the file that stands at `path` now.
   explicit SocketFile(std::string path);
   SocketFile(SocketFile&& other) noexcept;
-  SocketFile& operator=(SocketFile&& other) noexcept;
+  SocketFile& operator=(SocketFile other) noexcept;
   ~SocketFile() { remove(); }
 
   void remove();
