@@ -46,6 +46,13 @@ void copyText(std::string const& text, std::array<char, size>& room) {
   room[length] = '\0';
 }
 
+/// A child that another thread's work at the slots is cut off by finds the mutex free.
+void holdSlotsOverForks() {
+  static int const done = pthread_atfork([] { slotsMutex.lock(); }, [] { slotsMutex.unlock(); },
+                                         [] { slotsMutex.unlock(); });
+  if (done != 0) throw std::system_error(done, std::generic_category(), "StallDetector: forks");
+}
+
 bool registerForBarriers() {
   return syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
 }
@@ -59,6 +66,7 @@ std::int64_t clockNow(clockid_t clock) {
 }
 
 StallSlot& StallSlot::forThisThread(int signal, Brelo::RunMark& mark) {
+  holdSlotsOverForks();
   std::lock_guard<std::mutex> const lock(slotsMutex);
   install(signal);
   StallSlot* slot = firstSlot.load(std::memory_order_relaxed);

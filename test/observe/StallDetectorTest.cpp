@@ -10,6 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <fstream>
@@ -345,6 +346,28 @@ TEST(StallDetector, ForkedChildCatchesNothingUntilItHasItsOwn) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
   EXPECT_EQ(detector->caught(), 1U);
+}
+
+TEST(StallDetector, AForkAmidTheWorkOfOthersHoldsNobodyUp) {
+  std::atomic<bool> done{false};
+  std::thread other([&] {
+    auto const root = newRoot();
+    while (!done)
+      StallDetector const comesAndGoes(root, options());
+  });
+  for (int forks = 0; forks < 100; ++forks) {
+    pid_t const child = fork();
+    if (child == 0) {
+      alarm(20);
+      { StallDetector const own(newRoot(), options()); }
+      _exit(0);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  done = true;
+  other.join();
 }
 
 /// The time for which a process stands still is not the run's.
