@@ -37,7 +37,10 @@ int failed(ExitCode code, std::string const& text) {
 int usage(CLI::App const& app, CLI::ParseError const& error) {
   bool const wrong = error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success);
   if (!wrong) return app.exit(error);
-  return failed(ExitCode::usage, std::string(error.what()) + "; see brelo --help");
+  auto const unknown = app.remaining();
+  bool const noSuchCommand = app.get_subcommands().empty() && !unknown.empty();
+  std::string const what = noSuchCommand ? "there is no command " + unknown.front() : error.what();
+  return failed(ExitCode::usage, what + "; see brelo --help");
 }
 
 }  // namespace

@@ -52,6 +52,7 @@ class Connections(ToolTest):
         self.assertIn('1 to 107 bytes', self.brelo('report', 'x' * 108, code=2))
         for words in [], ['report'], ['reprot', self.path], ['report', self.path, '--timeout', 'soon']:
             self.assertIn('see brelo --help', self.brelo(*words, code=2))
+        self.assertIn('no command reprot', self.brelo('reprot', self.path, code=2))
 
     def testAnErrorOfTheDaemonIsTold(self):
         def fail(*_):
