@@ -46,12 +46,9 @@ void copyText(std::string const& text, std::array<char, size>& room) {
   room[length] = '\0';
 }
 
-/// A child that another thread's work at the slots is cut off by finds the mutex free.
-void holdSlotsOverForks() {
-  static int const done = pthread_atfork([] { slotsMutex.lock(); }, [] { slotsMutex.unlock(); },
-                                         [] { slotsMutex.unlock(); });
-  if (done != 0) throw std::system_error(done, std::generic_category(), "StallDetector: forks");
-}
+// A child that is forked amid another thread's work at the slots finds the mutex free.
+[[maybe_unused]] int const slotsHeldOverForks = pthread_atfork(
+    [] { slotsMutex.lock(); }, [] { slotsMutex.unlock(); }, [] { slotsMutex.unlock(); });
 
 bool registerForBarriers() {
   return syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
@@ -66,7 +63,6 @@ std::int64_t clockNow(clockid_t clock) {
 }
 
 StallSlot& StallSlot::forThisThread(int signal, Brelo::RunMark& mark) {
-  holdSlotsOverForks();
   std::lock_guard<std::mutex> const lock(slotsMutex);
   install(signal);
   StallSlot* slot = firstSlot.load(std::memory_order_relaxed);
@@ -80,6 +76,7 @@ StallSlot& StallSlot::forThisThread(int signal, Brelo::RunMark& mark) {
   slot->mark_ = &mark;
   slot->thread_ = Brelo::gettid();
   slot->signal_ = signal;
+  slot->barriers_ = registerForBarriers();
   if (pthread_getcpuclockid(pthread_self(), &slot->cpuClock_) != 0)
     slot->cpuClock_ = CLOCK_THREAD_CPUTIME_ID;
   slot->inUse_.store(true, std::memory_order_relaxed);
@@ -129,11 +126,10 @@ bool StallSlot::ask(Brelo::RunMark::Phase phase, std::int64_t cpuAtStart) {
 }
 
 bool StallSlot::sleepsAfter(Brelo::RunMark::Phase phase) {
-  static bool const barriers = registerForBarriers();
   attention_.fetch_or(asleep, std::memory_order_relaxed);
   mark_->tellNextChange();
   bool const ordered =
-      barriers && syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0;
+      barriers_ && syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0;
   if (ordered && this->phase() == phase) return true;
   attention_.fetch_and(~asleep, std::memory_order_relaxed);
   return false;

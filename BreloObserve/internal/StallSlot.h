@@ -77,6 +77,7 @@ class StallSlot {
   pid_t thread_ = 0;
   clockid_t cpuClock_ = CLOCK_THREAD_CPUTIME_ID;
   int signal_ = 0;
+  bool barriers_ = false;  // the kernel makes them for the watcher
 };
 
 }  // namespace BreloObserve::Impl
