@@ -1,7 +1,10 @@
 #include "CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <string>
 #include <utility>
+
+#include "Failure.h"
 
 namespace Tool {
 
@@ -75,6 +78,31 @@ Option Command::value(char const* names, std::vector<std::string>& value, char c
 
 void Command::footer(char const* text) const {
   app_->footer(text);
+}
+
+namespace {
+
+std::string whatIsWrong(CLI::App const& app, CLI::ParseError const& error) {
+  auto const unknown = app.remaining();
+  bool const noSuchCommand = app.get_subcommands().empty() && !unknown.empty();
+  return noSuchCommand ? "there is no command " + unknown.front() : error.what();
+}
+
+}  // namespace
+
+void runCommand(char const* description, std::function<void(Command const&)> const& add, int argc,
+                char** argv) {
+  CLI::App app(description, "brelo");
+  app.set_version_flag("--version", "brelo " BRELO_VERSION);
+  app.require_subcommand(1);
+  add(Command(app));
+  try {
+    app.parse(argc, argv);
+  } catch (CLI::ParseError const& error) {
+    bool const wrong = error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success);
+    if (wrong) throw Failure(whatIsWrong(app, error) + "; see brelo --help", ExitCode::usage);
+    app.exit(error);  // which prints what was asked for
+  }
 }
 
 }  // namespace Tool

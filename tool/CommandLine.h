@@ -66,4 +66,10 @@ class Command {
   CLI::App* app_;
 };
 
+/// Runs the command that a command line asks for, of those that `add` adds, or prints the help or
+/// the version that it asks for.
+/// @throws Failure  where nothing is there to run; and what the command throws
+void runCommand(char const* description, std::function<void(Command const&)> const& add, int argc,
+                char** argv);
+
 }  // namespace Tool
