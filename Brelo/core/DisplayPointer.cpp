@@ -1,9 +1,9 @@
 #include "Brelo/DisplayPointer.h"
 
-#include <fmt/compile.h>
+#include <fmt/core.h>
 
+#include <cstddef>
 #include <cstdint>
-#include <string_view>
 
 namespace Brelo {
 
@@ -11,20 +11,25 @@ std::string DisplayPointer::toString() const {
   return fmt::format("{}", *this);
 }
 
+namespace {
+
+constexpr std::size_t length = 2 + 2 * sizeof(void*);  // "0x" and two digits for each byte
+static_assert(length == 18);
+
+}  // namespace
+
 std::ostream& operator<<(std::ostream& stream, DisplayPointer const& pointer) {
   if (pointer.pointer() == nullptr) return stream << "NULL";
-  fmt::memory_buffer text;
-  fmt::format_to(fmt::appender(text), FMT_COMPILE("{}"), pointer);
+  char text[length];
+  fmt::format_to_n(text, length, "{}", pointer);
   stream.width(0);
-  return stream << std::string_view(text.data(), text.size());
+  return stream.write(text, length);
 }
 
 fmt::format_context::iterator formatValue(DisplayPointer const& pointer,
                                           fmt::format_context& context) {
   if (pointer.pointer() == nullptr) return fmt::format_to(context.out(), "NULL");
-  // "0x" and two digits for each byte of an address.
-  static_assert(2 + 2 * sizeof(void*) == 18);
-  return fmt::format_to(context.out(), FMT_COMPILE("{:#018x}"),
+  return fmt::format_to(context.out(), "{:#018x}",
                         reinterpret_cast<std::uintptr_t>(pointer.pointer()));
 }
 

@@ -3,7 +3,6 @@
 #include <fmt/compile.h>
 
 #include <algorithm>
-#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -46,7 +45,7 @@ class Line {
 
   template <class Format, class... Values>
   Line& format(Format const& format, Values const&... values) {
-    fmt::format_to(std::back_inserter(text_), format, values...);
+    fmt::format_to(fmt::appender(text_), format, values...);
     return *this;
   }
   Line& add(std::string_view text) {

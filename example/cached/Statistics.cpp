@@ -1,4 +1,4 @@
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <unistd.h>
 
 #include "Brelo/TaskSchedulerQueueStats.h"
@@ -13,7 +13,7 @@ std::string Server::statistics() const {
     runs += stats.totalRunCount;
   std::string text;
   auto const say = [&text](char const* name, auto value) {
-    fmt::format_to(std::back_inserter(text), "STAT {} {}\r\n", name, value);
+    text += fmt::format("STAT {} {}\r\n", name, value);
   };
   say("pid", ::getpid());
   say("uptime", static_cast<std::int64_t>(Brelo::time() - start));
