@@ -167,7 +167,7 @@ inline ConstStringRef::ConstStringRef(ConstStringRef const& other) noexcept
   if (!isNull()) elem()->refCountInc();
 }
 
-inline ConstStringRef::~ConstStringRef() {
+[[gnu::always_inline]] inline ConstStringRef::~ConstStringRef() {
   if (!isNull() && (bits_ & uncountedBit) == 0) elem()->refCountDec();
 }
 

@@ -4,8 +4,6 @@ if(PROJECT_IS_TOP_LEVEL)
   if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
     set(CMAKE_BUILD_TYPE Release)
   endif()
-  set(CMAKE_C_FLAGS_RELEASE "-O2 -g")
-  set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g")
   set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
   find_program(CCACHE ccache)
@@ -48,6 +46,13 @@ if(BRELO_SANITIZE)
   target_compile_options(brelo_light INTERFACE -O0 -fno-sanitize=undefined)
 endif()
 
+# What most files of a library include of others, those named as well, is parsed once. It hides an include
+# that is missing: packages are built without it.
+function(brelo_precompile target)
+  target_precompile_headers(${target} PRIVATE
+    <algorithm> <chrono> <cstring> <functional> <memory> <sstream> <string> <unordered_map> <vector> ${ARGN})
+endfunction()
+
 # A shared library exports what its headers mark, and nothing of what templates of others leave behind.
 function(brelo_export_own_names target)
   set_target_properties(${target} PROPERTIES
@@ -72,11 +77,16 @@ function(brelo_harden target)
   target_link_options(${target} PRIVATE -Wl,-z,relro,-z,now)
 endfunction()
 
-# Link-time optimisation, so that hot paths inline across files.
-function(brelo_optimise target)
-  if(NOT BRELO_SANITIZE)
-    set_target_properties(${target} PROPERTIES
-      INTERPROCEDURAL_OPTIMIZATION_RELEASE ON
-      INTERPROCEDURAL_OPTIMIZATION_RELWITHDEBINFO ON)
+# Link-time optimisation, so that hot paths inline across files: of the sources that match the expression.
+# For the others it takes far longer than to compile them, and they gain nothing.
+function(brelo_optimise target hot)
+  if(BRELO_SANITIZE)
+    return()
   endif()
+  set_target_properties(${target} PROPERTIES
+    INTERPROCEDURAL_OPTIMIZATION_RELEASE ON
+    INTERPROCEDURAL_OPTIMIZATION_RELWITHDEBINFO ON)
+  get_target_property(sources ${target} SOURCES)
+  list(FILTER sources EXCLUDE REGEX ${hot})
+  set_property(SOURCE ${sources} APPEND PROPERTY COMPILE_OPTIONS -fno-lto)
 endfunction()
