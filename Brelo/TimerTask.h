@@ -6,7 +6,7 @@
 #include "Brelo/Export.h"
 #include "Brelo/TaskImpl.h"
 #include "Brelo/TaskTimeDuration.h"
-#include "Brelo/TimerWheel.h"
+#include "Brelo/TimerWheelEvent.h"
 
 namespace Brelo {
 

@@ -9,6 +9,7 @@
 #include "Brelo/TaskSchedulerHistory.h"
 #include "Brelo/TaskSchedulerRoot.h"
 #include "Brelo/Time.h"
+#include "Brelo/TimerWheel.h"
 #include "Brelo/scheduling/SchedulerDiagnostics.h"
 #include "Brelo/scheduling/SteadyNow.h"
 

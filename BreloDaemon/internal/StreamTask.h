@@ -14,7 +14,7 @@
 
 #include "Brelo/Platform.h"
 #include "Brelo/Task.h"
-#include "Brelo/TimerWheel.h"
+#include "Brelo/TimerWheelEvent.h"
 #include "BreloDaemon/Descriptor.h"
 #include "BreloDaemon/Stream.h"
 #include "BreloDaemon/internal/CallbackSlot.h"

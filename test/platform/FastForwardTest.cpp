@@ -9,6 +9,7 @@
 
 #include "Brelo/TaskControl.h"
 #include "Brelo/TaskScheduler.h"
+#include "Brelo/TimerWheel.h"
 #include "support/Backend.h"
 #include "support/Handlers.h"
 
