@@ -120,9 +120,21 @@ std::size_t StatsServer::Core::clients() const {
 }
 
 void StatsServer::Core::begin(BreloDaemon::Stream& client) {
-  bool const tooMany = clients() >= options_.clientsMax;
+  bool const room = hasRoom();
   sessions_.emplace_back(*this, client);
-  if (tooMany) sessions_.back().dismiss("too many clients");
+  if (!room) sessions_.back().dismiss("too many clients");
+}
+
+/// Or makes some: who has been answered stands behind those who have been silent for longer.
+bool StatsServer::Core::hasRoom() {
+  if (clients() < options_.clientsMax) return true;
+  double const since = Brelo::time() - inSeconds(options_.silentLimit);
+  auto const silent =
+      std::find_if(sessions_.begin(), sessions_.end(),
+                   [&](StatsSession const& session) { return session.silentSince(since); });
+  if (silent == sessions_.end()) return false;
+  silent->dismiss("silent for too long, and others ask");
+  return true;
 }
 
 void StatsServer::Core::ended(StatsSession& session) {

@@ -37,8 +37,12 @@ struct StatsServerOptions {
   std::optional<uid_t> owner = std::nullopt;
   std::optional<gid_t> group = std::nullopt;
   /// @}
-  /// Clients at a time. One more is told so and dropped.
+  /// Clients at a time. One more is told so and dropped, unless one of them has asked nothing for
+  /// `silentLimit`: then the one that has for longest is.
+  /// @{
   std::size_t clientsMax = 16;
+  std::chrono::nanoseconds silentLimit = std::chrono::seconds(10);
+  /// @}
   /// A client that takes nothing for so long, while something is sent to it, is dropped. More than
   /// zero.
   std::chrono::nanoseconds sendLimit = std::chrono::seconds(10);

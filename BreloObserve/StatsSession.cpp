@@ -28,7 +28,8 @@ constexpr unsigned historyMax = 1'000'000;  // events: some 30 MB
 
 }  // namespace
 
-StatsSession::StatsSession(Server& server, Stream& client) : server_(server), client_(client) {
+StatsSession::StatsSession(Server& server, Stream& client)
+    : server_(server), client_(client), answeredAt_(Brelo::time()) {
   line_.reserve(Request::lineMax);
   client_.waterMarksIs(unsentMax / 4, unsentMax);
   client_.halfOpenIs(true);
@@ -99,6 +100,7 @@ void StatsSession::serve(Request const& request) {
 /// Goes on with the next line.
 void StatsSession::answered() {
   asked_ = false;
+  answeredAt_ = Brelo::time();
   if (inputEnded_ && leftover_ == 0) return client_.close();
   client_.readingPausedIs(true);
   client_.readingPausedIs(false);  // what is left is offered again

@@ -35,6 +35,7 @@ class StatsServer::Core final : public Impl::StatsSession::Server {
   void ended(Impl::StatsSession& session) override;
 
   void begin(BreloDaemon::Stream& client);
+  bool hasRoom();
   void answerNext();
   void dropThoseThatDoNotRead();
 

@@ -39,6 +39,10 @@ class StatsSession {
 
   bool isOf(BreloDaemon::Stream const& client) const { return &client_ == &client; }
   bool requestWaits() const { return asked_ && report_ == nullptr; }
+  /// Has asked nothing since then, and has nothing to take.
+  bool silentSince(double time) const {
+    return !asked_ && !dismissed_ && answeredAt_ <= time && client_.unsent() == 0;
+  }
   /// Answers the request that waits, or begins to.
   void answer();
   /// Drops a client that takes nothing for so many seconds. False if there is nothing to be taken.
@@ -82,6 +86,7 @@ class StatsSession {
   std::size_t leftover_ = 0;  // bytes that the stream keeps for us
   std::uint64_t takenBefore_ = 0;
   double movedAt_ = 0;
+  double answeredAt_;  // the latest request, or when it came
   unsigned historyWish_ = 0;
   std::shared_ptr<BreloDaemon::Stream> report_;  // from an export
   std::shared_ptr<bool> reportFailed_;

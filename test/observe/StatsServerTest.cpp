@@ -299,6 +299,29 @@ TEST_P(StatsServerTest, ServesSoManyAndTellsTheNext) {
   });
 }
 
+TEST_P(StatsServerTest, GivesThePlaceOfOneThatIsSilentToOneThatAsks) {
+  run([] {
+    StatsServerOptions options;
+    options.clientsMax = 2;
+    options.silentLimit = 100ms;
+    Served served(options);
+    StatsClient silent(served.folder.path);
+    StatsClient asks(served.folder.path);
+    double const start = Brelo::time();
+    EXPECT_TRUE(loopUntil([&] {
+      asks.ask("hello");
+      return Brelo::time() > start + 0.15;
+    }));
+    StatsClient next(served.folder.path);
+    EXPECT_EQ(next.ask("hello")["document"], "hello");
+    EXPECT_EQ(silent.readLine(), "error: silent for too long, and others ask\n");
+    EXPECT_EQ(asks.ask("hello")["document"], "hello");
+    StatsClient oneMore(served.folder.path);
+    EXPECT_EQ(oneMore.readLine(), "error: too many clients\n");
+    EXPECT_EQ(served.server.clients(), 2);
+  });
+}
+
 TEST_P(StatsServerTest, SurvivesClientsAndItselfGoingAmidAReport) {
   run([] {
     auto served = std::make_unique<Served>();
