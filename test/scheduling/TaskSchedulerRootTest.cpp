@@ -4,11 +4,14 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <functional>
+#include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <thread>
 
 #include "Brelo/Platform.h"
+#include "Brelo/RunObserver.h"
 #include "Brelo/TaskGroup.h"
 #include "Zel/Activity.h"
 #include "support/Backend.h"
@@ -50,6 +53,34 @@ TEST(Root, IsUsedOnItsOwnThreadOnlyWithThreeExcuses) {
   auxThreadCount = 0;
   // Forked from there, the child's one thread is not the owner's.
   onThread([&] { EXPECT_TRUE(passesInChild(schedule)); });
+}
+
+TEST(Root, EachCallIsForItsThreadAlone) {
+  auto const root = schedulerRootBreloNonShared("r");
+  auto const task = workTask(root, "task");
+  auto const timer = std::make_shared<WorkTimer>(root, Brelo::TaskPriority::normal, "timer");
+  struct Observer : Brelo::RunObserver {
+  } observer;
+  std::function<void()> const calls[] = {
+      [&] { (void)task->taskScheduled(); },
+      [&] { task->unscheduleTask(); },
+      [&] { (void)timer->taskScheduled(); },
+      [&] { timer->scheduleTaskDelay(1.0); },
+      [&] { timer->scheduleTaskDelay(Brelo::TaskTimeDuration(1)); },
+      [&] { timer->scheduleTaskJitterUp(1.0, 10); },
+      [&] { timer->scheduleTaskJitterDown(1.0, 10); },
+      [&] { timer->scheduleTaskLowestDelay(1.0); },
+      [&] { timer->stopTimerTask(); },
+      [&] { (void)timer->currentExpirationTime(); },
+      [&] { root->runObserverAdd(observer); },
+      [&] { root->runObserverRemove(observer); },
+      [&] { (void)root->snapshot("", true, true, true, 0); },
+      [&] { root->snapshotRenderJsonAsync(-1, {}, {}); },
+      [&] { root->statsRenderTextForDebug(std::cerr, true, true, true, true); },
+  };
+  for (auto const& call : calls) {
+    EXPECT_DEATH(std::thread(call).join(), "Executing in wrong thread") << &call - calls;
+  }
 }
 
 /// Ends after whatever static object is made later, and after the main thread's locals.
