@@ -53,8 +53,19 @@ function(brelo_precompile target)
     <algorithm> <chrono> <cstring> <functional> <memory> <sstream> <string> <unordered_map> <vector> ${ARGN})
 endfunction()
 
+# Counts which lines run: for `./dev coverage`.
+option(BRELO_LINE_COUNTS "Count which lines run" OFF)
+function(brelo_count_lines target)
+  if(BRELO_LINE_COUNTS)
+    target_sources(${target} PRIVATE ${PROJECT_SOURCE_DIR}/test/support/LineCounts.cpp)
+    target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/test)
+    target_compile_definitions(${target} PUBLIC BRELO_LINE_COUNTS)
+  endif()
+endfunction()
+
 # A shared library exports what its headers mark, and nothing of what templates of others leave behind.
 function(brelo_export_own_names target)
+  brelo_count_lines(${target})
   set_target_properties(${target} PROPERTIES
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)

@@ -9,6 +9,8 @@
 
 #include <cstdio>
 
+#include "support/LineCounts.h"
+
 namespace BreloTest {
 
 /// A forked child that has run `body` by the time it is constructed here, and stays as it is until
@@ -34,6 +36,7 @@ bool passesInChild(Body body) {
   if (pid == 0) {
     body();
     std::fflush(stdout);
+    lineCountsWrite();
     _exit(testing::Test::HasFailure() ? 1 : 0);
   }
   int status = 0;
