@@ -335,6 +335,7 @@ TEST(RunObserver, WhatVirtualTimeSkipsIsAWait) {
   EXPECT_EQ(runs, 24);
   EXPECT_NEAR(static_cast<double>(notes.waitedInAll().count()) * 1e-9, day, 1);
   root->runObserverRemove(notes);
+  Brelo::Platform::setFastForward(false);
 }
 
 }  // namespace
