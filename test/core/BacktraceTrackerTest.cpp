@@ -139,6 +139,13 @@ TEST(BacktraceTracker, ObeysTheDispatchCodes) {
   EXPECT_EQ(result, Zel::GenericValue(true));
   EXPECT_EQ(type.genericIfAttributeOp(&result, &self, nullptr, 13, &other), 1);
   EXPECT_THROW(type.hash(&self), std::logic_error);
+  EXPECT_EQ(type.cast(&self, "ZelBrelo::BacktraceTracker"), &self);
+  EXPECT_EQ(type.cast(&self, "ZelBrelo::Other"), nullptr);
+  EXPECT_TRUE(type.textToValue(&other, Zel::String("any")));
+  EXPECT_EQ(type.valueToText(&self), Zel::String());
+  void* const made = type.constructFromArguments(nullptr, 0);
+  EXPECT_NE(made, nullptr);
+  type.destruct(made);
 }
 
 }  // namespace

@@ -37,6 +37,7 @@ TEST(Thread, EveryForkMarksItsChildAndMakesItsThreadTheMainOne) {
     EXPECT_TRUE(passesInChild([] {
       EXPECT_TRUE(isMainThread() && Platform::isForkedChild());
       Platform::forkedChildIs(false);
+      EXPECT_FALSE(Platform::isForkedChild());
       EXPECT_TRUE(passesInChild([] { EXPECT_TRUE(Platform::isForkedChild()); }));
       EXPECT_FALSE(Platform::isForkedChild());
     }));

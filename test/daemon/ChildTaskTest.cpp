@@ -197,6 +197,7 @@ TEST_P(ChildTaskTest, EndsWhatRunsTooLong) {
     auto program = shell("exec sleep 100");
     program.timeLimit = 20ms;
     auto task = start(std::move(program));
+    EXPECT_EQ(::kill(task->pid(), 0), 0);
     EXPECT_EQ(howItEnds(), "killed by signal 15 (Terminated), its time was up");
     EXPECT_FALSE(task->signal(0));
 

@@ -9,11 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "BreloDaemon/Daemon.h"
 #include "BreloDaemon/Listener.h"
 #include "BreloDaemon/Mailbox.h"
 #include "daemon/support/StreamPair.h"
 #include "support/Backend.h"
 #include "support/FaultInjection.h"
+#include "support/Handlers.h"
 
 namespace BreloDaemon {
 namespace {
@@ -132,6 +134,21 @@ TEST_P(ConnectorTest, SaysWhyThereIsNoConnection) {
       EXPECT_EQ(all[i].calls, 1);
     }
     EXPECT_FALSE(resolveCategory().message(EAI_SERVICE).empty());
+  });
+}
+
+TEST_P(ConnectorTest, GivesUpWhereTheDaemonEnds) {
+  run([] {
+    Daemon daemon("test");
+    Hanging const hanging;
+    Connector connector(daemon.scheduler());
+    Outcome outcome;
+    connector.connect(hanging.text, outcome.handler());
+    BreloTest::Timer timer([&] { daemon.stop(); });
+    timer.control->setTimeout(0.01);
+    EXPECT_EQ(daemon.run(), 0);
+    EXPECT_EQ(outcome.calls, 1);
+    EXPECT_EQ(outcome.error, std::errc::operation_canceled);
   });
 }
 

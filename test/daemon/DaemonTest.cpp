@@ -62,6 +62,7 @@ TEST_P(DaemonRun, EndsInOrderAtASignal) {
     auto const say = [&](char const* word) { return [&said, word] { said.push_back(word); }; };
     Daemon daemon("test");
     EXPECT_EQ(daemon.scheduler()->schedulerName(), "test");
+    EXPECT_EQ(daemon.name(), "test");
     FunctionTimer ticks(daemon.scheduler(), TaskPriority::normal, "ticks", [] {});
     ticks.every(1h);
     daemon.onStop("first made", say("first"));
@@ -261,6 +262,7 @@ TEST_P(DaemonRun, TheServiceManagerHearsOfBeginningLifeAndEnd) {
   setenv("WATCHDOG_USEC", "8000", 1);
   run([] {
     Daemon daemon("test");
+    EXPECT_TRUE(daemon.service().active());
     BreloTest::Timer timer([&] { daemon.stop(); });
     timer.control->setTimeout(0.01);
     EXPECT_EQ(daemon.run(), 0);

@@ -59,14 +59,20 @@ TEST_P(ListenerTest, ServesAtEveryAddress) {
     Listener listener(Brelo::schedulerRootBrelo(),
                       {"127.0.0.1:0", "[::1]:0", path, "unix:@brelo" + path, "*:0"}, echo);
     ASSERT_EQ(listener.addresses().size(), 6);
-    for (std::size_t i = 0; i < 4; ++i) {
-      Peer peer = connectTo(listener.addresses()[i]);
-      EXPECT_TRUE(answers(peer)) << listener.addresses()[i];
+    std::vector<std::string> addresses = listener.addresses();
+    addresses.push_back(addresses[1]);
+    addresses.back().insert(addresses.back().find(']'), "%lo");
+    for (std::size_t const i : {0, 1, 2, 3, 6}) {
+      Peer peer = connectTo(addresses[i]);
+      EXPECT_TRUE(answers(peer)) << addresses[i];
     }
     EXPECT_EQ("127.0.0.1:" + std::to_string(listener.port()), listener.addresses()[0]);
     EXPECT_TRUE(loopUntil([&] { return listener.connections() == 0; }));
     Peer last = connectTo(path);
     EXPECT_TRUE(answers(last));
+    listener.stopAccepting();
+    EXPECT_TRUE(answers(last));
+    EXPECT_FALSE(std::filesystem::exists(path));
     listener.close();
     EXPECT_TRUE(loopUntil([&] { return listener.connections() == 0; }));
     last.read();

@@ -442,6 +442,13 @@ TEST_P(StreamTest, EndsWhereMemoryOrACallFails) {
   });
 }
 
+TEST(Stream, ItsEndsHaveNames) {
+  std::string names;
+  for (int end = 0; end <= static_cast<int>(StreamEnd::threw) + 1; ++end)
+    names += toString(static_cast<StreamEnd>(end)) + std::string(" ");
+  EXPECT_EQ(names, "closed aborted peerClosed idle receiveLimit failed threw unknownEnd ");
+}
+
 TEST(Stream, CountsTheIdleTimeFromTheLastByteInEitherDirection) {
   Brelo::Platform::setFastForward(true);
   StreamPair pair;

@@ -135,8 +135,10 @@ TEST(LeFastForward, EachSwitchTellsItsOwnNotifiersAtAChangeAndRefusesTheWrongThr
       if (++toldLe == 3) throw std::runtime_error("notifier");
     });
     registerFastForwardChangeNotifier([] { ++toldHost; });
-    for (bool const on : {true, true, false, false})
+    for (bool const on : {true, true, false, false}) {
       host ? setFastForward(on) : Brelo::setLeFastForward(on);
+      EXPECT_EQ(host ? fastForward() : Brelo::leFastForward(), on);
+    }
     EXPECT_EQ(toldLe * 10 + toldHost, host ? 22 : 20);
   }
   EXPECT_THROW(Brelo::setLeFastForward(true), std::runtime_error);

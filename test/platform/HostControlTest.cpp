@@ -1,11 +1,17 @@
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <limits>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
+#include "Brelo/Time.h"
+#include "Zel/Activity.h"
+#include "Zel/Clock.h"
 #include "Zel/FileDescriptor.h"
 #include "ZelBrelo/Platform.h"
 #include "support/Handlers.h"
@@ -50,6 +56,31 @@ TEST(HostControl, AnExceptionOfWhoDestroyedItsWatchGoesOn) {
   };
   EXPECT_THROW(doEventLoop(), std::runtime_error);
   EXPECT_THROW(Watch(1 << 20, true, false), std::system_error);
+}
+
+TEST(HostControl, WhatOthersWaitForIsSeenToKeepTheLoop) {
+  struct Clock : Zel::Clock::NotifieeConst {
+    void onAttribute(Zel::AttributeId, void const*) override {}
+  };
+  struct Reader : Zel::FileDescriptor::NotifieeConst {
+    void onAttribute(Zel::AttributeId, void const*) override {}
+  };
+  SocketPair pair;
+  Zel::Ptr<Zel::FileDescriptor> const hostFd = new Zel::FileDescriptor("of a stranger");
+  Zel::Ptr<Reader> const reader(new Reader);
+  reader->notifierIs(hostFd.ptr());
+  reader->isRegisteredNotifieeIs(true);
+  hostFd->descriptorIs(pair.near());
+  hostFd->notifyOnReadableIs(true);
+  hostFd->hasNotificationActiveIs(true);
+  Zel::Ptr<Clock> const clock(new Clock);
+  clock->notifierIs(Zel::activityManager()->clock());
+  clock->isRegisteredNotifieeIs(true);
+  clock->timeMinIs(Brelo::time() + 100);
+  std::ostringstream text;
+  Brelo::Platform::pendingRender(text);
+  EXPECT_THAT(text.str(), testing::ContainsRegex("of another client(.|\n)*of another client"));
+  clock->timeMinIs(std::numeric_limits<double>::infinity());
 }
 
 TEST(HostControl, ANewDescriptorLeavesAloneWhatHasTheNumberOfTheOldOne) {

@@ -41,6 +41,27 @@ TEST(Libevent, AThreadLeavesItsBaseBehindForWhatOutlivesItOnly) {
   EXPECT_EQ(SocketPair().near(), lowest);
 }
 
+TEST(Libevent, ABaseIsMadeWhenItIsNeededAndAChildMakesItsOwn) {
+  onBackend(Backend::libevent, [] {
+    EXPECT_FALSE(Brelo::leInitialized());
+    Brelo::leForkReinit();
+    EXPECT_TRUE(Brelo::leInitialized());
+    event_base* const base = Brelo::ev_base;
+    Brelo::leForkReinit();
+    EXPECT_EQ(Brelo::ev_base, base);
+    Timer timer;
+    timer.control = Brelo::getLeTimerControl(&timer);
+    timer.control->setTimeout(0.0);
+    Callback callback;
+    EXPECT_FALSE(callback.control->pendingCallback());
+    callback.control->requestCallback();
+    EXPECT_TRUE(callback.control->pendingCallback());
+    doEventLoop();
+    EXPECT_TRUE(timer.runs == 1 && callback.runs == 1);
+    EXPECT_FALSE(callback.control->pendingCallback());
+  });
+}
+
 TEST(Libevent, StrictHighIsServedBeforeAllElse) {
   onBackend(Backend::libevent, [] {
     std::string order;

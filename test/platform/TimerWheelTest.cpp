@@ -156,9 +156,29 @@ TEST_P(TimerWheel, AHandlerMayLetGoOfItAndThrow) {
   });
 }
 
+TEST(TimerWheel, IsSharedAndSaysWhereATimerIs) {
+  auto const wheel = Brelo::getTimerWheel();
+  EXPECT_EQ(Brelo::getTimerWheel(), wheel);
+  Timer timer;
+  timer.control = Brelo::Platform::getTimerControl(&timer, wheel);
+  EXPECT_EQ(timer.control->remainingTimeout(), never);
+  timer.control->setTimeout(60.0);
+  EXPECT_NEAR(timer.control->remainingTimeout(), 60.0, 1.0);
+  timer.control->delTimeout();
+  Event event;
+  EXPECT_EQ(event.timerName(), "(anonymous namespace)::Event");
+  std::string states;
+  for (int state = 0; state < 4; ++state)
+    states += timerWheelStateToString(static_cast<Brelo::TimerWheelState>(state)) + ' ';
+  EXPECT_EQ(states, "notLinked inTimerWheel inTimersExpiryingSoon unknownState ");
+}
+
 TEST(TimerWheel, MisuseEndsTheProcess) {
   auto wheel = newWheel();
   Event event;
+  EXPECT_DEATH(
+      (event.setTimeout(wheel, 9.0), event.stateIs(Brelo::TimerWheelState::inTimersExpiryingSoon)),
+      "State change inTimerWheel -> inTimersExpiryingSoon must go via notLinked");
   EXPECT_DEATH(Event().setTimeout(wheel, 9.0), "destroyed while inTimerWheel");
   EXPECT_DEATH((holdBack(event, wheel), wheel.reset()), "Destroyed while non-empty");
   EXPECT_DEATH(Brelo::Platform::getTimerControl(nullptr, nullptr), "Need a TimerWheel");

@@ -157,6 +157,26 @@ TEST(Reports, AreTheSameUnderEveryLocale) {
   std::locale::global(classic);
 }
 
+TEST(FdToStream, TakesOneCharacterAtATime) {
+  int pipe[2];
+  ASSERT_EQ(::pipe(pipe), 0);
+  std::string written;
+  {
+    FdToStream stream(pipe[1], true);
+    while (written.size() < 50'000) {
+      char const next = static_cast<char>('a' + written.size() % 26);
+      stream.put(next);
+      written += next;
+    }
+  }
+  std::string got(written.size() + 1, '\0');
+  std::size_t size = 0;
+  for (ssize_t n = 1; n > 0; size += static_cast<std::size_t>(n))
+    n = read(pipe[0], got.data() + size, got.size() - size);
+  EXPECT_TRUE(got.substr(0, size) == written);
+  close(pipe[0]);
+}
+
 TEST(FdToStream, RefusesWhatItCannotWaitFor) {
   int pipe[2];
   ASSERT_EQ(pipe2(pipe, O_NONBLOCK), 0);

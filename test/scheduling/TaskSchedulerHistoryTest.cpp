@@ -27,6 +27,10 @@ TEST(History, KeepsTheNewestEventsAndTheirNames) {
     return text;
   };
   EXPECT_DEATH(insert(0, Type::schedulerIdle, *task), "Assertion `EventType: 17' failed");
+  using Event = Brelo::TaskSchedulerHistory::Event;
+  EXPECT_EQ(Event({}, Type::busy, *task).display(), "busy         N job");
+  EXPECT_EQ(Event({}, Type::schedulerIdle, *root).display(), "schedulerIdle root");
+  EXPECT_DEATH(Event({}, Type::busy, *root), "Assertion `EventType: ");
   for (int const time : {1, 2, 3, 4, 5})
     insert(time, Type::schedule, *task);
   history.capacityIs(2);

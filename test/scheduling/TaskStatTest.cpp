@@ -111,7 +111,9 @@ TEST_F(TaskStat, AResetOfTheTreeGoesOnWhileTasksComeAndGo) {
   EXPECT_EQ(root->queueStatsRoot()[TaskPriority::normal].completedTasks, 1U);
   // A second request starts over, and takes the newcomer along.
   root->resetStats();
+  EXPECT_TRUE(root->resetStatsInProgress());
   runUntilIdle(*root);
+  EXPECT_FALSE(root->resetStatsInProgress());
   EXPECT_EQ(step(), "g432n0");
   EXPECT_EQ(root->queueStatsRoot()[TaskPriority::normal].completedTasks, 0U);
 }

@@ -2,14 +2,18 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "Brelo/Platform.h"
 #include "Brelo/TaskScheduler.h"
+#include "Brelo/TaskSchedulerHistory.h"
 #include "support/Backend.h"
 #include "support/CountingRoot.h"
 #include "support/WorkTasks.h"
@@ -98,6 +102,46 @@ TEST_F(Task, LeavesItsSchedulerOnceAndUnrun) {
   EXPECT_THAT(task->states, ElementsAre(true, false, true, false));
   task.reset();
   EXPECT_EQ(takeEvents(*root, "N a"), "unschedule,idle,delete,");
+}
+
+TEST_F(Task, IsWrittenToAStreamWithItsSchedulerAndPriority) {
+  auto const task = workTask(root, "job");
+  std::ostringstream text;
+  text << task.get() << ' ' << root.get() << ' ' << TaskPriority::high << ' '
+       << TaskPriority(TaskPriority::levels + 1) << ' ' << Brelo::TaskTimeDuration(1500) << ' '
+       << Brelo::TaskSchedulerEventType::runEnd;
+  EXPECT_THAT(text.str(),
+              testing::MatchesRegex("r:normal:job@0x[0-9a-f]+ r: high invalidPriority=6 1µs 3"));
+}
+
+TEST_F(Task, TakesItsSchedulerByAPointerThatAnotherOneOwns) {
+  struct Timer : Brelo::TimerTask {
+    using TimerTask::TimerTask;
+    void taskExecute() override {}
+  };
+  struct Watching : Brelo::FileDescriptorTask {
+    using FileDescriptorTask::FileDescriptorTask;
+    void taskExecuteReadable() override {}
+    void taskExecuteWritable() override {}
+  };
+  auto const timer = std::make_shared<Timer>(root.get(), TaskPriority::low, "timer");
+  auto const watching = std::make_shared<Watching>(root.get(), TaskPriority::low, "watching");
+  EXPECT_EQ(timer->taskScheduler(), root);
+  EXPECT_EQ(watching->taskScheduler(), root);
+  Brelo::TaskScheduler* const none = nullptr;
+  EXPECT_DEATH(Timer(none, TaskPriority::low, "timer"), "Need a TaskScheduler");
+}
+
+TEST_F(Task, KnowsHowLongItHasRun) {
+  auto const task = workTask(root, "job", [](WorkTask& self) {
+    auto const earlier = self.taskCurrentRunTime();
+    usleep(1000);
+    EXPECT_GE(self.taskCurrentRunTime() - earlier, std::chrono::milliseconds(1));
+  });
+  task->scheduleTask();
+  root->handleSchedulerRun();
+  EXPECT_EQ(task->taskRunCount, 1U);
+  EXPECT_DEATH((void)task->taskCurrentRunTime(), "not currently running");
 }
 
 TEST_F(Task, WithoutAnOwnerRaisesBadWeakPtr) {

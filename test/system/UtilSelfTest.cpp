@@ -51,6 +51,8 @@ TEST_F(UtilSelf, ResolvesSymbols) {
   std::string const missing = "1 symbolName:HeapChecker_RecordClientAlloc unable to resolve:";
   EXPECT_EQ(text, missing + Util::resolveSymError() + "|0x0");
   EXPECT_EQ(Util::resolveSymError(), nullptr);
+  EXPECT_THAT(outcome([&] { return HeapChecker::resolveFreeSym(*handler); }),
+              testing::HasSubstr("HeapChecker_RecordClientFree unable to resolve:"));
 }
 
 TEST_F(UtilSelf, PutsSharedMemoryIntoCores) {
