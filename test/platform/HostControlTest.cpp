@@ -46,6 +46,17 @@ TEST(HostControl, AnOrphanAndACounterThatHasNotChangedPassOverWhatIsDelivered) {
   EXPECT_EQ(watches[1].read.runs, 1);
 }
 
+TEST(HostControl, ThatEndsLeavesNoDescriptorInWhatItShares) {
+  SocketPair pair;
+  Zel::Ptr<Zel::FileDescriptor> const hostFd = new Zel::FileDescriptor("shared");
+  Watch watch(-1, true, false);
+  watch.control = std::make_shared<ZelBrelo::FileDescriptor>(hostFd, &watch);
+  watch.control->setFd(pair.near());
+  EXPECT_EQ(hostFd->descriptor(), pair.near());
+  watch.control.reset();
+  EXPECT_EQ(hostFd->descriptor(), -1);
+}
+
 TEST(HostControl, AnExceptionOfWhoDestroyedItsWatchGoesOn) {
   SocketPair pair;
   Watch watch(pair.near(), false, true);
