@@ -167,6 +167,7 @@ inline ConstStringRef::ConstStringRef(ConstStringRef const& other) noexcept
   if (!isNull()) elem()->refCountInc();
 }
 
+// Each event of a run ends one; left to the compiler, what else is linked decides about the call.
 [[gnu::always_inline]] inline ConstStringRef::~ConstStringRef() {
   if (!isNull() && (bits_ & uncountedBit) == 0) elem()->refCountDec();
 }

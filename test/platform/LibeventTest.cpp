@@ -41,7 +41,7 @@ TEST(Libevent, AThreadLeavesItsBaseBehindForWhatOutlivesItOnly) {
   EXPECT_EQ(SocketPair().near(), lowest);
 }
 
-TEST(Libevent, ABaseIsMadeWhenItIsNeededAndAChildMakesItsOwn) {
+TEST(Libevent, ABaseIsMadeOnceAndStaysWhenItIsInitialisedAnew) {
   onBackend(Backend::libevent, [] {
     EXPECT_FALSE(Brelo::leInitialized());
     Brelo::leForkReinit();
