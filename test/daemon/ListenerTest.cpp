@@ -149,6 +149,40 @@ TEST_P(ListenerTest, ReplacesOnlySocketFilesThatAreDead) {
   });
 }
 
+TEST_P(ListenerTest, SaysWhichCallItsAddressFailedAt) {
+  run([] {
+    Folder const folder;
+    std::string const path = folder.at("socket");
+    struct {
+      std::string address;
+      std::vector<char const*> calls;
+    } const rows[] = {{"127.0.0.1:0", {"socket", "setsockopt", "bind"}},
+                      {"*:0", {"socket", "setsockopt", "bind"}},
+                      {"unix:@" + path, {"socket", "bind"}},
+                      {path, {"socket", "fchmod", "bind", "chmod"}}};
+    ListenerOptions options;
+    options.unixMode = 0600;
+    auto const root = Brelo::schedulerRootBrelo();
+    { Listener const opensWhatStaysOpen(root, "127.0.0.1:0", echo); }
+    for (auto const& [address, calls] : rows) {
+      for (char const* const call : calls) {
+        unsigned const open = openDescriptors();
+        FaultInjection const faults({{call, {EMFILE}}});
+        try {
+          Listener const listener(root, address, echo, options);
+          ADD_FAILURE() << address << " in spite of " << call;
+        } catch (std::system_error const& error) {
+          EXPECT_EQ(error.code().value(), EMFILE) << address << ": " << call;
+          EXPECT_NE(std::string(error.what()).find(std::string(": ") + call), std::string::npos)
+              << error.what();
+        }
+        EXPECT_EQ(openDescriptors(), open) << address << ": " << call;
+        EXPECT_FALSE(std::filesystem::exists(path)) << call;
+      }
+    }
+  });
+}
+
 TEST_P(ListenerTest, WaitsWhereDescriptorsRunOutOrConnectionsAreMany) {
   run([] {
     auto const root = Brelo::schedulerRootBrelo();

@@ -62,6 +62,16 @@ TEST_F(UtilFiles, AreMadeForAllUsersWhateverTheUmask) {
   }));
 }
 
+TEST_F(UtilFiles, GoByDescriptorZeroAsByAnyOther) {
+  EXPECT_TRUE(BreloTest::passesInChild([this] {
+    close(STDIN_FILENO);
+    EXPECT_TRUE(touch(*handler, "touched"));
+    write("written", "text")();
+    EXPECT_EQ(fileSize(*handler, "written"), 4U);
+    EXPECT_TRUE(Brelo::FileLock(*handler, ".", "lock").lock(false));
+  }));
+}
+
 TEST_F(UtilFiles, AreMadeByManyThreadsAndTheUmaskStays) {
   constexpr int rounds = 10;
   std::atomic<int> ready{0};
@@ -99,10 +109,11 @@ TEST_F(UtilFiles, AreWrittenOnceAndReadUpToTheFirstNul) {
     EXPECT_EQ(read("f")(), text.c_str());
   }
   EXPECT_TRUE(BreloTest::passesInChild([&] {
-    rlimit const fourBytes = {4, 4};
+    rlimit const fourBytes = {4, RLIM_INFINITY}, anyLength = {RLIM_INFINITY, RLIM_INFINITY};
     EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &fourBytes), 0);
     EXPECT_EQ(outcome(write("f", "0123456789")),
               "0 wrote:4 bytes to file:f but wanted to write:10|done");
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &anyLength), 0);
   }));
 }
 
