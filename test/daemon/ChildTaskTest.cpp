@@ -156,6 +156,7 @@ TEST_P(ChildTaskTest, GivesItNothingElse) {
 
 TEST_P(ChildTaskTest, SaysWhatCouldNotBeDone) {
   runWith([&] {
+    std::string const trace = "/tmp/brelo-child-" + std::to_string(getpid());
     auto const fails = [&](ChildProgram program, int error, char const* text) {
       unsigned const before = openDescriptors();
       program.input = Standard::pipe;
@@ -168,6 +169,7 @@ TEST_P(ChildTaskTest, SaysWhatCouldNotBeDone) {
       }
       EXPECT_EQ(openDescriptors(), before);
       EXPECT_FALSE(hasChildren());
+      EXPECT_EQ(unlink(trace.c_str()), -1) << "it has run all the same";
     };
     ChildProgram program;
     program.path = "/bin/there-is-none";
@@ -179,13 +181,13 @@ TEST_P(ChildTaskTest, SaysWhatCouldNotBeDone) {
     program = {};
     program.path = "/etc/passwd";
     fails(std::move(program), EACCES, "to execute");
-    program = shell("");
+    program = shell("touch " + trace);
     program.directory = "/there-is-none";
     fails(std::move(program), ENOENT, "to enter a directory");
-    program = shell("");
+    program = shell("touch " + trace);
     program.descriptors[7];
     fails(std::move(program), EBADF, "to duplicate a descriptor");
-    program = shell("");
+    program = shell("touch " + trace);
     program.output = Standard::null;
     FaultInjection const faults({{"open", {EMFILE}}});
     fails(std::move(program), EMFILE, "to open /dev/null");

@@ -152,6 +152,20 @@ TEST_P(ConnectorTest, GivesUpWhereTheDaemonEnds) {
   });
 }
 
+TEST_P(ConnectorTest, KeepsTheLoopOnlyWhileSomebodyWaits) {
+  run([] {
+    Connector connector(Brelo::schedulerRootBrelo());
+    std::string const nobody = refusing();
+    auto const before = Brelo::Platform::pendingCount();
+    Outcome outcome;
+    connector.connect("localhost" + nobody.substr(nobody.find(':')), outcome.handler());
+    EXPECT_GT(Brelo::Platform::pendingCount(), before);
+    EXPECT_TRUE(outcome.untilCalled());
+    EXPECT_EQ(outcome.stream, nullptr);
+    EXPECT_EQ(Brelo::Platform::pendingCount(), before);
+  });
+}
+
 TEST_P(ConnectorTest, CancelsByLettingGo) {
   run([] {
     auto const root = Brelo::schedulerRootBrelo();

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -163,8 +164,17 @@ TEST_F(FileDescriptorTask, ResumedWithoutReadInterestItHasNoReadRun) {
 
 TEST_F(FileDescriptorTask, EventsFoldIntoOneRunAndChangesTakeRunsBack) {
   task->taskWatchFdIs(pair.near());
+  root->clearHistory();
   task->readFdEvent(pair.near());
   task->readFdEvent(pair.near());
+  task->taskWatchWritableIs(true);
+  task->writeFdEvent(pair.near());
+  std::map<Brelo::TaskSchedulerEventType, int> events;
+  for (auto const& event : root->history().events())
+    ++events[event.eventType()];
+  EXPECT_EQ(events[Brelo::TaskSchedulerEventType::fdReadable], 2);
+  EXPECT_EQ(events[Brelo::TaskSchedulerEventType::fdWritable], 1);
+  task->taskWatchWritableIs(false);
   task->scheduleTaskWritable();
   runUntilIdle(*root);
   EXPECT_EQ(task->log, "+rw-");
