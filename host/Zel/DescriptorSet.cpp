@@ -17,9 +17,10 @@ constexpr std::int64_t millisecond = 1'000'000;
 }  // namespace
 
 void DescriptorSet::makeRoomFor(int number) {
-  while (watches_.size() <= static_cast<std::size_t>(number))
-    watches_.emplace_back();
-  if (alwaysReady_.capacity() < watches_.size()) alwaysReady_.reserve(2 * watches_.size());
+  while (numbers() <= number)
+    pages_.push_back(std::make_unique<Page>());
+  auto const room = static_cast<std::size_t>(numbers());
+  if (alwaysReady_.capacity() < room) alwaysReady_.reserve(2 * room);
 }
 
 int DescriptorSet::bind(FileDescriptor& descriptor) {
@@ -279,9 +280,9 @@ int DescriptorSet::renew() {
   stale_ = false;
 
   int failed = 0;
-  for (std::size_t i = 0; i < watches_.size(); ++i) {
-    int const number = static_cast<int>(i);
-    if (watches_[i].place == Place::none || watches_[i].place == Place::alwaysReady) continue;
+  for (int number = 0; number < numbers(); ++number) {
+    Place const place = watch(number).place;
+    if (place == Place::none || place == Place::alwaysReady) continue;
     record(number, 0, Place::none);
     std::uint32_t const events = wanted(number);
     int const error = events != 0 ? install(number, events) : 0;

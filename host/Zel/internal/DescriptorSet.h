@@ -7,7 +7,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <memory>
 #include <tuple>
 #include <vector>
 
@@ -46,8 +46,8 @@ class DescriptorSet {
   /// Calls `visit` with each descriptor that asks for something, by number.
   template <class Visit>
   void forEachWatched(Visit const& visit) {
-    for (Watch& watch : watches_) {
-      forEach(watch.descriptors, [&](FileDescriptor& descriptor) {
+    for (int number = 0; number < numbers(); ++number) {
+      forEach(watch(number).descriptors, [&](FileDescriptor& descriptor) {
         if (descriptor.events() != 0) visit(descriptor);
       });
     }
@@ -97,7 +97,16 @@ class DescriptorSet {
     bool unsettled = false;    ///< `events` may not be what is wanted
   };
 
-  Watch& watch(int number) { return watches_[static_cast<std::size_t>(number)]; }
+  // Watches never move, and are found without a division.
+  static constexpr unsigned pageBits = 6;
+  static constexpr unsigned pageMask = (1U << pageBits) - 1;
+  using Page = std::array<Watch, pageMask + 1>;
+
+  Watch& watch(int number) {
+    auto const index = static_cast<unsigned>(number);
+    return (*pages_[index >> pageBits])[index & pageMask];
+  }
+  int numbers() const { return static_cast<int>(pages_.size() << pageBits); }  ///< with room
   std::uint32_t wanted(int number);
   /// `anew`: what the set has for the number may be another file's of an earlier time.
   int install(int number, std::uint32_t events, bool anew = false);
@@ -126,11 +135,11 @@ class DescriptorSet {
   bool nanoseconds_ = true;  ///< the kernel, or who guards it, allows waits in nanoseconds
   bool stale_ = false;       ///< the epoll set reports what cannot be taken out of it
   std::uint64_t looks_ = 0;
-  std::size_t polled_ = 0;        ///< numbers in force in the epoll set
-  std::deque<Watch> watches_;     ///< by number
-  std::vector<int> alwaysReady_;  ///< numbers
-  std::size_t turn_ = 0;          ///< among `alwaysReady_`
-  int firstUnsettled_ = -1;       ///< a number, the others behind it
+  std::size_t polled_ = 0;                    ///< numbers in force in the epoll set
+  std::vector<std::unique_ptr<Page>> pages_;  ///< of watches, by number
+  std::vector<int> alwaysReady_;              ///< numbers
+  std::size_t turn_ = 0;                      ///< among `alwaysReady_`
+  int firstUnsettled_ = -1;                   ///< a number, the others behind it
   std::array<epoll_event, 128> found_;
   std::size_t count_ = 0;  ///< of what was found
   std::size_t told_ = 0;   ///< of these
