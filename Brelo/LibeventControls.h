@@ -75,9 +75,9 @@ class BRELO_EXPORT LibeventCallbackControl : public Platform::CallbackControl,
 };
 
 /// `clearEvents()` keeps the descriptor and both wishes, so that `setFd` brings the watches back.
-/// Reads that are turned off and on again within a pass cost no system call, nor as a rule does it
-/// when they are turned on again in the pass after. A direction that the kernel refuses to watch is
-/// off, and `std::system_error` thrown; where there is no memory for it, `std::bad_alloc`. After
+/// Reads that are turned off and on again, within a pass or in the one after, cost no system call as
+/// a rule, and two where several clients take turns. A direction that the kernel refuses to watch
+/// is off, and `std::system_error` thrown; where there is no memory for it, `std::bad_alloc`. After
 /// such a failure of `setFd` there is no descriptor, and the wishes stay.
 class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
  public:
@@ -118,7 +118,8 @@ class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
   event writeEvent_;
   Zel::ListNode<LibeventFdControl> lingering_{this};  // reads are off, their event is not
   std::uint64_t readsOffPass_ = 0;
-  bool impatient_ = false;  // the last time it was no use to linger
+  std::uint64_t readsOffTurn_ = 0;  // among all that have turned them off
+  bool impatient_ = false;          // the last time it was no use to linger
 };
 
 }  // namespace Brelo

@@ -26,6 +26,7 @@ namespace {
 constexpr time_t longestSeconds = std::numeric_limits<time_t>::max() / 2;
 
 thread_local Zel::ListNode<LibeventFdControl> lingeringReads;
+thread_local std::uint64_t readsOffTurns = 0;  // how often reads have been turned off
 
 void assign(event* ev, int fd, short flags, event_callback_fn callback, void* self,
             Platform::EventPriority priority) {
@@ -187,20 +188,21 @@ void LibeventFdControl::setReads(bool on) {
 }
 
 // A change of a watch costs a system call. Reads that a handler turns off therefore stay installed,
-// unseen by the client, until the loop is about to look again, and for one look more unless that
-// has been in vain the last time: a client that takes turns with others turns them on again when
-// its turn comes, which is in the next pass if it has the loop to itself.
+// unseen by the client, until the loop is about to look again, and for one look more: a client that
+// has the loop to itself turns them on again when its turn comes, in the next pass. Where that was
+// in vain they are withdrawn at once, until the client is the only one to turn off twice in a row.
 void LibeventFdControl::turnReadsOff() {
   readsOffPass_ = Impl::lePass();
+  if (readsOffTurn_ == readsOffTurns) impatient_ = false;
+  readsOffTurn_ = ++readsOffTurns;
   bool const installed = readEvent_.ev_fd != -1;
-  if (readsOffPass_ == 0 || !installed) return withdrawReads();
+  if (readsOffPass_ == 0 || !installed || impatient_) return withdrawReads();
   if (!lingering_.linked()) lingering_.insertBefore(lingeringReads);
   Impl::leReadsTurnedOff();
 }
 
 void LibeventFdControl::turnReadsOn() {
   if (lingering_.linked()) return lingering_.unlink();
-  if (readsOffPass_ != 0 && Impl::lePass() == readsOffPass_ + 1) impatient_ = false;
   event_del(&readEvent_);
   watch(&readEvent_, EV_READ | EV_PERSIST, handleFdRead);
 }
@@ -208,7 +210,7 @@ void LibeventFdControl::turnReadsOn() {
 /// Whether the watch lingers during the next look.
 bool LibeventFdControl::settleReads(bool now) {
   bool const looked = Impl::lePasses() > readsOffPass_;
-  if (!now && !looked && !impatient_) return true;
+  if (!now && !looked) return true;
   if (looked) impatient_ = true;
   withdrawReads();
   return false;
