@@ -75,10 +75,10 @@ class BRELO_EXPORT LibeventCallbackControl : public Platform::CallbackControl,
 };
 
 /// `clearEvents()` keeps the descriptor and both wishes, so that `setFd` brings the watches back.
-/// Reads that are turned off and on again, within a pass or in the one after, cost no system call as
-/// a rule, and two where several clients take turns. A direction that the kernel refuses to watch
-/// is off, and `std::system_error` thrown; where there is no memory for it, `std::bad_alloc`. After
-/// such a failure of `setFd` there is no descriptor, and the wishes stay.
+/// Reads that are turned off and on again, within a pass or in the one after, cost no system call
+/// as a rule, and two where several clients take turns. A direction that the kernel refuses to
+/// watch is off, and `std::system_error` thrown; where there is no memory for it, `std::bad_alloc`.
+/// After such a failure of `setFd` there is no descriptor, and the wishes stay.
 class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
  public:
   /// Gives the calling thread a base, if it has none.

@@ -93,36 +93,26 @@ void endStretch() {
   if (stretch != nullptr) std::exchange(stretch, nullptr)->end();
 }
 
-/// Passes of a loop that tells its waits, each a call of libevent of its own. A look that does not
-/// wait comes first; only one that finds nothing is followed by one that does, and that one has
-/// waited until its first handler begins.
-class ObservedPass {
+/// Passes of a loop that tells its waits, in two calls of libevent: those that do not wait, until
+/// one finds nothing, and then one that does. That one has waited until its first handler begins.
+class ObservedPasses {
  public:
   static bool wanted() { return wanted_; }
   static void wantedIs(bool wanted) { wanted_ = wanted; }
 
   /// As `event_base_loop` of libevent.
   static int run() {
-    handled_ = false;
-    int const result = event_base_loop(ev_base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
-    if (result != 0 || handled_ || stopAsked || event_base_got_exit(ev_base) ||
-        event_base_got_break(ev_base)) {
+    int const result = event_base_loop(ev_base, EVLOOP_NONBLOCK);
+    if (result != 0 || stopAsked || event_base_got_exit(ev_base) || event_base_got_break(ev_base)) {
       return result;
     }
+    stretch = nullptr;
     waitBegan_ = Clock::now();
     errno = 0;
     int const waited = event_base_loop(ev_base, EVLOOP_ONCE);
     waitEnds();
     return waited;
   }
-
-  static void handlerBegins() {
-    handled_ = true;
-    waitEnds();
-  }
-
- private:
-  using Clock = std::chrono::steady_clock;
 
   static void waitEnds() {
     if (!waitBegan_) return;
@@ -132,14 +122,15 @@ class ObservedPass {
     errno = error;
   }
 
+ private:
+  using Clock = std::chrono::steady_clock;
+
   static thread_local bool wanted_;
-  static thread_local bool handled_;
   static thread_local std::optional<Clock::time_point> waitBegan_;
 };
 
-thread_local bool ObservedPass::wanted_ = false;
-thread_local bool ObservedPass::handled_ = false;
-thread_local std::optional<std::chrono::steady_clock::time_point> ObservedPass::waitBegan_;
+thread_local bool ObservedPasses::wanted_ = false;
+thread_local std::optional<std::chrono::steady_clock::time_point> ObservedPasses::waitBegan_;
 
 void traceRefusal() {
   BRELO_TRACE(libeventTrace, 0, "Brelo", "the loop cannot be entered on base:{}",
@@ -165,14 +156,14 @@ void Impl::leKeepException() {
 std::atomic<unsigned> Impl::leObservedLoops{0};
 
 void Impl::leWaitsObservedIs(bool observed) {
-  if (observed == ObservedPass::wanted()) return;
-  ObservedPass::wantedIs(observed);
+  if (observed == ObservedPasses::wanted()) return;
+  ObservedPasses::wantedIs(observed);
   observed ? ++leObservedLoops : --leObservedLoops;
   if (observed) endStretch();
 }
 
 void Impl::leHandlerAfterWait() {
-  ObservedPass::handlerBegins();
+  ObservedPasses::waitEnds();
 }
 
 void Impl::leStop() {
@@ -194,9 +185,10 @@ std::uint64_t Impl::lePass() {
 
 // One pass of the loop:
 //
-// 1. Reads that a handler has turned off are taken out of the base, some of them one pass later
-//    (see LibeventFdControl::turnReadsOff). Where there are none this takes no step: such passes
-//    are one call of libevent.
+// 1. Reads that a handler has turned off, and that have lingered for one more look, are taken out
+// of
+//    the base (see LibeventFdControl::turnReadsOff). Where there are none this takes no step: such
+//    passes are one call of libevent, and two where its waits are told.
 // 2. libevent looks at the descriptors: without waiting if a timer is due or such reads are left,
 //    else until the first timer or descriptor is. Timers that are due and descriptors that are
 //    ready become active, each at its priority.
@@ -222,12 +214,12 @@ bool Impl::leDispatch() {
   do {
     bool const lingers = leSettleReads(false);
     bool const single = lingers || stopAsked;
-    bool const observed = !single && ObservedPass::wanted();
-    stretch = single || observed ? nullptr : &passesInARow;
+    bool const observed = !single && ObservedPasses::wanted();
+    stretch = single ? nullptr : &passesInARow;
     ++passes;
     inPass = true;
     errno = 0;
-    result = observed ? ObservedPass::run()
+    result = observed ? ObservedPasses::run()
                       : event_base_loop(ev_base, single ? EVLOOP_ONCE | EVLOOP_NONBLOCK : 0);
     error = errno;
     inPass = false;
