@@ -26,17 +26,18 @@ double Measurement::value() const {
 }
 
 void Catalogue::measure(std::string unit, std::string form, std::string who, std::uint64_t count,
-                        Body body, Backend backend) {
+                        Body body, Backend backend, unsigned pieces) {
   measureFigures(
       {{std::move(unit), std::move(form), "CPU ns"}}, who, count,
       [body = std::move(body)](std::uint64_t operations) -> std::vector<double> {
         return {body(operations) * 1e9 / static_cast<double>(operations)};
       },
-      backend);
+      backend, pieces);
 }
 
 void Catalogue::measureFigures(std::vector<Figure> const& figures, std::string const& who,
-                               std::uint64_t count, FiguresBody body, Backend backend) {
+                               std::uint64_t count, FiguresBody body, Backend backend,
+                               unsigned pieces) {
   std::string const name = figures.front().unit + "/" + figures.front().form + "/" + who;
   std::size_t const first = measurements_.size();
   for (Figure const& figure : figures)
@@ -52,8 +53,8 @@ void Catalogue::measureFigures(std::vector<Figure> const& figures, std::string c
         }
       })
       ->Iterations(static_cast<benchmark::IterationCount>(
-          small_ ? std::max<std::uint64_t>(count / 100, 1) : count))
-      ->Repetitions(static_cast<int>(repetitions_));
+          small_ ? std::max<std::uint64_t>(count / 100, 1) : count / pieces))
+      ->Repetitions(static_cast<int>(small_ ? repetitions_ : repetitions_ * pieces));
 }
 
 void Catalogue::measureBackends(std::string const& unit, std::string const& form,

@@ -72,9 +72,10 @@ class Catalogue {
   Catalogue(Catalogue const&) = delete;
   Catalogue& operator=(Catalogue const&) = delete;
 
-  /// The CPU time for one operation. In a small run a hundredth of `count` will do.
+  /// The CPU time for one operation. In a small run a hundredth of `count` will do. In `pieces` the
+  /// same number of operations is so many times as many samples, to tell what differs by little.
   void measure(std::string unit, std::string form, std::string who, std::uint64_t count, Body body,
-               Backend backend = Backend::host);
+               Backend backend = Backend::host, unsigned pieces = 1);
   /// The project on all of its backends.
   /// @{
   void measureBackends(std::string const& unit, std::string const& form, std::uint64_t count,
@@ -83,7 +84,8 @@ class Catalogue {
                                 FiguresBody const& body);
   /// @}
   void measureFigures(std::vector<Figure> const& figures, std::string const& who,
-                      std::uint64_t count, FiguresBody body, Backend backend = Backend::host);
+                      std::uint64_t count, FiguresBody body, Backend backend = Backend::host,
+                      unsigned pieces = 1);
   void aim(Aim aim) { aims_.push_back(std::move(aim)); }
   /// The same aim on all backends.
   void aimOnBackends(std::string const& unit, std::string const& form, double limit,

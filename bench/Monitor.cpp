@@ -28,6 +28,7 @@ using BreloObserve::Monitor;
 using BreloObserve::StallDetector;
 
 constexpr std::uint64_t passes = 100'000;
+constexpr unsigned pieces = 20;
 constexpr std::uint64_t groupRuns = 1'000'000;
 
 /// One task that runs on the root, or inside a group that holds the loop until it is done.
@@ -75,7 +76,7 @@ void addRuns(Catalogue& catalogue, std::string const& unit, std::string const& f
     catalogue.measure(
         unit, form, observed ? "brelo" : "without", count,
         [=](std::uint64_t operations) { return runs<Observer>(operations, observed, inGroup); },
-        backend);
+        backend, pieces);
   }
 }
 
