@@ -38,8 +38,8 @@ class BRELO_EXPORT RunObserver {
   };
 
   /// What an observer hears of, as bits; all hear that figures have been zeroed. What no observer
-  /// hears of is not measured. Waits cost each pass of the loop: on libevent, which does not say
-  /// how long it waits, a tenth of a pass.
+  /// hears of is not measured. Waits cost libevent, which does not say how long it waits, one more
+  /// look at the descriptors before each.
   enum Hears : unsigned {
     starts = 1,
     ends = 2,

@@ -78,13 +78,14 @@ class BRELO_EXPORT Histogram {
   template <class Visit>
   void forEachBucket(Visit visit) const;
 
-  std::array<std::uint8_t, octaves> places_{};  // in `steps_`, counted from 1; 0 for none
+  // What an addition touches comes first, and is close together.
   std::vector<Steps> steps_;
-  std::vector<Carry> carries_;
   std::uint64_t count_ = 0;
   std::uint64_t sum_ = 0;
   std::uint64_t sumCarry_ = 0;
   std::chrono::nanoseconds max_{};
+  std::array<std::uint8_t, octaves> places_{};  // in `steps_`, counted from 1; 0 for none
+  std::vector<Carry> carries_;
 };
 
 inline bool Histogram::add(std::chrono::nanoseconds length) noexcept {
@@ -93,8 +94,10 @@ inline bool Histogram::add(std::chrono::nanoseconds length) noexcept {
   std::uint8_t const place = places_[at.octave];
   if (__builtin_expect(place == 0, 0)) return add(length, 1);
   std::uint32_t& bucket = steps_[place - 1U][at.step];
-  if (__builtin_expect(bucket == UINT32_MAX, 0)) return add(length, 1);
-  ++bucket;
+  if (__builtin_expect(++bucket == 0, 0)) {
+    --bucket;
+    return add(length, 1);
+  }
   ++count_;
   sum_ += nanoseconds;
   sumCarry_ += sum_ < nanoseconds ? 1 : 0;

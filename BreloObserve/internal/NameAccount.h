@@ -9,8 +9,9 @@
 
 namespace BreloObserve::Impl {
 
-/// What a monitor counts of all tasks of one stats name in one group.
-struct NameAccount {
+/// What a monitor counts of all tasks of one stats name in one group. What each run touches is
+/// close together.
+struct alignas(64) NameAccount {
   Brelo::ConstStringRef group;
   Brelo::ConstStringRef name;
   Brelo::ConstStringRef parentGroup;  // null for the root's own
@@ -19,9 +20,9 @@ struct NameAccount {
   Brelo::TaskPriority priority = Brelo::TaskPriority::oneBeyondLast;  // that of the latest task
 
   // Of the window.
+  std::uint64_t work = 0;
   Histogram run;
   Histogram wait;
-  std::uint64_t work = 0;
   std::uint64_t violations200 = 0;
   std::uint64_t violations500 = 0;
   std::chrono::nanoseconds beforeWindow{};  // of the runs, what they used before it began

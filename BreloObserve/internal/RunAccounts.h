@@ -76,9 +76,9 @@ class RunAccounts final : Brelo::RunObserver {
 
   std::shared_ptr<Brelo::TaskSchedulerRoot> root_;  // outlives all names below
   NameTable names_;
-  NameAccount other_;
-  Loop loop_;
   Brelo::TaskTimePoint clearedAt_;
+  Loop loop_;
+  NameAccount other_;
   double clearedTime_ = 0;
   std::chrono::nanoseconds clearedCpu_{};
   std::uint64_t clearings_ = 0;
