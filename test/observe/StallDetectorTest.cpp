@@ -114,7 +114,7 @@ TEST_P(StallDetectorSuite, TellsOfEachStackOnceAndCountsTheOthers) {
     EXPECT_EQ(told[0].group + "/" + told[0].name + "," + told[1].name, "root/a,b");
     EXPECT_GE(told[0].started, start);
     EXPECT_GE(told[0].length, stallLength);
-    EXPECT_LT(told[0].cpu, limit);
+    EXPECT_LT(told[0].cpu, told[0].length / 2) << "it was blocked";
     EXPECT_GT(told[0].frames.size(), 10U);
     EXPECT_NE(told[0].frames.back().address, UINTPTR_MAX) << "what lies beyond the outermost call";
     EXPECT_THAT(traced.take(), testing::MatchesRegex(
