@@ -11,7 +11,7 @@ namespace BreloObserve::Impl {
 
 /// What a monitor counts of all tasks of one stats name in one group. What each run touches is
 /// close together.
-struct alignas(64) NameAccount {
+struct NameAccount {
   Brelo::ConstStringRef group;
   Brelo::ConstStringRef name;
   Brelo::ConstStringRef parentGroup;  // null for the root's own
