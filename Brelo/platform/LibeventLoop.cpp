@@ -185,10 +185,9 @@ std::uint64_t Impl::lePass() {
 
 // One pass of the loop:
 //
-// 1. Reads that a handler has turned off, and that have lingered for one more look, are taken out
-// of
-//    the base (see LibeventFdControl::turnReadsOff). Where there are none this takes no step: such
-//    passes are one call of libevent, and two where its waits are told.
+// 1. Reads that a handler has turned off and that have lingered for one more look are taken out
+//    of the base (see LibeventFdControl::turnReadsOff). Where there are none this takes no step:
+//    such passes are one call of libevent, and two where its waits are told.
 // 2. libevent looks at the descriptors: without waiting if a timer is due or such reads are left,
 //    else until the first timer or descriptor is. Timers that are due and descriptors that are
 //    ready become active, each at its priority.

@@ -109,11 +109,13 @@ TEST_F(UtilFiles, AreWrittenOnceAndReadUpToTheFirstNul) {
     EXPECT_EQ(read("f")(), text.c_str());
   }
   EXPECT_TRUE(BreloTest::passesInChild([&] {
-    rlimit const fourBytes = {4, RLIM_INFINITY}, anyLength = {RLIM_INFINITY, RLIM_INFINITY};
+    rlimit before;
+    EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    rlimit const fourBytes = {4, before.rlim_max};
     EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &fourBytes), 0);
     EXPECT_EQ(outcome(write("f", "0123456789")),
               "0 wrote:4 bytes to file:f but wanted to write:10|done");
-    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &anyLength), 0);
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
   }));
 }
 
