@@ -222,7 +222,7 @@ TEST_P(ChildTaskTest, EndsWhatRunsTooLong) {
     task = start(std::move(program));
     Descriptor const other = task->takeOutput();
     EXPECT_TRUE(saysSomething(other));
-    task->signal(SIGSTOP);
+    EXPECT_TRUE(task->signal(SIGSTOP));
     task->terminate();
     EXPECT_EQ(howItEnds(), "killed by signal 15 (Terminated)");
     EXPECT_TRUE(runUntil([&] { return ::read(other.get(), &end_, 1) == 0; }));

@@ -106,7 +106,7 @@ TEST_P(DaemonRun, ThatIsNotLetGoOfSaysWhatItIsAndFails) {
     EXPECT_THAT(text, HasSubstr("test: timer \"waits\" in 99."));
   });
   run([] {  // without a step, something else keeps the loop for a while
-    Daemon daemon("test");
+    Daemon daemon("test", {{SIGTERM}, 900ms});
     auto const timer =
         std::make_shared<BreloTest::WorkTimer>(daemon.scheduler(), TaskPriority::normal, "waits");
     timer->scheduleTaskDelay(0.03);

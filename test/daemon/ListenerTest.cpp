@@ -53,6 +53,15 @@ bool answers(Peer& peer) {
          got == "ping";
 }
 
+TEST(SocketAddress, NamesOfUnixSocketsAreAsLongAsTheKernelTakesThem) {
+  std::string const path = "/" + std::string(106, 'p');  // and a zero
+  std::string const name = "unix:@" + std::string(107, 'n');
+  EXPECT_EQ(SocketAddress::parse(path).path(), path);
+  EXPECT_FALSE(SocketAddress::parse(path + "p"));
+  EXPECT_EQ(SocketAddress::parse(name).text(), name);
+  EXPECT_FALSE(SocketAddress::parse(name + "n"));
+}
+
 TEST_P(ListenerTest, ServesAtEveryAddress) {
   run([] {
     std::string const path = "/tmp/brelo-listener-" + std::to_string(::getpid());

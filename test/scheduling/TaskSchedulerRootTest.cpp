@@ -41,7 +41,9 @@ TEST(Root, IsUsedOnItsOwnThreadOnlyWithThreeExcuses) {
   auto const task = workTask(root, "a");
   auto const onThread = [](auto body) { std::thread(body).join(); };
   auto const schedule = [&] { task->scheduleTask(); };
-  auto const complaint = "Executing in wrong thread .* scheduler belongs to thread .*' failed";
+  auto const complaint =
+      "Executing in wrong thread [0-9]+\\([^)]+\\) pid [0-9]+ scheduler belongs to thread .*' "
+      "failed";
   EXPECT_DEATH(onThread(schedule), complaint);
   EXPECT_DEATH(onThread([&] { workTask(root, "b"); }), complaint);
   root->threadSanityDisabledIs(true);
