@@ -47,7 +47,7 @@ TEST(Exception, WhatIsMadeOnceAndTellsThePlace) {
   char const* const what = e.what();
   EXPECT_THAT(what, StartsWith("Brelo::RuntimeException(\"no luck\")\nTimestamp:"));
   EXPECT_THAT(what, HasSubstr(" tid:" + std::to_string(Brelo::gettid()) + " Backtrace:\n"));
-  EXPECT_THAT(what, HasSubstr("ExceptionTest("));
+  EXPECT_THAT(what, HasSubstr(std::string(program_invocation_short_name) + "("));
   EXPECT_EQ(e.what(), what);
 
   Exception const bare("bare", false);

@@ -27,7 +27,7 @@ class ConnectorTest : public OnBothBackends {};
 INSTANTIATE_BOTH_BACKENDS(ConnectorTest);
 
 /// How an attempt has ended.
-struct Outcome {
+struct Attempt {
   Connector::Handler handler() {
     return [this](std::shared_ptr<Stream> made, std::error_code code) {
       ++calls;
@@ -84,13 +84,13 @@ TEST_P(ConnectorTest, TriesAddressesInTurnAndNamesAmongThem) {
     options.addressTimeLimit = 5ms;
     Connector impatient(root, options);
     std::string const port = std::to_string(listener.port());
-    std::deque<Outcome> all(4);
+    std::deque<Attempt> all(4);
     connector.connect({refusing(), "nonsense", listener.addresses()[0]}, all[0].handler());
     connector.connect("localhost:" + port, all[1].handler());
     connector.connect(listener.addresses()[1], all[2].handler());
     impatient.connect({hanging.text, listener.addresses()[0]}, all[3].handler());
     EXPECT_EQ(connector.pending(), 3);
-    for (Outcome& each : all) {
+    for (Attempt& each : all) {
       EXPECT_TRUE(each.untilCalled());
       ASSERT_NE(each.stream, nullptr) << each.error.message();
       std::string got;
@@ -113,7 +113,7 @@ TEST_P(ConnectorTest, SaysWhyThereIsNoConnection) {
     options.timeLimit = 10ms;
     Connector impatient(root, options);
     Connector connector(root);
-    std::deque<Outcome> all(6);
+    std::deque<Attempt> all(6);
     impatient.connect(hanging.text, all[0].handler());
     connector.connect(refusing(), all[1].handler());
     connector.connect({"127.0.0.1", "[::1:7", ":7"}, all[2].handler());
@@ -142,7 +142,7 @@ TEST_P(ConnectorTest, GivesUpWhereTheDaemonEnds) {
     Daemon daemon("test");
     Hanging const hanging;
     Connector connector(daemon.scheduler());
-    Outcome outcome;
+    Attempt outcome;
     connector.connect(hanging.text, outcome.handler());
     BreloTest::Timer timer([&] { daemon.stop(); });
     timer.control->setTimeout(0.01);
@@ -157,7 +157,7 @@ TEST_P(ConnectorTest, KeepsTheLoopOnlyWhileSomebodyWaits) {
     Connector connector(Brelo::schedulerRootBrelo());
     std::string const nobody = refusing();
     auto const before = Brelo::Platform::pendingCount();
-    Outcome outcome;
+    Attempt outcome;
     connector.connect("localhost" + nobody.substr(nobody.find(':')), outcome.handler());
     EXPECT_GT(Brelo::Platform::pendingCount(), before);
     EXPECT_TRUE(outcome.untilCalled());
@@ -175,7 +175,7 @@ TEST_P(ConnectorTest, CancelsByLettingGo) {
       loopABit();
     }
     unsigned const before = openDescriptors();
-    Outcome outcome;
+    Attempt outcome;
     for (int passes = 0; passes < 3; ++passes) {
       auto connector = std::make_unique<Connector>(root);
       connector->connect(hanging.text, outcome.handler());

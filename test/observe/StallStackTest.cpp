@@ -147,9 +147,9 @@ std::string ownFunctions(Stall const& stall) {
 }
 
 /// Every call is another stack to it, and told of.
-StallDetectorOptions tellsAll(std::chrono::nanoseconds limit) {
+StallDetectorOptions tellsAll(std::chrono::nanoseconds shortest) {
   StallDetectorOptions options;
-  options.limit = limit;
+  options.limit = shortest;
   options.reportsPerMinuteMax = 1'000'000;
   options.stacksMax = 1;
   return options;

@@ -290,7 +290,7 @@ TEST_P(Platform, RandomChangesLoseNoReadinessAndTellNobodyWhoDoesNotWantToKnow) 
 
 TEST_P(Platform, EachMessageIsOneRunOfADescriptorTask) {
   run([] {
-    struct Reader : Brelo::FileDescriptorTask {
+    struct MessageReader : Brelo::FileDescriptorTask {
       using FileDescriptorTask::FileDescriptorTask;
       void taskExecuteReadable() override {
         char byte;
@@ -301,7 +301,7 @@ TEST_P(Platform, EachMessageIsOneRunOfADescriptorTask) {
     };
     SocketPair pair;
     auto const root = Brelo::schedulerRootBreloNonShared("root");
-    auto const task = std::make_shared<Reader>(root, Brelo::TaskPriority::normal, "reader");
+    auto const task = std::make_shared<MessageReader>(root, Brelo::TaskPriority::normal, "reader");
     task->taskWatchFdIs(pair.near());
     for (unsigned sent = 1; sent <= 1000; ++sent) {
       pair.send();

@@ -69,14 +69,14 @@ TEST_P(FileDescriptorTaskLoop, EchoesWithReadsThatStayOnAndOneShotWrites) {
 }
 
 /// Reads a byte at each run and counts what it is told.
-struct Client {
+struct ByteReader {
   struct Task : Descriptor {
     using Descriptor::Descriptor;
     void readFdEvent(int fd) override { ++reported, Descriptor::readFdEvent(fd); }
     unsigned reported = 0;
   };
 
-  explicit Client(std::shared_ptr<Brelo::TaskSchedulerRoot> const& root)
+  explicit ByteReader(std::shared_ptr<Brelo::TaskSchedulerRoot> const& root)
       : task(std::make_shared<Task>(root)) {
     task->readable = [this] {
       char byte;
@@ -98,9 +98,9 @@ struct Client {
 TEST_P(FileDescriptorTaskLoop, ReportsEachOfManyReadyOnesAtMostTwice) {
   run([] {
     auto const root = Brelo::schedulerRootBreloNonShared("root");
-    std::vector<std::unique_ptr<Client>> clients(100);
+    std::vector<std::unique_ptr<ByteReader>> clients(100);
     for (auto& client : clients)
-      client = std::make_unique<Client>(root);
+      client = std::make_unique<ByteReader>(root);
     for (int round = 0; round < 3; ++round) {
       for (auto& client : clients)
         client->pair.send();
@@ -114,7 +114,7 @@ TEST_P(FileDescriptorTaskLoop, ReportsEachOfManyReadyOnesAtMostTwice) {
 TEST_P(FileDescriptorTaskLoop, TellsWhatCannotRunOnceAndWaitsThenAsIfThereWereNothing) {
   run([] {
     auto const root = Brelo::schedulerRootBreloNonShared("root");
-    Client client(root);
+    ByteReader client(root);
     auto const timesToldIn10Ms = [&] {
       client.pair.send();
       for (int i = 0; i < 10; ++i)

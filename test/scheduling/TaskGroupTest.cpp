@@ -109,10 +109,11 @@ TEST_F(TaskGroup, NeedsASchedulerAbove) {
 
 TEST_F(TaskGroup, AnEnforcedPriorityBindsAllButTheLibrarysOwnTasks) {
   // A scheduler that has reset its statistics lives on with its reset task.
-  static auto const low = Brelo::TaskGroup::TaskGroupIs("low", TaskPriority::low, true, root);
-  EXPECT_DEATH(makeGroup("g", low), "taskPriority\\( normal \\) != taskGroupPriority\\( low \\)");
-  low->resetStats();
-  EXPECT_EQ(registeredTask(*low, "low;ResetStats")->taskPriority(), TaskPriority::low);
+  static auto const lowGroup = Brelo::TaskGroup::TaskGroupIs("low", TaskPriority::low, true, root);
+  EXPECT_DEATH(makeGroup("g", lowGroup),
+               "taskPriority\\( normal \\) != taskGroupPriority\\( low \\)");
+  lowGroup->resetStats();
+  EXPECT_EQ(registeredTask(*lowGroup, "low;ResetStats")->taskPriority(), TaskPriority::low);
 }
 
 }  // namespace

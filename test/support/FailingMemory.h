@@ -2,8 +2,8 @@
 
 #include <cstddef>
 
-/// Memory that runs out on purpose. A test program that is made with support/FailingMemory.cpp has
-/// its `operator new` and libevent's memory from there.
+/// Memory that runs out on purpose. A test program that is made with `MEMORY` among the arguments
+/// of `brelo_tests` has its `operator new` and libevent's memory from here.
 
 namespace BreloTest {
 

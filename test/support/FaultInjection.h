@@ -7,7 +7,7 @@
 
 /// Makes calls of the C library fail on purpose, in whatever part of this program they are made.
 ///
-/// A test program gets it with `brelo_fault_test(Name)` in place of `brelo_test(Name)`. The
+/// A test program gets it with `FAULTS` among the arguments of `brelo_tests`. The
 /// interposed calls are listed at the end of FaultInjection.cpp, one line for each, and "new",
 /// whose fault of any number is a `bad_alloc`. Faults hit the thread that ordered them, and nothing
 /// else; a trace that goes to standard error calls `write`, so capture traces where `write` is to

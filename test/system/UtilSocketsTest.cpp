@@ -22,7 +22,7 @@ class UtilSockets : public BreloTest::HelperTest {
     int const sd = Util::socket(*handler, AF_INET, SOCK_DGRAM, 0);
     return sd < 0 ? sd : close(sd);
   };
-  std::string const name = fmt::format("brelo-test-{}", getpid());
+  std::string const name = fmt::format("brelo-test-bound-{}", getpid());
   std::function<int()> const bind = [this] { return Util::createAndBindSocket(*handler, name); };
   std::string const opened = "2 success opening /proc/self/ns/net|2 setnsByName() to default ";
 };

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""DaemonsTest.py BRELO CACHED WORDD SOAK: the tool against the real thing, under load."""
+"""DaemonsTest.py BRELO CACHED WORDD: the tool against the real thing, under load."""
 
 import contextlib
 import json
@@ -15,8 +15,8 @@ import unittest
 
 from check_timeline import check
 
-BRELO, CACHED, WORDD, SOAK = sys.argv[1:5]
-del sys.argv[1:5]
+BRELO, CACHED, WORDD = sys.argv[1:4]
+del sys.argv[1:4]
 
 
 class Daemon:
@@ -107,13 +107,6 @@ class DaemonsTest(unittest.TestCase):
                     saved.write(self.brelo(command, '--json', cached.path))
         self.brelo('timeline', '--from', self.path('saved'), '-o', self.file)
         self.assertGreater(self.trace()[0]['slices'], 10)
-
-    def testTheSoaksDay(self):
-        subprocess.run([SOAK, '--hours', '0.25', '--history', self.path('saved')], check=True, stdout=subprocess.DEVNULL)
-        self.brelo('timeline', '--from', self.path('saved'), '-o', self.file)
-        found, _ = self.trace()
-        self.assertEqual((found['processes'], found['lost']), (2, 0))
-        self.assertGreater(found['flows'], 1000)
 
 
 if __name__ == '__main__':
