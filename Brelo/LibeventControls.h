@@ -21,6 +21,7 @@ namespace Brelo {
 namespace Impl {
 bool leSettleReads(bool all);  ///< for the loop: takes out watches of reads that are off
 class LibeventPending;
+class LibeventTurns;
 }  // namespace Impl
 
 /// Sets the event's priority after `event_assign`, which resets it. The event must not be active.
@@ -76,7 +77,7 @@ class BRELO_EXPORT LibeventCallbackControl : public Platform::CallbackControl,
 
 /// `clearEvents()` keeps the descriptor and both wishes, so that `setFd` brings the watches back.
 /// Reads that are turned off and on again, within a pass or in the one after, cost no system call
-/// as a rule, and two where several clients take turns. A direction that the kernel refuses to
+/// as a rule, and one where several clients take turns. A direction that the kernel refuses to
 /// watch is off, and `std::system_error` thrown; where there is no memory for it, `std::bad_alloc`.
 /// After such a failure of `setFd` there is no descriptor, and the wishes stay.
 class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
@@ -97,6 +98,7 @@ class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
  private:
   friend bool Impl::leSettleReads(bool all);
   friend class Impl::LibeventPending;
+  friend class Impl::LibeventTurns;
 
   static void handleFdRead(int fd, short what, void* self);
   static void handleFdWrite(int fd, short what, void* self);
@@ -106,8 +108,9 @@ class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
   void turnReadsOff();
   bool settleReads(bool now);
   void withdrawReads();
+  void takeTurn();
   template <class Notify>
-  void notify(Notify notify);
+  bool notify(Notify notify);
 
   int fd_ = -1;
   bool* ended_ = nullptr;  // as in LibeventTimerControl
@@ -116,7 +119,11 @@ class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
   bool pollable_ = true;  // as far as is known of `fd_`
   event readEvent_;
   event writeEvent_;
-  Zel::ListNode<LibeventFdControl> lingering_{this};  // reads are off, their event is not
+  bool awaited_ = false;  // as a member of `turns_`: its reads are on
+  bool armed_ = false;    // and the kernel will tell of it
+  Impl::LibeventTurns* turns_ = nullptr;
+  // Without turns: reads are off, their event is not. With turns: is told in the present pass.
+  Zel::ListNode<LibeventFdControl> listed_{this};
   std::uint64_t readsOffPass_ = 0;
   std::uint64_t readsOffTurn_ = 0;  // among all that have turned them off
   bool impatient_ = false;          // the last time it was no use to linger

@@ -14,6 +14,7 @@
 #include "Brelo/Assert.h"
 #include "Brelo/LibeventFactory.h"
 #include "Brelo/platform/LibeventState.h"
+#include "Brelo/platform/LibeventTurns.h"
 #include "Brelo/platform/Pending.h"
 
 namespace Brelo {
@@ -190,19 +191,24 @@ void LibeventFdControl::setReads(bool on) {
 // A change of a watch costs a system call. Reads that a handler turns off therefore stay installed,
 // unseen by the client, until the loop is about to look again, and for one look more: a client that
 // has the loop to itself turns them on again when its turn comes, in the next pass. Where that was
-// in vain they are withdrawn at once, until the client is the only one to turn off twice in a row.
+// in vain they are withdrawn at once and join those that take turns, until the client is the only
+// one to turn off twice in a row.
 void LibeventFdControl::turnReadsOff() {
   readsOffPass_ = Impl::lePass();
   if (readsOffTurn_ == readsOffTurns) impatient_ = false;
   readsOffTurn_ = ++readsOffTurns;
+  if (turns_ != nullptr) return impatient_ ? turns_->awaitNoMore(*this) : turns_->leave(*this);
   bool const installed = readEvent_.ev_fd != -1;
   if (readsOffPass_ == 0 || !installed || impatient_) return withdrawReads();
-  if (!lingering_.linked()) lingering_.insertBefore(lingeringReads);
+  if (!listed_.linked()) listed_.insertBefore(lingeringReads);
   Impl::leReadsTurnedOff();
 }
 
 void LibeventFdControl::turnReadsOn() {
-  if (lingering_.linked()) return lingering_.unlink();
+  auto* const turns = Impl::leTurns();
+  if (turns_ == nullptr && listed_.linked()) return listed_.unlink();
+  if (turns_ == nullptr && impatient_ && pollable_ && turns != nullptr) turns->join(*this);
+  if (turns_ != nullptr && turns_->await(*this)) return;
   event_del(&readEvent_);
   watch(&readEvent_, EV_READ | EV_PERSIST, handleFdRead);
 }
@@ -217,7 +223,8 @@ bool LibeventFdControl::settleReads(bool now) {
 }
 
 void LibeventFdControl::withdrawReads() {
-  lingering_.unlink();
+  if (turns_ != nullptr) turns_->leave(*this);
+  listed_.unlink();
   event_del(&readEvent_);
   readEvent_.ev_fd = -1;
 }
@@ -241,13 +248,14 @@ void LibeventFdControl::setWrites(bool on) {
 
 void LibeventFdControl::setFd(int fd) {
   if (fd == -1) return LibeventFdControl::delFd();
+  if (turns_ != nullptr) turns_->leave(*this);
   fd_ = fd;
   pollable_ = true;
   int const flags = fcntl(fd, F_GETFL);
   assert(flags >= 0);
   int const result = fcntl(fd, F_SETFL, flags | O_NONBLOCK);
   assert(result == 0);
-  if (lingering_.linked()) withdrawReads();
+  if (listed_.linked()) withdrawReads();
   try {
     if (reads_) {
       event_del(&readEvent_);
@@ -298,8 +306,9 @@ void LibeventFdControl::readyAtNextPass(event* ev) {
   if (event_add(ev, &now) != 0) throw std::bad_alloc();
 }
 
+/// False if the handler has ended this.
 template <class Notify>
-void LibeventFdControl::notify(Notify notify) {
+bool LibeventFdControl::notify(Notify notify) {
   bool ended = false;
   ended_ = &ended;
   try {
@@ -312,6 +321,19 @@ void LibeventFdControl::notify(Notify notify) {
     Impl::leKeepException();
   }
   if (!ended) ended_ = nullptr;
+  return !ended;
+}
+
+/// A member whose reads stay on is told again at the next look.
+void LibeventFdControl::takeTurn() {
+  bool const lives = notify([this] { handler_->readFdEvent(getFd()); });
+  if (!lives || !awaited_ || armed_) return;
+  try {
+    turnReadsOn();
+  } catch (...) {
+    reads_ = false;
+    Impl::leKeepException();
+  }
 }
 
 void LibeventFdControl::handleFdRead(int, short what, void* self) {

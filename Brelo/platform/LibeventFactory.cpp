@@ -4,12 +4,15 @@
 #include <pthread.h>
 
 #include <cerrno>
+#include <new>
+#include <utility>
 
 #include "Brelo/Assert.h"
 #include "Brelo/MemTrack.h"
 #include "Brelo/Thread.h"
 #include "Brelo/platform/Backend.h"
 #include "Brelo/platform/LibeventState.h"
+#include "Brelo/platform/LibeventTurns.h"
 
 namespace Brelo {
 
@@ -22,6 +25,7 @@ ModuleTrace const Impl::libeventTrace("BreloLibevent");
 
 namespace {
 
+thread_local Impl::LibeventTurns* turns = nullptr;
 thread_local unsigned liveControls = 0;
 thread_local unsigned warnings = 0;
 bool forkedChild = false;
@@ -35,6 +39,7 @@ class ThreadExit {
 
  private:
   static void atExit(void*) {
+    delete std::exchange(turns, nullptr);
     if (liveControls == 0) leFree();
   }
   pthread_key_t key_;
@@ -45,6 +50,15 @@ class ThreadExit {
 void inForkedChild() {
   forkedChild = true;
   if (ev_base != nullptr) leForkReinit();
+}
+
+/// Without memory for it there is none.
+Impl::LibeventTurns* makeTurns(event_base* base) {
+  try {
+    return new Impl::LibeventTurns(base);
+  } catch (std::bad_alloc const&) {
+    return nullptr;
+  }
 }
 
 /// What is done once in the process, before the first base is made.
@@ -76,6 +90,10 @@ unsigned Impl::leWarnings() {
   return warnings;
 }
 
+Impl::LibeventTurns* Impl::leTurns() {
+  return turns;
+}
+
 event_base* leCreateBase() {
   static LeInitializer const initializer;
   event_config* const config = event_config_new();
@@ -100,6 +118,7 @@ void leRegisterBase(event_base* base) {
   static ThreadExit threadExit;
   threadExit.armed();
   [[maybe_unused]] static int const forkHandled = pthread_atfork(nullptr, nullptr, inForkedChild);
+  if (ev_base == nullptr) turns = makeTurns(base);
   ev_base = base;
   setMainThread();
 }
@@ -110,6 +129,7 @@ void leInit() {
 
 void leFree() {
   if (ev_base == nullptr) return;
+  delete std::exchange(turns, nullptr);
   event_base_free(ev_base);
   ev_base = nullptr;
   liveControls = 0;
@@ -123,6 +143,7 @@ void leForkReinit() {
   if (ev_base == nullptr) {
     leInit();
   } else {
+    if (turns != nullptr) turns->renewInForkedChild();
     event_reinit(ev_base);
   }
 }

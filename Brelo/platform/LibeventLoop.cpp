@@ -21,6 +21,7 @@ namespace {
 thread_local std::exception_ptr keptException;
 thread_local std::uint64_t passes = 0;
 thread_local bool inPass = false;
+thread_local bool passIsSingle = false;
 thread_local bool stopAsked = false;
 
 /// Bounds one run of the loop: breaks it `timeout` seconds after construction.
@@ -153,6 +154,10 @@ void Impl::leKeepException() {
   event_base_loopbreak(ev_base);
 }
 
+bool Impl::leExceptionKept() {
+  return keptException != nullptr;
+}
+
 std::atomic<unsigned> Impl::leObservedLoops{0};
 
 void Impl::leWaitsObservedIs(bool observed) {
@@ -181,6 +186,10 @@ std::uint64_t Impl::lePasses() {
 
 std::uint64_t Impl::lePass() {
   return inPass ? passes : 0;
+}
+
+bool Impl::lePassIsSingle() {
+  return passIsSingle;
 }
 
 // One pass of the loop:
@@ -215,6 +224,7 @@ bool Impl::leDispatch() {
     bool const single = lingers || stopAsked;
     bool const observed = !single && ObservedPasses::wanted();
     stretch = single ? nullptr : &passesInARow;
+    passIsSingle = single || observed;
     ++passes;
     inPass = true;
     errno = 0;

@@ -9,6 +9,7 @@
 
 #include "Brelo/LibeventFactory.h"
 #include "Brelo/platform/LibeventState.h"
+#include "Brelo/platform/LibeventTurns.h"
 #include "Brelo/platform/Pending.h"
 
 namespace Brelo::Impl {
@@ -24,6 +25,9 @@ class LibeventPending {
     if (thrown_) std::rethrow_exception(thrown_);
     for (event const* const ev : events_)
       add(*ev);
+    if (auto const* const turns = leTurns()) {
+      turns->forEachAwaited([this](LibeventFdControl const& each) { watches_.insert(&each); });
+    }
     for (LibeventFdControl const* const control : watches_)
       addWatch(*control);
   }
@@ -33,7 +37,8 @@ class LibeventPending {
     auto* const pending = static_cast<LibeventPending*>(self);
     try {
       bool const ofLibevent = (ev->ev_evcallback.evcb_flags & EVLIST_INTERNAL) != 0;
-      if (!ofLibevent && !leIsBound(*ev)) pending->events_.push_back(ev);
+      bool const ofLoop = leIsBound(*ev) || LibeventTurns::isOwn(*ev);
+      if (!ofLibevent && !ofLoop) pending->events_.push_back(ev);
       return 0;
     } catch (...) {
       pending->thrown_ = std::current_exception();

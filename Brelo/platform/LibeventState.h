@@ -28,6 +28,8 @@ bool leMayTouch(event const& ev);
 /// Keeps the exception in flight for the loop's entry and breaks the calling thread's loop. To be
 /// called inside a catch block.
 void leKeepException();
+/// There is one, for which the loop ends.
+bool leExceptionKept();
 
 /// What libevent has warned of on this thread so far: of each system call that fails, which leaves
 /// its `errno`, and not where memory runs out.
@@ -39,6 +41,9 @@ unsigned leWarnings();
 std::uint64_t lePasses();
 std::uint64_t lePass();
 /// @}
+
+/// The present one is the last one of this call of libevent.
+bool lePassIsSingle();
 
 /// In a handler: `leSettleReads` is wanted before the next pass.
 void leReadsTurnedOff();

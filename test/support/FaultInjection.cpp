@@ -94,6 +94,7 @@ INTERPOSE(int, bind, -1, (int fd, sockaddr const* address, socklen_t length), fd
 INTERPOSE(int, accept4, -1, (int fd, sockaddr* address, socklen_t* size, int flags), fd, address, size, flags)
 INTERPOSE(int, chmod, -1, (char const* path, mode_t mode), path, mode)
 INTERPOSE(int, fchmod, -1, (int fd, mode_t mode), fd, mode)
+INTERPOSE(int, epoll_create1, -1, (int flags), flags)
 INTERPOSE(int, epoll_ctl, -1, (int set, int operation, int fd, epoll_event* event), set, operation, fd, event)
 INTERPOSE(int, epoll_pwait2, -1, (int set, epoll_event* events, int most, timespec const* limit, sigset_t const* mask), set, events, most, limit, mask)
 INTERPOSE(FILE*, fopen, nullptr, (char const* path, char const* mode), path, mode)
