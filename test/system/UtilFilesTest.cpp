@@ -68,7 +68,19 @@ TEST_F(UtilFiles, GoByDescriptorZeroAsByAnyOther) {
     EXPECT_TRUE(touch(*handler, "touched"));
     write("written", "text")();
     EXPECT_EQ(fileSize(*handler, "written"), 4U);
-    EXPECT_TRUE(Brelo::FileLock(*handler, ".", "lock").lock(false));
+    umask(0777);
+    EXPECT_EQ(mkpath("d", 0755), 0);
+    EXPECT_EQ(modeOf("d"), 0755U);
+    for (bool const replaced : {false, true}) {
+      Brelo::FileLock lock(*handler, "d", "lock");
+      EXPECT_TRUE(lock.lock(false));
+      EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1);
+      if (!replaced) continue;
+      EXPECT_EQ(unlink("d/lock"), 0);
+      EXPECT_TRUE(lock.lock(false));
+      EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    }
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
   }));
 }
 
