@@ -206,9 +206,11 @@ void LibeventFdControl::turnReadsOff() {
 }
 
 void LibeventFdControl::turnReadsOn() {
-  auto* const turns = Impl::leTurns();
-  if (turns_ == nullptr && listed_.linked()) return listed_.unlink();
-  if (turns_ == nullptr && impatient_ && pollable_ && turns != nullptr) turns->join(*this);
+  if (turns_ == nullptr) {
+    if (listed_.linked()) return listed_.unlink();
+    auto* const turns = impatient_ && pollable_ ? Impl::leTurns() : nullptr;
+    if (turns != nullptr) turns->join(*this);
+  }
   if (turns_ != nullptr && turns_->await(*this)) return;
   event_del(&readEvent_);
   watch(&readEvent_, EV_READ | EV_PERSIST, handleFdRead);

@@ -188,8 +188,8 @@ std::uint64_t Impl::lePass() {
   return inPass ? passes : 0;
 }
 
-bool Impl::lePassIsSingle() {
-  return passIsSingle;
+bool Impl::lePassEndsLoop() {
+  return !inPass || passIsSingle;
 }
 
 // One pass of the loop:

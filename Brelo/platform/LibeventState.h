@@ -42,8 +42,8 @@ std::uint64_t lePasses();
 std::uint64_t lePass();
 /// @}
 
-/// The present one is the last one of this call of libevent.
-bool lePassIsSingle();
+/// The present pass may be the last one of this call of libevent, somebody else's call perhaps.
+bool lePassEndsLoop();
 
 /// In a handler: `leSettleReads` is wanted before the next pass.
 void leReadsTurnedOff();

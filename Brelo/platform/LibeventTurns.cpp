@@ -18,13 +18,17 @@ namespace Brelo::Impl {
 LibeventTurns::LibeventTurns(event_base* base) noexcept : set_(::epoll_create1(EPOLL_CLOEXEC)) {
   if (set_ < 0) return;
   event_assign(&ready_, base, set_, EV_READ | EV_PERSIST, handleReady, this);
-  eventPrioritySet(&ready_, Platform::eventPriorityDefault);
   // As an event of libevent's own it does not keep the loop.
   ready_.ev_evcallback.evcb_flags |= EVLIST_INTERNAL;
   // One without a descriptor is never ready, costs no system call, and keeps the loop.
   event_assign(&awaiting_, base, -1, EV_READ | EV_PERSIST, handleAwaited, this);
-  eventPrioritySet(&awaiting_, Platform::eventPriorityDefault);
-  if (event_add(&ready_, nullptr) == 0) return;
+  // A base that somebody else has made may have no such priority.
+  auto const refusesPriority = [](event& each) {
+    return event_priority_set(&each, Platform::eventPriorityDefault) != 0;
+  };
+  if (!refusesPriority(ready_) && !refusesPriority(awaiting_) && event_add(&ready_, nullptr) == 0) {
+    return;
+  }
   ::close(set_);
   set_ = -1;
 }
@@ -106,8 +110,8 @@ void LibeventTurns::handleReady(int, short, void* self) {
   auto* const turns = static_cast<LibeventTurns*>(self);
   turns->collect();
   turns->tell();
-  // With nothing but events of its own a pass is none to libevent, and another one would follow.
-  if (lePassIsSingle()) event_active(&turns->awaiting_, EV_READ, 1);
+  // A pass with nothing but events of its own is none to libevent: another one would follow.
+  if (lePassEndsLoop()) event_active(&turns->awaiting_, EV_READ, 1);
 }
 
 /// All of them before the first is told: who asks again when told waits for the next look.

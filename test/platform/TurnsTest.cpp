@@ -253,9 +253,26 @@ TEST(LibeventTurns, AStopEndsTheirPassAndNoMore) {
       EXPECT_EQ(callback.runs, 0) << before;
       callback.control->cancelCallback();
       crowd.serve();
-      if (before) stopEventLoop(), doEventLoop();  // the stop that was asked for while stopping
     }
   });
+}
+
+TEST(LibeventTurns, APassOfSomebodyElsesLoopIsOneOfTheirs) {
+  onLibevent([] {
+    Crowd crowd(3);
+    crowd.ask();
+    EXPECT_EQ(event_base_loop(Brelo::ev_base, EVLOOP_ONCE), 0);
+    EXPECT_TRUE(crowd.eachToldOnce());
+  });
+}
+
+TEST(LibeventTurns, AreDoneWithoutOnABaseOfOnePriority) {
+  event_base* const plain = event_base_new();
+  std::thread([&] {
+    unsigned const before = openDescriptors();
+    Brelo::leRegisterBase(plain);
+    EXPECT_EQ(openDescriptors(), before);
+  }).join();
 }
 
 TEST(LibeventTurns, AForkedChildHasTheirReadsToItselfAndSoHasItsParent) {
