@@ -169,13 +169,6 @@ TEST_P(DaemonRun, TakesTheSameSignalTwiceForOne) {
 TEST_P(DaemonRun, GoesOnAfterExceptionsUntilThereAreTooMany) {
   run([] {
     Daemon daemon("test");
-    int runs = 0;
-    FunctionTask task(daemon.scheduler(), TaskPriority::normal, "fails", [&](auto& self) {
-      if (++runs < 3) self.scheduleTask();
-      if (runs == 2) throw 2;
-      throw std::runtime_error("no");
-    });
-    task.schedule();
     BreloTest::Timer timer([&] {
       if (timer.runs == 1) {
         timer.control->setTimeout(0.001);
@@ -183,7 +176,13 @@ TEST_P(DaemonRun, GoesOnAfterExceptionsUntilThereAreTooMany) {
       }
       daemon.stop();
     });
-    timer.control->setTimeout(0.001);
+    int runs = 0;
+    FunctionTask task(daemon.scheduler(), TaskPriority::normal, "fails", [&](auto& self) {
+      ++runs < 3 ? self.scheduleTask() : timer.control->setTimeout(0.001);
+      if (runs == 2) throw 2;
+      throw std::runtime_error("no");
+    });
+    task.schedule();
     std::string const text = standardErrorOf([&] { EXPECT_EQ(daemon.run(), 0); });
     EXPECT_EQ(text,
               "test: task \"fails\": no\n"
