@@ -38,6 +38,21 @@ constexpr double lookSeconds = 0.01;
 // Two signals within this time are one: timeout(1) sends its own to the process and to its group.
 constexpr double sameSignalSeconds = 0.05;
 
+/// A second daemon on a thread would end with the first one's steps.
+class OnlyOneOfThread {
+ public:
+  explicit OnlyOneOfThread(std::string const& name) {
+    if (std::exchange(made, true)) BRELO_FAIL("Daemon", "{} is a second one on its thread", name);
+  }
+  OnlyOneOfThread(OnlyOneOfThread const&) = delete;
+  ~OnlyOneOfThread() { made = false; }
+
+ private:
+  static thread_local bool made;
+};
+
+thread_local bool OnlyOneOfThread::made = false;
+
 /// Has done what comes before the first descriptor and the first write to a peer.
 std::string prepared(std::string name) {
   Impl::openStandardDescriptors();
@@ -65,7 +80,8 @@ std::string currentExceptionText() {
 class Daemon::Frame {
  public:
   Frame(std::string name, DaemonOptions const& options)
-      : name_(prepared(std::move(name))),
+      : onlyOne_(name),
+        name_(prepared(std::move(name))),
         limit_(inSeconds(options.stopLimit)),
         readyAtRun_(options.readyAtRun),
         stopSignals_(options.stopSignals),
@@ -233,6 +249,7 @@ class Daemon::Frame {
 
   void say(std::string const& text) { Impl::sayOnStandardError(name_ + ": " + text + "\n"); }
 
+  OnlyOneOfThread const onlyOne_;
   std::string const name_;
   double const limit_;  // seconds
   bool const readyAtRun_;

@@ -29,9 +29,9 @@ struct DaemonOptions {
 ///
 /// Made first in `main`, before any thread and before everything that uses its scheduler: it opens
 /// /dev/null in place of standard descriptors that are closed, ignores SIGPIPE, and takes the
-/// signals that end the process. One on a thread at a time, which chooses its backend before. The
-/// service manager, where there is one, hears that the daemon is ready, that it is stopping, and
-/// the signs of life that it asks for.
+/// signals that end the process. One on a thread at a time, which chooses its backend before; a
+/// second one is an assertion. The service manager, where there is one, hears that the daemon is
+/// ready, that it is stopping, and the signs of life that it asks for.
 ///
 ///     int main() {
 ///       BreloDaemon::Daemon daemon("echo");

@@ -283,6 +283,7 @@ TEST_P(DaemonRun, OptionsLastAndAStopOfOneIsNoneOfTheNext) {
     { Daemon("stopped, and never run", options).stop(); }
     Daemon daemon("test", options);
     EXPECT_DEATH(daemon.onSignal(SIGUSR2, [] {}), "ends the daemon");
+    EXPECT_DEATH(Daemon("another"), "another is a second one on its thread");
     bool ran = false;
     FunctionTimer timer(daemon.scheduler(), TaskPriority::normal, "timer", [&] {
       ran = true;
