@@ -17,18 +17,13 @@ namespace Brelo::Impl {
 
 LibeventTurns::LibeventTurns(event_base* base) noexcept : set_(::epoll_create1(EPOLL_CLOEXEC)) {
   if (set_ < 0) return;
+  // The priority is the one in the middle, `eventPriorityDefault` on the library's own bases.
   event_assign(&ready_, base, set_, EV_READ | EV_PERSIST, handleReady, this);
   // As an event of libevent's own it does not keep the loop.
   ready_.ev_evcallback.evcb_flags |= EVLIST_INTERNAL;
   // One without a descriptor is never ready, costs no system call, and keeps the loop.
   event_assign(&awaiting_, base, -1, EV_READ | EV_PERSIST, handleAwaited, this);
-  // A base that somebody else has made may have no such priority.
-  auto const refusesPriority = [](event& each) {
-    return event_priority_set(&each, Platform::eventPriorityDefault) != 0;
-  };
-  if (!refusesPriority(ready_) && !refusesPriority(awaiting_) && event_add(&ready_, nullptr) == 0) {
-    return;
-  }
+  if (event_add(&ready_, nullptr) == 0) return;
   ::close(set_);
   set_ = -1;
 }

@@ -38,6 +38,10 @@ TEST_P(Function, ATaskRunsWhenAskedAndLettingGoTakesItBack) {
     doEventLoop();
     EXPECT_EQ(runs, 3);
 
+    task.schedule();
+    task.cancel();
+    EXPECT_FALSE(task.scheduled());
+
     // Moved, let go of while queued, and from inside of the work, whose captures last.
     FunctionTask other = std::move(task);
     other.schedule();

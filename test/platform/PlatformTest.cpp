@@ -335,6 +335,35 @@ TEST_P(Platform, AnExceptionIsHandledOrLeavesTheLoopWhichCanBeEnteredAgain) {
   });
 }
 
+TEST_P(Platform, AHandlerThatSaysNothingOfExceptionsHandlesNone) {
+  run([] {
+    struct Plain : Brelo::Platform::TimeoutHandler,
+                   Brelo::Platform::CallbackHandler,
+                   Brelo::Platform::FdEventHandler {
+      void timeout() override { throw 1; }
+      void callback() override { throw 2; }
+      void readFdEvent(int) override { throw 3; }
+      void writeFdEvent(int) override { throw 4; }
+    } plain;
+    SocketPair pair;
+    auto const timer = Brelo::Platform::getTimerControl(&plain);
+    auto const callback = Brelo::Platform::getCallbackControl(&plain);
+    auto const watch = Brelo::Platform::getFdControl(&plain);
+    auto const leavesTheLoop = [] { EXPECT_THROW(doEventLoop(0.01), int); };
+    timer->setTimeout(0);
+    leavesTheLoop();
+    callback->requestCallback();
+    leavesTheLoop();
+    watch->setReads(true);
+    watch->setFd(pair.near());
+    pair.send();
+    leavesTheLoop();
+    watch->setReads(false);
+    watch->setWrites(true);
+    leavesTheLoop();
+  });
+}
+
 TEST_P(Platform, AHandlerMayStopOrDestroyWhoeverIsReadyBesideIt) {
   run([] {
     for (int mode = 2; mode <= 15; ++mode) {

@@ -203,6 +203,18 @@ TEST(TextReport, SumsTheWholeTreeAlsoAmidItsRuns) {
                "TaskGroup is non-null");
 }
 
+TEST(TextReport, WithoutTheEndedTasksLacksTheirTableAndALineOfTheLegend) {
+  auto const root = schedulerRootBreloNonShared("r");
+  auto const report = [&](bool includeCompleted) {
+    return root->statsRenderTextForDebugToString(false, true, includeCompleted, false);
+  };
+  std::string expected = report(true);
+  expected.erase(expected.find("TaskName (completed)"));
+  auto const line = expected.find("Completed         =");
+  expected.erase(line, expected.find('\n', line) + 1 - line);
+  EXPECT_EQ(report(false), expected);
+}
+
 TEST(TextReport, ShowsEmptyTables) {
   auto const root = schedulerRootBreloNonShared("r");
   EXPECT_EQ(

@@ -42,7 +42,8 @@ TEST(Root, IsUsedOnItsOwnThreadOnlyWithThreeExcuses) {
   auto const onThread = [](auto body) { std::thread(body).join(); };
   auto const schedule = [&] { task->scheduleTask(); };
   auto const complaint =
-      "Executing in wrong thread [0-9]+\\([^)]+\\) pid [0-9]+ scheduler belongs to thread .*' "
+      "Executing in wrong thread [0-9]+\\([^)]+\\) pid [0-9]+ scheduler belongs to thread "
+      "[0-9]+\\([^)]+\\) pid [0-9]+' "
       "failed";
   EXPECT_DEATH(onThread(schedule), complaint);
   EXPECT_DEATH(onThread([&] { workTask(root, "b"); }), complaint);

@@ -70,8 +70,10 @@ TEST_F(TaskStat, LatencyAndSlipAreTheTimeFromTheRequest) {
 
 TEST_F(TaskStat, EndedTasksOfOneStatsNameAreOneRecord) {
   auto other = workTask(root, "other", {}, TaskPriority::low);
+  root->virtualTimeIs(true);
   for (auto const& each : {task, other, other, task}) {
     each->taskStatsNameIs("both");
+    each->work = [&](WorkTask&) { skipTime(each == task ? 0.003 : 0.001); };
     each->taskRunFromTest();
     each->taskWorkCountInc(each == task ? 8 : 2);
   }
@@ -84,6 +86,7 @@ TEST_F(TaskStat, EndedTasksOfOneStatsNameAreOneRecord) {
   EXPECT_EQ(both.taskWorkCountTotal, 20U);
   EXPECT_EQ(both.taskWorkCountDecayAvg, 2);
   EXPECT_EQ(both.taskWorkCountHighWaterMark.value(), 8U);
+  EXPECT_GE(both.taskRunTimeHighWaterMark(), 2'900us);
   EXPECT_TRUE(both.taskWorkPending == 0 && both.taskWorkPendingHighWaterMark.value() == 4);
   // A task that is not kept stays counted among the live ones.
   EXPECT_EQ(root->tasksPerPriority(TaskPriority::normal), 1U);
