@@ -22,7 +22,8 @@ LibeventTurns::LibeventTurns(event_base* base) noexcept : set_(::epoll_create1(E
   // As an event of libevent's own it does not keep the loop.
   ready_.ev_evcallback.evcb_flags |= EVLIST_INTERNAL;
   // One without a descriptor is never ready, costs no system call, and keeps the loop.
-  event_assign(&awaiting_, base, -1, EV_READ | EV_PERSIST, handleAwaited, this);
+  event_assign(&awaiting_, base, -1, EV_READ | EV_PERSIST, handleNothing, this);
+  event_assign(&counts_, base, -1, 0, handleNothing, this);
   if (event_add(&ready_, nullptr) == 0) return;
   ::close(set_);
   set_ = -1;
@@ -34,11 +35,12 @@ LibeventTurns::~LibeventTurns() {
     if (each != nullptr) forget(*each);
   }
   event_del(&ready_);
+  event_del(&counts_);
   ::close(set_);
 }
 
 bool LibeventTurns::isOwn(event const& ev) {
-  return event_get_callback(&ev) == handleAwaited;
+  return event_get_callback(&ev) == handleNothing;
 }
 
 bool LibeventTurns::isAwaited(LibeventFdControl const& control) {
@@ -98,7 +100,7 @@ void LibeventTurns::awaitNoMore(LibeventFdControl& control) noexcept {
   control.awaited_ = false;
 }
 
-void LibeventTurns::handleAwaited(int, short, void*) {}
+void LibeventTurns::handleNothing(int, short, void*) {}
 
 void LibeventTurns::handleReady(int, short, void* self) {
   leHandlerBegins();
@@ -106,7 +108,7 @@ void LibeventTurns::handleReady(int, short, void* self) {
   turns->collect();
   turns->tell();
   // A pass with nothing but events of its own is none to libevent: another one would follow.
-  if (lePassEndsLoop()) event_active(&turns->awaiting_, EV_READ, 1);
+  if (lePassEndsLoop()) event_active(&turns->counts_, EV_TIMEOUT, 1);
 }
 
 /// All of them before the first is told: who asks again when told waits for the next look.

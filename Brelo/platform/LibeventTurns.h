@@ -55,7 +55,7 @@ class LibeventTurns {
  private:
   static bool isAwaited(LibeventFdControl const& control);
   static void handleReady(int fd, short what, void* self);
-  static void handleAwaited(int fd, short what, void* self);
+  static void handleNothing(int fd, short what, void* self);
   bool change(int operation, int fd, bool tells) noexcept;
   void forget(LibeventFdControl& control) noexcept;
   void collect() noexcept;
@@ -64,6 +64,7 @@ class LibeventTurns {
   int set_ = -1;
   event ready_;     // somebody in the set is
   event awaiting_;  // added while somebody is awaited, which is what keeps the loop
+  event counts_;    // made active so that libevent counts a pass of ours
   std::size_t awaited_ = 0;
   std::vector<LibeventFdControl*> members_;  // by descriptor
   Zel::ListNode<LibeventFdControl> toTell_;

@@ -257,6 +257,23 @@ TEST(LibeventTurns, AStopEndsTheirPassAndNoMore) {
   });
 }
 
+TEST(LibeventTurns, WhoIsAwaitedAgainInAPassThatEndsTheLoopKeepsIt) {
+  onLibevent([] {
+    Crowd crowd(2);
+    crowd.clients[1].watch.control->setReads(false);
+    auto& member = crowd.clients[0];
+    Callback callback;
+    callback.action = [&] { member.watch.control->setReads(true); };
+    member.pair.send();
+    callback.control->requestCallback();
+    stopEventLoop();
+    doEventLoop();
+    EXPECT_EQ(member.told, 1);
+    doEventLoop();
+    EXPECT_EQ(member.told, 2);
+  });
+}
+
 TEST(LibeventTurns, APassOfSomebodyElsesLoopIsOneOfTheirs) {
   onLibevent([] {
     Crowd crowd(3);
