@@ -58,7 +58,7 @@ LibeventTimerControl::LibeventTimerControl(Platform::TimeoutHandler* handler,
                                            Platform::EventPriority priority)
     : TimerControl(handler), eventPriority_(priority) {
   leInit();
-  assign(&event_, -1, 0, handleTimeout, this, eventPriority_);
+  assign(&event_, -1, 0, nullptr, nullptr, eventPriority_);
   Impl::leControlAdded();
 }
 
@@ -75,6 +75,7 @@ void LibeventTimerControl::setTimeout(double seconds) {
               DisplayPointer(this), seconds);
   if (std::isinf(seconds) && seconds > 0) return;
   timeval const tv = toTimeval(seconds);
+  assign(&event_, -1, 0, handleTimeout, this, eventPriority_);
   if (event_add(&event_, &tv) == 0) return;
   BRELO_TRACE(libeventTrace, 0, "LibeventTimerControl", "Timer {} is refused its timeout {}",
               DisplayPointer(this), seconds);
@@ -83,8 +84,6 @@ void LibeventTimerControl::setTimeout(double seconds) {
 void LibeventTimerControl::delTimeout() {
   BRELO_TRACE(libeventTrace, 9, "LibeventTimerControl", "Timer {} del timeout",
               DisplayPointer(this));
-  int const installed = EVLIST_TIMEOUT | EVLIST_ACTIVE | EVLIST_ACTIVE_LATER;
-  if ((event_.ev_evcallback.evcb_flags & installed) == 0) return;
   if (Impl::leMayTouch(event_)) event_del(&event_);
 }
 

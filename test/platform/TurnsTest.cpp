@@ -45,10 +45,10 @@ struct Crowd {
   };
 
   /// After some rounds all of them take turns.
-  explicit Crowd(std::size_t count) : clients(count) {
+  explicit Crowd(std::size_t count, int rounds = 3) : clients(count) {
     for (Client& each : clients)
       each.watch.read.action = [&each] { each.hear(); };
-    for (int round = 0; round < 3; ++round)
+    for (; rounds > 0; --rounds)
       askAndServe();
   }
   void ask() {
@@ -393,11 +393,7 @@ TEST(LibeventTurns, AreDoneWithoutWhereTheKernelOrMemoryRefuses) {
   onLibevent([&] {
     Crowd crowd(3);
     isServed(crowd, {{"epoll_ctl", {ENOENT, EBADF, ENOMEM}}});  // their turn is refused
-    Crowd later(0);
-    later.clients.resize(4);
-    for (auto& each : later.clients)
-      each.watch.read.action = [&each] { each.hear(); };
-    later.askAndServe();
+    Crowd later(4, 1);
     // Of the changes from then on each second one takes a member in.
     isServed(later, {{"epoll_ctl", {0, ENOSPC, 0, ENOMEM, 0, 0, 0, ENOSPC}}});
     later.askAndServe();
