@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csetjmp>
 #include <string>
 #include <thread>
@@ -181,6 +182,17 @@ void killIn(int seconds) {
   ASSERT_EQ(timer_create(CLOCK_MONOTONIC, &event, &timer), 0);
   itimerspec const time = {{}, {seconds, 0}};
   ASSERT_EQ(timer_settime(timer, 0, &time, nullptr), 0);
+}
+
+TEST(StackWalk, HoldsUpNoForkThatFollows) {
+  auto shortest = std::chrono::steady_clock::duration::max();
+  for (int i = 0; i < 5; ++i) {
+    Backtrace{true};
+    auto const start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(BreloTest::passesInChild([] {}));
+    shortest = std::min(shortest, std::chrono::steady_clock::now() - start);
+  }
+  EXPECT_LT(shortest, std::chrono::seconds(1)) << "which is how long a fork waits for a walk";
 }
 
 TEST(StackWalk, IsPossibleInAChildForkedWhileOthersWalked) {

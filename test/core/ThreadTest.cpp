@@ -14,13 +14,15 @@ using BreloTest::passesInChild;
 
 TEST(Thread, HasANameAndSingletonsOfItsOwnAndTheMainOneKeepsItsName) {
   std::string const mainName = threadName();
+  char kernels[16];
+  pthread_getname_np(pthread_self(), kernels, sizeof kernels);
+  EXPECT_EQ(mainName, kernels);
   threadNameIs("longer than any name");
   EXPECT_EQ(threadName(), mainName);
   std::thread([&] {
     EXPECT_EQ(threadName(), mainName);
     for (std::string const name : {"worker", "123456789012345", "w"}) {
       threadNameIs(name.c_str());
-      char kernels[16];
       pthread_getname_np(pthread_self(), kernels, sizeof kernels);
       EXPECT_TRUE(threadName() == name && kernels == name) << name;
     }

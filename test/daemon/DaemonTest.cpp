@@ -125,7 +125,9 @@ TEST_P(DaemonRun, ThatIsNotLetGoOfSaysWhatItIsAndFails) {
     timer.control->setTimeout(0.03);
     daemon.stop();
     EXPECT_EQ(daemon.run(), 0);
-    EXPECT_TRUE(late.has_value() && !late->armed());
+    ASSERT_TRUE(late.has_value() && !late->armed());
+    late->every(1h);
+    EXPECT_FALSE(late->armed()) << "what has ended stays so";
   });
   run([] {  // a second signal ends it at once, also when only something else keeps the loop
     Daemon daemon("test");

@@ -76,6 +76,22 @@ TEST_P(SignalTaskTest, EachSignalIsARunUntilItsHandlerEndsIt) {
   });
 }
 
+TEST_P(SignalTaskTest, EndsWithASignalThatWaitsForItsRun) {
+  runWith([](auto const& root) {
+    bool told = false;
+    auto task = make(root, {SIGUSR1}, [&](auto&) { told = true; });
+    auto const queued = registeredTask(*root, "signals");
+    root->suspendedIs(true);
+    raiseHere(SIGUSR1);
+    EXPECT_TRUE(runUntil([&] { return queued->onRunQueue(); }));
+    task.reset();
+    EXPECT_FALSE(queued->onRunQueue());
+    root->suspendedIs(false);
+    Brelo::Platform::doEventLoop();
+    EXPECT_FALSE(told);
+  });
+}
+
 TEST_P(SignalTaskTest, TheMaskIsThatOfWhoStillWantsIt) {
   runWith([&](auto const& root) {
     sigset_t before;

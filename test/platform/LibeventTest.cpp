@@ -27,6 +27,8 @@ TEST(Libevent, AThreadLeavesItsBaseBehindForWhatOutlivesItOnly) {
   event_base* base = nullptr;
   for (bool const survives : {false, true}) {
     onBackend(Backend::libevent, [&] {
+      Brelo::leInit();
+      Brelo::leFree();  // by hand, and then there is another one
       auto timer = std::make_unique<Timer>();
       timer->control->setTimeout(0.0);
       Brelo::getTimerWheel();

@@ -99,7 +99,7 @@ TEST(TextReport, IsTheSameOnEveryWayOut) {
   text.resize(static_cast<std::size_t>(read(pipe[0], text.data(), text.size())));
   EXPECT_EQ(text, stats + history);
   close(pipe[0]);
-  close(pipe[1]);
+  EXPECT_EQ(close(pipe[1]), 0) << "neither closes it";
 }
 
 /// Everything of a report from its first table on.

@@ -7,8 +7,10 @@
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "Brelo/Platform.h"
 #include "Brelo/RunObserver.h"
@@ -155,6 +157,26 @@ TEST_P(RootOnLoop, MayEndWithTheTaskThatThrowsInItsLastRun) {
     EXPECT_THROW(Brelo::Platform::doEventLoop(0.01), std::runtime_error);
     EXPECT_TRUE(alive.expired());
     Brelo::Platform::doEventLoop();
+  });
+}
+
+TEST_P(RootOnLoop, WhoIsQueuedAfterARunCouldNotBeHadAsksAgain) {
+  struct Root : Brelo::TaskSchedulerRoot {
+    using TaskSchedulerRoot::TaskSchedulerRoot;
+    void requestSchedulerRun() override {
+      if (std::exchange(fails, false)) throw std::bad_alloc();
+      TaskSchedulerRoot::requestSchedulerRun();
+    }
+    bool fails = true;
+  };
+  run([] {
+    auto const root = std::make_shared<Root>("r");
+    auto const first = workTask(root, "first");
+    auto const second = workTask(root, "second");
+    EXPECT_THROW(first->scheduleTask(), std::bad_alloc);
+    second->scheduleTask();
+    Brelo::Platform::doEventLoop();
+    EXPECT_EQ(second->taskRunCount, 1u);
   });
 }
 

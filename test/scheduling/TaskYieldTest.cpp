@@ -62,6 +62,10 @@ TEST_F(TaskYield, ARatioForcesAllGroupsAboveWinsOverTheRootsAndCountsInEightBits
   auto const inner = Brelo::TaskGroup::TaskGroupIs("inner", TaskPriority::normal, false, outer);
   auto const top = registeredTask(*root, "TaskGroup;outer");
   auto one = workTask(inner, "one"), two = workTask(inner, "two");
+  root->clearHistory();
+  one->taskTestYieldRatioIs(50);
+  one->taskTestYieldRatioIs(0);
+  EXPECT_EQ(takeEvents(*root, "N one"), "frcYieldOn,frcYieldOff,");
   one->taskTestYieldRatioIs(50);
   two->taskForceYieldInTestIs(true);
   two->taskForceYieldInTestIs(false);

@@ -83,6 +83,13 @@ TEST_F(UtilSockets, FailedCallsLeaveNoDescriptor) {
   });
 }
 
+TEST_F(UtilSockets, MayBeDescriptorZero) {
+  EXPECT_TRUE(passesInChild([this] {
+    close(STDIN_FILENO);
+    BreloTest::tryFaults({row({{"open", {ENOENT}}}, make, EndsWith("local socket, sd:0|0"))});
+  }));
+}
+
 // The default namespace is that of process 1, so here a process 1 of our own.
 TEST_F(UtilSockets, SocketBelongsToTheDefaultNamespaceAndTheThreadComesBack) {
   if (!BreloTest::mayUnshare(CLONE_NEWPID | CLONE_NEWNS)) GTEST_SKIP() << "may not unshare";
