@@ -117,17 +117,27 @@ class Daemon::Frame {
 
   int run() {
     running_ = true;
-    if (readyAtRun_) report(service_.ready());
+    if (readyAtRun_) enter([this] { report(service_.ready()); });
     while (!stopping_) {
-      if (enter([] { Brelo::Platform::doEventLoop(); })) stop(0);  // nothing was left, or a stop
+      enter([this] {
+        Brelo::Platform::doEventLoop();
+        stop(0);  // nothing was left, or a stop
+      });
     }
-    while (!stepsDone_ && left() > 0)
-      enter([this] { Brelo::Platform::doEventLoop(left()); });
+    while (!stepsDone_ && left() > 0) {
+      enter([this] {
+        goOn_.schedule();
+        Brelo::Platform::doEventLoop(left());
+      });
+    }
     stopTasks_.clear();
-    bool ended;
-    while (!(ended = nothingLeft()) && left() > 0)
+    bool ended = false;
+    while (true) {
+      enter([&] { ended = nothingLeft(); });
+      if (ended || left() <= 0) break;
       enter([this] { Brelo::Platform::doEventLoop(std::min(lookSeconds, left())); });
-    if (!ended) sayWhatIsLeft();
+    }
+    if (!ended) enter([this] { sayWhatIsLeft(); });
     return status_;
   }
 
@@ -136,11 +146,11 @@ class Daemon::Frame {
     if (std::exchange(stopping_, true)) return;
     stopTime_ = Brelo::time();
     deadline_ = stopTime_ + limit_;
-    report(service_.stopping());
+    if (running_) Brelo::Platform::stopEventLoop();  // entered again with a bound
     for (int const signal : ownSignals_)
       ::signal(signal, SIG_IGN);  // one that comes when nobody takes it any more
+    report(service_.stopping());
     goOn_.schedule();
-    if (running_) Brelo::Platform::stopEventLoop();  // entered again with a bound
   }
 
   void onStop(std::string name, std::function<void()> step) {
@@ -178,16 +188,16 @@ class Daemon::Frame {
     return false;
   }
 
-  /// False if the loop was left by an exception.
+  /// Takes what is thrown, memory that is short included.
   template <class Entry>
-  bool enter(Entry entry) {
+  void enter(Entry entry) {
     try {
+      if (leftByException_) scheduler_->requestSchedulerRun();
+      leftByException_ = false;
       entry();
-      return true;
     } catch (...) {
+      leftByException_ = true;
       exceptionThrown(nullptr);
-      scheduler_->requestSchedulerRun();
-      return false;
     }
   }
 
@@ -214,6 +224,7 @@ class Daemon::Frame {
   }
 
   void exceptionThrown(Brelo::_TaskBase* task) {
+    if (stopping_) Brelo::Platform::stopEventLoop();  // asked to go on when it is entered again
     try {
       if (exceptionHandler_) {
         if (!exceptionHandler_(task)) stop(1);
@@ -274,6 +285,7 @@ class Daemon::Frame {
   bool stopping_ = false;
   bool begun_ = false;
   bool stepsDone_ = false;
+  bool leftByException_ = false;  // of which a run may be due that nobody has asked for
 };
 
 Daemon::Daemon(std::string name, DaemonOptions options)

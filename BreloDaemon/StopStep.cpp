@@ -30,16 +30,18 @@ void StopSequence::begin(std::function<void()> const& resume) {
 }
 
 // A step that is called may end itself and others, and make new ones, which come before it in the
-// list: they are for the next round.
+// list: they are for the next round. What is called is a copy, since it may end with its step;
+// where there is no memory for that, the step has not been asked yet.
 void StopSequence::refuseAll() {
   for (bool found = true; found;) {
     found = false;
     next_ = newest_;
     while (next_ != nullptr) {
       StopStep& step = *std::exchange(next_, next_->older_);
-      if (std::exchange(step.refused_, true)) continue;
-      found = true;
-      if (auto const refuse = step.refuse_) refuse();
+      if (step.refused_) continue;
+      auto const refuse = step.refuse_;
+      step.refused_ = found = true;
+      if (refuse) refuse();
     }
   }
 }
@@ -50,11 +52,13 @@ bool StopSequence::goOn() {
     waitedFor_ = newest_;
     if (newest_ == nullptr) return true;
     StopStep& step = *newest_;
-    if (std::exchange(step.stopped_, true)) return false;
+    if (step.stopped_) return false;
+    auto const stop = step.stop_;
+    step.stopped_ = true;
     auto const* const resume =
         std::exchange(resume_, nullptr);  // what is done at once is seen here
     try {
-      if (auto const stop = step.stop_) stop();
+      if (stop) stop();
     } catch (...) {
       resume_ = resume;
       if (waitedFor_ == &step) step.done();
