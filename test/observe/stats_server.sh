@@ -27,7 +27,7 @@ for backend in host libevent; do
   [[ $(ask "report text") == *sweep* ]] || fail "report text: $(ask report text)"
   [[ $(ask reprot hello) == 'error: there is no request "reprot"'*'{"document":"hello"'* ]] || fail "an error ends it"
   # Half a line, a client that goes amid an answer, and one that takes its time.
-  [[ $(printf 'hel' | socat - "UNIX-CONNECT:$socket") == 'error: there is no request "hel"'* ]] || fail "half a line"
+  [[ $(printf 'hel' | socat -t 10 - "UNIX-CONNECT:$socket") == 'error: there is no request "hel"'* ]] || fail "half a line"
   ask "history capacity=5000" report report | head -c 10 >/dev/null || true
   slowly=$(ask report report | { sleep 0.2; wc -c; })
   [ "$slowly" -gt 2000 ] || fail "slowly: $slowly bytes"

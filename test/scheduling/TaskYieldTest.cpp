@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -6,6 +7,7 @@
 
 #include "Brelo/TaskScheduler.h"
 #include "support/SkipTime.h"
+#include "support/TraceCapture.h"
 #include "support/WorkTasks.h"
 
 namespace {
@@ -13,6 +15,7 @@ namespace {
 using namespace BreloTest;
 using namespace std::chrono_literals;
 using Brelo::TaskPriority;
+using testing::ContainsRegex;
 
 class TaskYield : public testing::Test {
  protected:
@@ -85,6 +88,13 @@ TEST_F(TaskYield, ARatioForcesAllGroupsAboveWinsOverTheRootsAndCountsInEightBits
 }
 
 TEST_F(TaskYield, QuantaHaveBoundsAndQuestionsATime) {
+  {
+    TraceCapture traces("TaskScheduler");
+    task->taskQuantumIs(7ns);
+    EXPECT_THAT(traces.take(), ContainsRegex("Scheduler/4 .*Set quantum"));
+    task->taskQuantumIs(root->defaultTaskQuantum());
+    EXPECT_THAT(traces.take(), ContainsRegex("Scheduler/9 .*Set quantum"));
+  }
   EXPECT_DEATH(task->taskQuantumIs(1'000'000'001ns), "Quantum: 1000000001");
   task->taskRunFromTest();
   EXPECT_DEATH(task->taskShouldYield(), "taskCurrentlyRunning: 0 taskRunCount: 1");
