@@ -16,6 +16,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Brelo/Platform.h"
@@ -240,13 +241,16 @@ TEST_P(DaemonRun, SignalsAreRunsAndBrokenOutputHoldsNobodyUp) {
     Daemon daemon("test");
     int runs = 0;
     FunctionTimer task(daemon.scheduler(), TaskPriority::normal, "fails", [&](auto&) {
-      if (++runs == 60) readEnd.reset();
-      if (runs == 80) daemon.stop();
+      if (++runs == 60) {
+        readEnd.reset();
+        std::this_thread::sleep_for(1100ms);  // and the 100 of a second begin anew
+      }
+      if (runs == 150) daemon.stop();
       throw std::runtime_error(std::string(3000, 'x'));
     });
     task.every(100us);
     EXPECT_EQ(daemon.run(), 0);
-    EXPECT_EQ(runs, 80);
+    EXPECT_EQ(runs, 150);
   });
   dup2(saved.get(), STDERR_FILENO);
 }

@@ -133,6 +133,15 @@ TEST_P(RootOnLoop, SuspensionKeepsTasksForTheResume) {
       Brelo::Platform::doEventLoop();
       EXPECT_EQ(task->taskRunCount, round + 1);
     }
+    root->callbacks = 0;
+    root->suspendedIs(true);
+    task->scheduleTask();
+    Brelo::Platform::doEventLoop();
+    EXPECT_EQ(root->callbacks, 0u);
+    root->suspendedIs(false);
+    Brelo::Platform::doEventLoop();
+    EXPECT_EQ(task->taskRunCount, 3u);
+
     takeAllEvents(*root);
     root->callbacks = 0;
     root->suspendedIs(true);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -112,6 +113,14 @@ TEST_F(Task, IsWrittenToAStreamWithItsSchedulerAndPriority) {
        << Brelo::TaskSchedulerEventType::runEnd;
   EXPECT_THAT(text.str(),
               testing::MatchesRegex("r:normal:job@0x[0-9a-f]+ r: high invalidPriority=6 1µs 3"));
+}
+
+TEST_F(Task, TimesAreWrittenInTheLargestUnitOfWhichThereIsOne) {
+  std::ostringstream text;
+  for (std::int64_t const time :
+       {999L, 1'000L, 999'999L, 1'000'000L, 59'999'999'999L, 60'000'000'000L, 3'600'000'000'000L})
+    text << Brelo::TaskTimeDuration(time) << ' ';
+  EXPECT_EQ(text.str(), "999ns 1µs 999µs 1ms 59999ms 60s 60min ");
 }
 
 TEST_F(Task, TakesItsSchedulerByAPointerThatAnotherOneOwns) {

@@ -7,6 +7,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -122,7 +123,10 @@ TEST_F(TimerTask, DelaysAndQuantaMayBeSpansOfFloatingPoint) {
             std::numeric_limits<std::int64_t>::min());
 }
 
-TEST_F(TimerTask, BadDelaysAndPercentagesEndTheProcess) {
+TEST_F(TimerTask, BadDelaysPercentagesAndThreadsEndTheProcess) {
+  auto const elsewhere = [](auto body) { std::thread(body).join(); };
+  EXPECT_DEATH(elsewhere([&] { timer->scheduleTaskDelay(1.0); }), "Executing in wrong thread");
+  EXPECT_DEATH(elsewhere([&] { timer->scheduleTaskDelay(1ms); }), "Executing in wrong thread");
   EXPECT_DEATH(timer->scheduleTaskDelay(std::chrono::duration<double>(std::nan(""))),
                "a duration is not a number");
   EXPECT_DEATH(timer->scheduleTaskLowestDelay(HUGE_VAL), "delayIntoFuture: inf");
