@@ -192,6 +192,19 @@ TEST_P(ListenerTest, SaysWhichCallItsAddressFailedAt) {
   });
 }
 
+TEST_P(ListenerTest, IsAtEveryAddressOfAMachineWithoutTheNewerOnes) {
+  run([] {
+    auto const root = Brelo::schedulerRootBrelo();
+    for (Faults const& faults :
+         {Faults{{"socket", {0, EAFNOSUPPORT}}}, Faults{{"bind", {0, EADDRNOTAVAIL}}}}) {
+      FaultInjection const injection(faults);
+      EXPECT_EQ(Listener(root, "*:0", echo).addresses().size(), 1U);
+    }
+    FaultInjection const injection({{"bind", {0, EACCES}}});
+    EXPECT_THROW(Listener(root, "*:0", echo), std::system_error);
+  });
+}
+
 TEST_P(ListenerTest, WaitsWhereDescriptorsRunOutOrConnectionsAreMany) {
   run([] {
     auto const root = Brelo::schedulerRootBrelo();
