@@ -60,6 +60,8 @@ TEST(SocketAddress, NamesOfUnixSocketsAreAsLongAsTheKernelTakesThem) {
   EXPECT_FALSE(SocketAddress::parse(path + "p"));
   EXPECT_EQ(SocketAddress::parse(name).text(), name);
   EXPECT_FALSE(SocketAddress::parse(name + "n"));
+  EXPECT_EQ(SocketAddress::parse("unix:@n").text(), "unix:@n");
+  EXPECT_FALSE(SocketAddress::parse("unix:@"));
 }
 
 TEST_P(ListenerTest, ServesAtEveryAddress) {
