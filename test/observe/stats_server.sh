@@ -10,10 +10,10 @@ fail() { echo "stats_server: $*" >&2; exit 1; }
 
 for backend in host libevent; do
   socket=$scratch/$backend
-  "$cached" --listen "$scratch/cache" --backend "$backend" --stats "$socket" >"$scratch/log" &
+  "$cached" --listen "$scratch/cache" --backend "$backend" --stats "$socket" >"$socket.log" &
   daemon=$!
   for _ in {1..500}; do
-    ! grep -q listening "$scratch/log" || break
+    ! grep -qs listening "$socket.log" || break
     sleep 0.02
   done
   [ "$(stat -c %a "$socket")" = 600 ] || fail "others may ask, too"
