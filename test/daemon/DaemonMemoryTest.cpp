@@ -36,7 +36,7 @@ TEST_P(DaemonMemory, EachAllocationOfARunMayFailAndItEndsInOrder) {
         if (++ticks == 3) raise(SIGTERM);
       });
       std::unique_ptr<StopStep> waits;
-      FunctionTask later(daemon.scheduler(), TaskPriority::low, "later", [&] { waits->done(); });
+      FunctionTask later(daemon.scheduler(), TaskPriority::low, "later", [&] { waits.reset(); });
       waits = std::make_unique<StopStep>("waits", nullptr, [&] { later.schedule(); });
       timer.every(1ms);
       double const start = Brelo::time();
