@@ -132,6 +132,7 @@ void ActivityLoop::run() {
 
 /// Step 1 with nothing due. False if there is nothing to wait for.
 bool ActivityLoop::waitForFirst(Run& run) {
+  descriptors_.askAfterUnread();
   double const first = std::min(clock_.first(), run.end.value_or(infinity));
   if (first == infinity) {
     if (!run.end && !descriptors_.watching()) return false;

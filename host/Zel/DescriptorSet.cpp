@@ -29,7 +29,8 @@ int DescriptorSet::bind(FileDescriptor& descriptor) {
 
   // Even if nothing new is wanted: the number may have been closed and opened anew under an
   // object that was bound to it before, and the kernel has dropped the watch then.
-  watch(number).brief = false;
+  watch(number).style = Place::byLevel;
+  watch(number).edgesBarred = 0;
   watch(number).pollable = true;
   int error = 0;
   if (std::uint32_t const events = wanted(number); events != 0) {
@@ -54,10 +55,34 @@ int DescriptorSet::wantsMore(FileDescriptor const& descriptor) {
   int const number = descriptor.descriptor_;
   Watch const& watched = watch(number);
   std::uint32_t const events = wanted(number);
-  if ((events & ~watched.events) == 0) return 0;
+  if ((events & ~watched.events) == 0 && !watched.unread) return 0;
   // Off and on again within the pass of a report: the next look has it by level.
-  if (watched.place == Place::reported && watched.unsettled) return 0;
+  if (isSilent(watched) && watched.unsettled) return 0;
   return force(number, events);
+}
+
+// A watch by edges costs no call when it is turned on again. Whether something was left unread is
+// asked later, unless it has been reported by then, as is the rule where a peer sends its next
+// request when it has the answer. One of which more is left, or comes, than is read is asked for
+// one report at a time for a while.
+int DescriptorSet::wantsAgain(FileDescriptor const& descriptor, unsigned passes) {
+  int const number = descriptor.descriptor_;
+  Watch& watched = watch(number);
+  int* const later = later_.placeWithin(passes);
+  bool const simple = wanted(number) == EPOLLIN && isSilent(watched);
+  if (!simple || later == nullptr) return wantsMore(descriptor);
+  if (watched.edgesBarred != 0) {
+    --watched.edgesBarred;
+    watched.style = Place::once;
+  } else if (watched.place == Place::muted) {
+    record(number, EPOLLIN, Place::byEdge);
+    watched.unread = true;
+    *later = number;
+    return 0;
+  } else {
+    watched.style = Place::byEdge;
+  }
+  return force(number, EPOLLIN);
 }
 
 void DescriptorSet::wantsLess(FileDescriptor const& descriptor) {
@@ -72,8 +97,9 @@ void DescriptorSet::settleLater(int number) noexcept {
 
 // A watch that is turned off before the next look costs a call, and one more when it is turned on
 // again. Where that happens after each report, as with a task that waits for its turn, the set is
-// asked for one report at a time: it then keeps silent by itself, and turning on is the only call.
-// A watch that stays on after a report goes by level again.
+// asked for one report at a time: it then keeps silent by itself, and turning on is the only call,
+// or for what comes only, so that not even that is one. A watch that stays on after a report goes
+// by level again.
 int DescriptorSet::settle(int number) {
   Watch& watched = watch(number);
   std::uint32_t const events = wanted(number);
@@ -82,11 +108,11 @@ int DescriptorSet::settle(int number) {
     return 0;
   }
   if (events == 0) {
-    watched.brief = watched.reports == 1;
+    watched.style = watched.reports == 1 ? Place::once : Place::byLevel;
     withdraw(number);
     return 0;
   }
-  if (watched.place == Place::reported) watched.brief = false;
+  if (isSilent(watched)) watched.style = Place::byLevel;
   return force(number, events);
 }
 
@@ -106,6 +132,24 @@ void DescriptorSet::prepare() {
   }
   count_ = told_ = 0;
   ++looks_;
+  asked_ = -1;
+  askAfter(later_.next());
+}
+
+void DescriptorSet::askAfterUnread() {
+  for (int& each : later_)
+    askAfter(each);
+}
+
+void DescriptorSet::askAfter(int& number) {
+  if (number == -1) return;
+  if (watch(number).unread) {
+    if (int const error = force(number, EPOLLIN); error != 0) {
+      throw std::system_error(error, std::generic_category(), "failed to ask after a descriptor");
+    }
+    asked_ = number;
+  }
+  number = -1;
 }
 
 void DescriptorSet::wait(std::int64_t nanoseconds) {
@@ -141,10 +185,13 @@ void DescriptorSet::sift() {
   std::size_t const reported = std::exchange(count_, 0);
   for (std::size_t i = 0; i < reported; ++i) {
     epoll_event const event = found_[i];
+    auto const number = static_cast<int>(event.data.u64);
     if (isStale(event)) {
       stale_ = true;
+    } else if (watch(number).place == Place::muted) {
+      unmute(number);
     } else {
-      noteReport(static_cast<int>(event.data.u64));
+      noteReport(number);
       found_[count_++] = event;
     }
   }
@@ -162,7 +209,8 @@ void DescriptorSet::sift() {
 /// reach: only a new set is rid of it.
 bool DescriptorSet::isStale(epoll_event const& event) {
   Watch const& watched = watch(static_cast<int>(event.data.u64));
-  return watched.events == 0 || watched.place == Place::alwaysReady ||
+  return (watched.events == 0 && watched.place != Place::muted) ||
+         watched.place == Place::alwaysReady ||
          watched.generation != static_cast<std::uint32_t>(event.data.u64 >> 32);
 }
 
@@ -171,9 +219,21 @@ void DescriptorSet::noteReport(int number) {
   if (watched.place == Place::once) {
     record(number, 0, Place::reported);
     settleLater(number);
+  } else if (watched.place == Place::byEdge) {
+    if (number == asked_) watched.edgesBarred = AskLater::barredTimes;
+    record(number, 0, Place::muted);
+    settleLater(number);
   } else if (watched.reports < 2) {
     ++watched.reports;
   }
+}
+
+/// A peer that goes on sending while nobody wants to hear of it would be reported at each look.
+void DescriptorSet::unmute(int number) noexcept {
+  Watch& watched = watch(number);
+  watched.edgesBarred = AskLater::barredTimes;
+  watched.style = Place::once;
+  withdraw(number);
 }
 
 void DescriptorSet::deliver() {
@@ -211,7 +271,9 @@ int DescriptorSet::install(int number, std::uint32_t events, bool anew) {
     record(number, events, Place::alwaysReady);
     return 0;
   }
-  std::uint32_t const mode = watched.brief ? std::uint32_t{EPOLLONESHOT} : 0;
+  std::uint32_t mode = 0;
+  if (watched.style == Place::once) mode = EPOLLONESHOT;
+  if (watched.style == Place::byEdge) mode = EPOLLET;
   bool const isIn = watched.place != Place::none && watched.place != Place::alwaysReady;
   int error = isIn && !anew ? control(EPOLL_CTL_MOD, number, events | mode) : ENOENT;
   bool lost = error == ENOENT;
@@ -228,7 +290,7 @@ int DescriptorSet::install(int number, std::uint32_t events, bool anew) {
     return 0;
   }
   if (error == 0) {
-    record(number, events, watched.brief ? Place::once : Place::byLevel);
+    record(number, events, watched.style);
   } else if (lost) {
     record(number, 0, Place::none);
   }
@@ -271,6 +333,7 @@ void DescriptorSet::record(int number, std::uint32_t events, Place place) {
   watched.events = events;
   watched.place = place;
   watched.reports = 0;
+  watched.unread = false;
 }
 
 int DescriptorSet::renew() {

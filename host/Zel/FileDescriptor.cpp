@@ -74,11 +74,16 @@ void FileDescriptor::nonBlockingIs(bool nonBlocking) {
 }
 
 void FileDescriptor::notifyOnReadableIs(bool on) {
-  wishIs(readable_, on);
+  wishIs(readable_, on, [&] { return wishesChanged(on); });
+}
+
+void FileDescriptor::notifyOnReadableAgain(unsigned passes) {
+  wishIs(readable_, true,
+         [&] { return descriptor_ == -1 ? 0 : descriptorSet().wantsAgain(*this, passes); });
 }
 
 void FileDescriptor::notifyOnWritableIs(bool on) {
-  wishIs(writable_, on);
+  wishIs(writable_, on, [&] { return wishesChanged(on); });
 }
 
 std::uint32_t FileDescriptor::events() const {
@@ -88,11 +93,12 @@ std::uint32_t FileDescriptor::events() const {
   return events;
 }
 
-void FileDescriptor::wishIs(Direction& direction, bool on) {
+template <class Tell>
+void FileDescriptor::wishIs(Direction& direction, bool on, Tell tell) {
   if (on == direction.wanted) return;
   direction.wanted = on;
   direction.since = descriptorSet().looks();
-  if (int const error = wishesChanged(on); error != 0) {
+  if (int const error = tell(); error != 0) {
     direction.wanted = false;
     throwFailed("watch", descriptor_, name_, error);
   }

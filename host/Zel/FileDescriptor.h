@@ -49,7 +49,12 @@ class ZEL_EXPORT FileDescriptor final : public PtrInterface {
   /// On a number that is not open any more it is always ready, so that the client meets the error
   /// at its own read. Throws `std::system_error` if the kernel refuses, and is off then.
   void notifyOnReadableIs(bool on);
-  /// The same for writes.
+  /// `notifyOnReadableIs(true)` of a client that turned it off in a notification, has read since,
+  /// as a rule all there was, and has others to serve first. What was left unread is reported less
+  /// than `passes` passes later than otherwise, and before the loop waits; what comes from now on
+  /// by the next one. With enough of them this costs no system call as a rule.
+  void notifyOnReadableAgain(unsigned passes);
+  /// The same as `notifyOnReadableIs` for writes.
   void notifyOnWritableIs(bool on);
   bool notifyOnReadable() const { return readable_.wanted; }  ///< the wish
   bool notifyOnWritable() const { return writable_.wanted; }  ///< the wish
@@ -69,7 +74,8 @@ class ZEL_EXPORT FileDescriptor final : public PtrInterface {
   ~FileDescriptor() override;
 
   std::uint32_t events() const;
-  void wishIs(Direction& direction, bool on);
+  template <class Tell>
+  void wishIs(Direction& direction, bool on, Tell tell);
   int wishesChanged(bool more);
   void unbind() noexcept;
   void readyIs(std::uint32_t events, std::uint64_t look);

@@ -11,6 +11,7 @@
 #include <tuple>
 #include <vector>
 
+#include "Zel/AskLater.h"
 #include "Zel/FileDescriptor.h"
 #include "Zel/List.h"
 #include "Zel/internal/EpollNow.h"
@@ -37,6 +38,8 @@ class DescriptorSet {
   /// that turns off and on again in a pass costs no system call, and one that does so in the course
   /// of several, after each report, costs one.
   int wantsMore(FileDescriptor const& descriptor);
+  /// A bound descriptor wants reads again; see `FileDescriptor::notifyOnReadableAgain`.
+  int wantsAgain(FileDescriptor const& descriptor, unsigned passes);
   void wantsLess(FileDescriptor const& descriptor);
 
   /// Something can become ready. Exact after `prepare`, until a wish changes.
@@ -65,6 +68,8 @@ class DescriptorSet {
   }
   void wait(std::int64_t nanoseconds);
   void sift();
+  /// After `prepare`, when the look is to wait: it ends at once if something was left unread.
+  void askAfterUnread();
 
   /// The latest look has found something that has not been told.
   bool found() const { return told_ != count_; }
@@ -82,6 +87,8 @@ class DescriptorSet {
     byLevel,      ///< in the epoll set, which reports it as long as it is ready
     once,         ///< in the epoll set, which reports it a single time
     reported,     ///< in the epoll set, which has done so and keeps silent
+    byEdge,       ///< in the epoll set, which reports what comes
+    muted,        ///< in the epoll set, which does so, though nobody wants to hear of it
     alwaysReady,  ///< not in the epoll set, since it cannot be polled
   };
 
@@ -91,10 +98,12 @@ class DescriptorSet {
     std::uint32_t generation = 0;  ///< of its place in the epoll set
     int nextUnsettled = -1;
     Place place = Place::none;
-    std::uint8_t reports = 0;  ///< by level, since it was turned on; counted as far as two
-    bool brief = false;        ///< the last time it was turned off after one report
-    bool pollable = true;      ///< as far as is known since it was bound
-    bool unsettled = false;    ///< `events` may not be what is wanted
+    Place style = Place::byLevel;  ///< of the three reporting ones, that in which it is turned on
+    std::uint8_t reports = 0;      ///< by level, since it was turned on; counted as far as two
+    std::uint8_t edgesBarred = 0;  ///< so many times more it is not watched by edges
+    bool pollable = true;          ///< as far as is known since it was bound
+    bool unsettled = false;        ///< `events` may not be what is wanted
+    bool unread = false;           ///< turned on again, by edges, and not reported since
   };
 
   // Watches never move, and are found without a division.
@@ -116,8 +125,13 @@ class DescriptorSet {
   void record(int number, std::uint32_t events, Place place);
   void settleLater(int number) noexcept;
   int settle(int number);
+  void askAfter(int& number);
   bool isStale(epoll_event const& event);
   void noteReport(int number);
+  void unmute(int number) noexcept;
+  static bool isSilent(Watch const& watched) {
+    return watched.place == Place::reported || watched.place == Place::muted;
+  }
   /// How much a look may find in the epoll set: half at least, and room for the others.
   int capacity() const {
     constexpr std::size_t most = std::tuple_size_v<decltype(found_)>;
@@ -140,6 +154,8 @@ class DescriptorSet {
   std::vector<int> alwaysReady_;              ///< numbers
   std::size_t turn_ = 0;                      ///< among `alwaysReady_`
   int firstUnsettled_ = -1;                   ///< a number, the others behind it
+  AskLater later_;                            ///< the numbers that are unread
+  int asked_ = -1;                            ///< a number that the present look asks after
   std::array<epoll_event, 128> found_;
   std::size_t count_ = 0;  ///< of what was found
   std::size_t told_ = 0;   ///< of these
