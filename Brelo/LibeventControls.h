@@ -54,6 +54,8 @@ class BRELO_EXPORT LibeventTimerControl : public Platform::TimerControl {
   event event_;
 
  protected:
+  bool armed() const { return event_pending(&event_, EV_TIMEOUT, nullptr) != 0; }  ///< not idle
+
   bool* ended_ = nullptr;  ///< amid the handler: set when the control ends there
 };
 
@@ -73,13 +75,15 @@ class BRELO_EXPORT LibeventCallbackControl : public Platform::CallbackControl,
  private:
   void timeout() override;
   void timerPending(Platform::PendingList& list, double remaining) const override;
+  static void callHandler(Platform::CallbackHandler& handler, bool const& ended);
 };
 
 /// `clearEvents()` keeps the descriptor and both wishes, so that `setFd` brings the watches back.
 /// Reads that are turned off and on again, within a pass or in the one after, cost no system call
-/// as a rule, and one where several clients take turns. A direction that the kernel refuses to
-/// watch is off, and `std::system_error` thrown; where there is no memory for it, `std::bad_alloc`.
-/// After such a failure of `setFd` there is no descriptor, and the wishes stay.
+/// as a rule, and one where several clients take turns, or none (`setReadsAgain`) where callbacks
+/// keep the loop busy. A direction that the kernel refuses to watch is off, and `std::system_error`
+/// thrown; where there is no memory for it, `std::bad_alloc`. After such a failure of `setFd` there
+/// is no descriptor, and the wishes stay.
 class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
  public:
   /// Gives the calling thread a base, if it has none.
@@ -87,6 +91,7 @@ class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
   ~LibeventFdControl() override;
 
   void setReads(bool on) override;
+  void setReadsAgain(unsigned passes) override;
   void setWrites(bool on) override;
   /// -1 is `delFd()`. Another number that is not open stops the process on the C library's
   /// assertion.
@@ -104,11 +109,12 @@ class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
   static void handleFdWrite(int fd, short what, void* self);
   void watch(event* ev, short flags, event_callback_fn callback);
   static void readyAtNextPass(event* ev);
-  void turnReadsOn();
+  void turnReadsOn(unsigned leisure = 0);
   void turnReadsOff();
   bool settleReads(bool now);
   void withdrawReads();
   void takeTurn();
+  void watchAnew() noexcept;
   template <class Notify>
   bool notify(Notify notify);
 
@@ -119,8 +125,11 @@ class BRELO_EXPORT LibeventFdControl : public Platform::FdControl {
   bool pollable_ = true;  // as far as is known of `fd_`
   event readEvent_;
   event writeEvent_;
-  bool awaited_ = false;  // as a member of `turns_`: its reads are on
-  bool armed_ = false;    // and the kernel will tell of it
+  bool awaited_ = false;          // as a member of `turns_`: its reads are on
+  bool armed_ = false;            // and the kernel will tell of it
+  bool byEdge_ = false;           // the kernel tells whenever something comes
+  bool unread_ = false;           // `armed_`, but for what was there before
+  std::uint8_t edgesBarred_ = 0;  // so many times more not by edges
   Impl::LibeventTurns* turns_ = nullptr;
   // Without turns: reads are off, their event is not. With turns: is told in the present pass.
   Zel::ListNode<LibeventFdControl> listed_{this};

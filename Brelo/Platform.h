@@ -137,6 +137,12 @@ class BRELO_EXPORT FdControl {
   virtual void setReads(bool on) = 0;
   virtual void setWrites(bool on) = 0;
   /// @}
+  /// `setReads(true)` of a client that turned them off in `readFdEvent`, has read since, as a rule
+  /// all there was, and has others to serve first. Of what was left unread the handler hears less
+  /// than `passes` passes of the loop later than otherwise, and before the loop waits; of what
+  /// comes from now on by the next one. With enough of them this costs no system call as a rule.
+  /// Unless overridden it is `setReads(true)`.
+  virtual void setReadsAgain([[maybe_unused]] unsigned passes) { setReads(true); }
   /// Watches `fd` in the directions wished for and puts it in non-blocking mode; -1 is `delFd()`.
   /// Another number that is not open is a failure of the backend's own kind.
   virtual void setFd(int fd) = 0;

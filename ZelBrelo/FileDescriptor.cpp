@@ -102,6 +102,11 @@ void FileDescriptor::setReads(bool on) {
   hostFd_->notifyOnReadableIs(on);
 }
 
+void FileDescriptor::setReadsAgain(unsigned passes) {
+  BRELO_TRACE(platformTrace, 5, "FileDescriptor", "{}", passes);
+  hostFd_->notifyOnReadableAgain(passes);
+}
+
 void FileDescriptor::setWrites(bool on) {
   BRELO_TRACE(platformTrace, 5, "FileDescriptor", "{}", on);
   hostFd_->notifyOnWritableIs(on);

@@ -66,6 +66,7 @@ class BRELO_EXPORT FileDescriptor : public Brelo::Platform::FdControl {
   ~FileDescriptor() override;
 
   void setReads(bool on) override;
+  void setReadsAgain(unsigned passes) override;
   void setWrites(bool on) override;
   void setFd(int fd) override;
   void delFd() override;

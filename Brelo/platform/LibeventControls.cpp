@@ -29,6 +29,10 @@ constexpr time_t longestSeconds = std::numeric_limits<time_t>::max() / 2;
 thread_local Zel::ListNode<LibeventFdControl> lingeringReads;
 thread_local std::uint64_t readsOffTurns = 0;  // how often reads have been turned off
 
+void tellTurns(bool callbackIsNext) {
+  if (auto* const turns = Impl::leTurns()) turns->callbackEnded(callbackIsNext);
+}
+
 void assign(event* ev, int fd, short flags, event_callback_fn callback, void* self,
             Platform::EventPriority priority) {
   event_assign(ev, ev_base, fd, flags, callback, self);
@@ -144,6 +148,7 @@ void LibeventCallbackControl::cancelCallback() {
   BRELO_TRACE(libeventTrace, 9, "LibeventCallbackControl", "Callback {} cancel",
               DisplayPointer(this));
   LibeventTimerControl::delTimeout();
+  if (auto* const turns = Impl::leTurns()) turns->noCallbackIsNext();
 }
 
 bool LibeventCallbackControl::pendingCallback() const {
@@ -153,12 +158,21 @@ bool LibeventCallbackControl::pendingCallback() const {
 void LibeventCallbackControl::timeout() {
   BRELO_TRACE(libeventTrace, 9, "LibeventCallbackControl", "Callback {} execute",
               DisplayPointer(this));
-  auto* const handler = CallbackControl::handler_;
   bool const& ended = *ended_;
   try {
-    handler->callback();
+    callHandler(*CallbackControl::handler_, ended);
   } catch (...) {
-    if (ended || !handler->handleCallbackException()) throw;
+    tellTurns(false);
+    throw;
+  }
+  tellTurns(!ended && armed());
+}
+
+void LibeventCallbackControl::callHandler(Platform::CallbackHandler& handler, bool const& ended) {
+  try {
+    handler.callback();
+  } catch (...) {
+    if (ended || !handler.handleCallbackException()) throw;
     BRELO_TRACE(libeventTrace, 9, "LibeventCallbackControl",
                 "Callback notification exception was handled");
   }
@@ -188,6 +202,13 @@ void LibeventFdControl::setReads(bool on) {
   reads_ = on;
 }
 
+void LibeventFdControl::setReadsAgain(unsigned passes) {
+  reads_ = fd_ < 0;
+  if (fd_ < 0) return;
+  turnReadsOn(passes);
+  reads_ = true;
+}
+
 // A change of a watch costs a system call. Reads that a handler turns off therefore stay installed,
 // unseen by the client, until the loop is about to look again, and for one look more: a client that
 // has the loop to itself turns them on again when its turn comes, in the next pass. Where that was
@@ -204,13 +225,13 @@ void LibeventFdControl::turnReadsOff() {
   Impl::leReadsTurnedOff();
 }
 
-void LibeventFdControl::turnReadsOn() {
+void LibeventFdControl::turnReadsOn(unsigned leisure) {
   if (turns_ == nullptr) {
     if (listed_.linked()) return listed_.unlink();
     auto* const turns = impatient_ && pollable_ ? Impl::leTurns() : nullptr;
     if (turns != nullptr) turns->join(*this);
   }
-  if (turns_ != nullptr && turns_->await(*this)) return;
+  if (turns_ != nullptr && turns_->await(*this, leisure)) return;
   event_del(&readEvent_);
   watch(&readEvent_, EV_READ | EV_PERSIST, handleFdRead);
 }
@@ -329,7 +350,10 @@ bool LibeventFdControl::notify(Notify notify) {
 /// A member whose reads stay on is told again at the next look.
 void LibeventFdControl::takeTurn() {
   bool const lives = notify([this] { handler_->readFdEvent(getFd()); });
-  if (!lives || !awaited_ || armed_) return;
+  if (lives && awaited_ && !armed_) watchAnew();
+}
+
+void LibeventFdControl::watchAnew() noexcept {
   try {
     turnReadsOn();
   } catch (...) {

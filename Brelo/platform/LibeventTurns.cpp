@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <new>
+#include <utility>
 
 #include "Brelo/Assert.h"
 #include "Brelo/LibeventControls.h"
@@ -14,6 +15,17 @@
 #include "Brelo/platform/LibeventState.h"
 
 namespace Brelo::Impl {
+
+namespace {
+
+constexpr std::uint32_t silent = EPOLLONESHOT;
+constexpr std::uint32_t once = EPOLLONESHOT | EPOLLIN;
+constexpr std::uint32_t byEdge = EPOLLET | EPOLLIN;
+
+// To take the set out of the base and put it back costs two system calls.
+constexpr unsigned manyCallbacks = 16;
+
+}  // namespace
 
 LibeventTurns::LibeventTurns(event_base* base) noexcept : set_(::epoll_create1(EPOLL_CLOEXEC)) {
   if (set_ < 0) return;
@@ -47,10 +59,9 @@ bool LibeventTurns::isAwaited(LibeventFdControl const& control) {
   return control.awaited_;
 }
 
-bool LibeventTurns::change(int operation, int fd, bool tells) noexcept {
+bool LibeventTurns::change(int operation, int fd, std::uint32_t events) noexcept {
   epoll_event wanted{};
-  wanted.events = EPOLLONESHOT;
-  if (tells) wanted.events |= EPOLLIN;
+  wanted.events = events;
   wanted.data.fd = fd;
   return ::epoll_ctl(set_, operation, fd, &wanted) == 0;
 }
@@ -63,7 +74,7 @@ bool LibeventTurns::join(LibeventFdControl& control) noexcept {
   } catch (std::bad_alloc const&) {
     return false;
   }
-  if (!change(EPOLL_CTL_ADD, control.fd_, false)) return false;
+  if (!change(EPOLL_CTL_ADD, control.fd_, silent)) return false;
   // Whoever has the number has closed it, or the kernel would have refused.
   if (members_[place] != nullptr) forget(*members_[place]);
   members_[place] = &control;
@@ -72,21 +83,36 @@ bool LibeventTurns::join(LibeventFdControl& control) noexcept {
 }
 
 void LibeventTurns::leave(LibeventFdControl& control) noexcept {
-  change(EPOLL_CTL_DEL, control.fd_, false);
+  change(EPOLL_CTL_DEL, control.fd_, silent);
   forget(control);
 }
 
 void LibeventTurns::forget(LibeventFdControl& control) noexcept {
   awaitNoMore(control);
-  control.armed_ = false;
+  control.armed_ = control.byEdge_ = control.unread_ = false;
   control.turns_ = nullptr;
   members_[static_cast<std::size_t>(control.fd_)] = nullptr;
 }
 
-bool LibeventTurns::await(LibeventFdControl& control) noexcept {
-  if (!control.armed_ && !change(EPOLL_CTL_MOD, control.fd_, true)) {
-    forget(control);
-    return false;
+// One that hears of what comes costs no call when it is awaited again. Whether something was left
+// unread is asked later. One of which more is left, or comes, than is read is told once at a time
+// for a while.
+bool LibeventTurns::await(LibeventFdControl& control, unsigned passes) noexcept {
+  bool const asked = control.armed_ && !control.unread_;
+  int* const later = byHand_ && !control.armed_ ? askLater_.placeWithin(passes) : nullptr;
+  bool const barred = later != nullptr && control.edgesBarred_ != 0;
+  if (barred) --control.edgesBarred_;
+  bool const byEdges = later != nullptr && !barred;
+  if (byEdges && control.byEdge_) {
+    control.unread_ = true;
+    *later = control.fd_;
+  } else if (!asked) {
+    if (!change(EPOLL_CTL_MOD, control.fd_, byEdges ? byEdge : once)) {
+      forget(control);
+      return false;
+    }
+    control.byEdge_ = byEdges;
+    control.unread_ = false;
   }
   control.armed_ = true;
   if (!control.awaited_ && awaited_++ == 0) event_add(&awaiting_, nullptr);
@@ -105,10 +131,52 @@ void LibeventTurns::handleNothing(int, short, void*) {}
 void LibeventTurns::handleReady(int, short, void* self) {
   leHandlerBegins();
   auto* const turns = static_cast<LibeventTurns*>(self);
-  turns->collect();
-  turns->tell();
+  turns->readyOfLate_ = true;
+  turns->look();
   // A pass with nothing but events of its own is none to libevent: another one would follow.
   if (lePassEndsLoop()) event_active(&turns->counts_, EV_TIMEOUT, 1);
+}
+
+void LibeventTurns::look() {
+  asked_ = -1;
+  askAfter(askLater_.next());
+  collect();
+  tell();
+}
+
+void LibeventTurns::callbackEnded(bool anotherIsNext) {
+  bool const ready = std::exchange(readyOfLate_, false);
+  if (!anotherIsNext) return intoBase();
+  if (byHand_) {
+    look();
+  } else if (ready && ++busyCallbacks_ == manyCallbacks) {
+    outOfBase();
+  }
+}
+
+void LibeventTurns::outOfBase() noexcept {
+  byHand_ = true;
+  event_del(&ready_);
+}
+
+void LibeventTurns::intoBase() noexcept {
+  busyCallbacks_ = 0;
+  if (!byHand_) return;
+  for (int& each : askLater_)
+    askAfter(each);
+  // Where there is no memory for it this is made up for at the next pass, which does not wait.
+  byHand_ = event_add(&ready_, nullptr) != 0;
+  if (byHand_) event_active(&ready_, EV_READ, 1);
+}
+
+/// It is found by the next look if it has been left something to read.
+void LibeventTurns::askAfter(int& place) noexcept {
+  int const fd = std::exchange(place, -1);
+  LibeventFdControl* const member = fd < 0 ? nullptr : members_[static_cast<std::size_t>(fd)];
+  if (member == nullptr || !std::exchange(member->unread_, false)) return;
+  asked_ = fd;
+  member->armed_ = member->awaited_ && change(EPOLL_CTL_MOD, fd, byEdge);
+  if (member->awaited_ && !member->armed_) member->watchAnew();
 }
 
 /// All of them before the first is told: who asks again when told waits for the next look.
@@ -121,11 +189,22 @@ void LibeventTurns::collect() noexcept {
       // What has been closed here and is open elsewhere, after a fork for instance, stays in the
       // set: it may be told of once more, and by then nobody, or another one, has its number.
       LibeventFdControl* const member = members_[static_cast<std::size_t>(found[i].data.fd)];
-      if (member == nullptr) continue;
-      member->armed_ = false;
-      if (member->awaited_) member->listed_.insertBefore(toTell_);
+      if (member != nullptr) noteReady(*member);
     }
   } while (count == static_cast<int>(found.size()));
+}
+
+void LibeventTurns::noteReady(LibeventFdControl& member) noexcept {
+  member.armed_ = member.unread_ = false;
+  if (member.fd_ == asked_) member.edgesBarred_ = Zel::AskLater::barredTimes;
+  if (member.awaited_) {
+    member.listed_.insertBefore(toTell_);
+  } else if (member.byEdge_) {
+    // A peer that goes on sending while nobody wants to hear of it would be found at each look.
+    member.byEdge_ = false;
+    member.edgesBarred_ = Zel::AskLater::barredTimes;
+    change(EPOLL_CTL_MOD, member.fd_, silent);
+  }
 }
 
 void LibeventTurns::tell() {
@@ -149,7 +228,8 @@ void LibeventTurns::renewInForkedChild() noexcept {
   for (LibeventFdControl* const each : members_) {
     if (each == nullptr) continue;
     each->armed_ = each->awaited_;
-    if (!change(EPOLL_CTL_ADD, each->fd_, each->armed_)) forget(*each);
+    each->byEdge_ = each->unread_ = false;
+    if (!change(EPOLL_CTL_ADD, each->fd_, each->armed_ ? once : silent)) forget(*each);
   }
 }
 

@@ -221,9 +221,13 @@ TEST_P(Platform, ReadsThatAreOffWhileTheirClientWaitsCostLittle) {
   });
 }
 
-/// Watches whose wishes, descriptors and input change at random, also in each other's handlers.
+/// Watches whose wishes, descriptors and input change at random, also in each other's handlers; of
+/// those that are `late` some turn their reads on again in the way that may take some passes,
+/// beside a callback in each pass.
 struct RandomReaders {
-  RandomReaders() {
+  explicit RandomReaders(bool late) : maxPasses(late ? 3 + latest : 3), again(late) {
+    callback.action = [this] { callback.control->requestCallback(); };
+    if (again) callback.action();
     for (Reader& reader : readers) {
       reader.watch.read.action = [&reader, this] {
         EXPECT_TRUE(reader.wants && reader.bound && (reader.input > 0 || reader.drained));
@@ -243,7 +247,7 @@ struct RandomReaders {
         reader.told = false;
         reader.mustBeTold = reader.wants && reader.bound && reader.input > 0;
       }
-      for (int passes = 0; passes < 3; ++passes)
+      for (unsigned passes = 0; passes < maxPasses; ++passes)
         pass();
       for (Reader& reader : readers)
         EXPECT_TRUE(reader.told || !reader.mustBeTold);
@@ -272,7 +276,10 @@ struct RandomReaders {
     } else if (kind < 4) {
       reader.input -= reader.drained = read(reader.pair.near(), &byte, 1) == 1;
     } else if (kind < 7) {
-      reader.watch.control->setReads(reader.wants = random() % 2 == 0);
+      reader.wants = random() % 2 == 0;
+      auto& control = *reader.watch.control;
+      reader.wants&& again&& random() % 4 != 0 ? control.setReadsAgain(latest)
+                                               : control.setReads(reader.wants);
     } else {
       reader.bound = !reader.bound;
       reader.bound ? reader.watch.control->setFd(reader.pair.near())
@@ -280,12 +287,19 @@ struct RandomReaders {
     }
   }
 
+  static constexpr unsigned latest = 16;
+  unsigned const maxPasses;
+  bool const again;
   std::mt19937 random;
+  Callback callback;
   std::vector<Reader> readers{4};
 };
 
 TEST_P(Platform, RandomChangesLoseNoReadinessAndTellNobodyWhoDoesNotWantToKnow) {
-  run([] { RandomReaders().run(20000); });
+  run([] {
+    RandomReaders(false).run(20000);
+    RandomReaders(true).run(5000);
+  });
 }
 
 TEST_P(Platform, EachMessageIsOneRunOfADescriptorTask) {
