@@ -130,7 +130,8 @@ class BRELO_EXPORT FileDescriptorTask : public _TaskBase, Platform::FdEventHandl
   TaskImpl& executingTask() const;
   void dropWatch();
   void pauseReads();
-  void resumeReads();
+  void resumeReads(unsigned passes = 0);
+  unsigned othersFirst() const;
   void _taskExecuteReadable();
   void _taskExecuteWritable();
 

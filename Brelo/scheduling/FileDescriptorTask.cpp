@@ -83,15 +83,22 @@ void FileDescriptorTask::pauseReads() {
   fdControl_->setReads(false);
 }
 
-void FileDescriptorTask::resumeReads() {
+void FileDescriptorTask::resumeReads(unsigned passes) {
   if (!readsPaused_) return;
   try {
-    fdControl_->setReads(true);
+    passes == 0 ? fdControl_->setReads(true) : fdControl_->setReadsAgain(passes);
   } catch (...) {
     readTask_->TaskImpl::scheduleTask();  // tries again after its run, or nobody ever would
     throw;
   }
   readsPaused_ = false;
+}
+
+/// In how many passes at least this task would not run again, if it were queued now: a root runs
+/// one task in each.
+unsigned FileDescriptorTask::othersFirst() const {
+  bool const ofRoot = taskScheduler_.get() == &taskScheduler_->root();
+  return ofRoot ? taskScheduler_->runnableTaskCount(taskPriority()) : 0;
 }
 
 void FileDescriptorTask::taskWatchReadableIs(bool on) {
@@ -169,6 +176,7 @@ void FileDescriptorTask::_taskExecuteReadable() {
     throw;
   }
   executingTask_ = nullptr;
+  if (readsPaused_ && !readTask_->onRunQueue()) resumeReads(othersFirst());
 }
 
 void FileDescriptorTask::_taskExecuteWritable() {

@@ -9,7 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "Brelo/Platform.h"
+#include "Brelo/FileDescriptorTask.h"
+#include "Brelo/TaskScheduler.h"
 #include "support/Backend.h"
 #include "support/ChildProcess.h"
 #include "support/FaultInjection.h"
@@ -356,6 +357,61 @@ TEST_P(ReadsAgain, WhatTheKernelRefusesIsMadeUpFor) {
     circle.serve(400);
     for (auto& client : circle.clients)
       EXPECT_GT(client.served, 0);
+  });
+}
+
+struct ReaderTask : Brelo::FileDescriptorTask {
+  ReaderTask(std::shared_ptr<Brelo::TaskScheduler> root, Brelo::TaskPriority priority,
+             std::function<void(ReaderTask&)> runs)
+      : FileDescriptorTask(std::move(root), priority, "reader"), run(std::move(runs)) {
+    taskWatchFdIs(pair.near());
+  }
+  void taskExecuteReadable() override {
+    char byte;
+    EXPECT_EQ(read(pair.near(), &byte, 1), 1);
+    run(*this);
+  }
+  void taskExecuteWritable() override {}
+
+  SocketPair pair;
+  std::function<void(ReaderTask&)> run;
+};
+
+TEST_P(ReadsAgain, IsWhatATaskDoesThatHasManyOfItsLevelBeforeIt) {
+  run([] {
+    auto const root = Brelo::schedulerRootBreloNonShared("root");
+    std::vector<std::shared_ptr<ReaderTask>> readers;
+    int left = 0;
+    int runs = 0;
+    auto const asksAgain = [&](ReaderTask& self) {
+      ++runs;
+      self.pair.send();
+      if (--left == 0) Brelo::Platform::stopEventLoop();
+    };
+    for (int i = 0; i < 40; ++i) {
+      readers.push_back(std::make_shared<ReaderTask>(root, Brelo::TaskPriority::normal, asksAgain));
+      readers.back()->pair.send();
+    }
+    auto const serve = [&](int count) {
+      left = count;
+      doEventLoop();
+    };
+    serve(1000);
+    std::size_t const enough = 10'000;
+    FaultInjection const counting({{"epoll_ctl", std::vector<int>(enough, 0)}});
+    serve(4000);
+    EXPECT_LE(enough - counting.left().at("epoll_ctl").size(), 40U);
+
+    // One of a level where nobody waits hears at once.
+    std::vector<int> its;
+    auto const leavesSome = [&](ReaderTask&) { its.push_back(runs); };
+    ReaderTask& high = *readers.emplace_back(
+        std::make_shared<ReaderTask>(root, Brelo::TaskPriority::high, leavesSome));
+    for (int i = 0; i < 10; ++i)
+      high.pair.send();
+    serve(100);
+    ASSERT_EQ(its.size(), 10U);
+    EXPECT_LE(its.back() - its.front(), 20);
   });
 }
 

@@ -33,6 +33,13 @@ struct Reader : Brelo::FileDescriptorTask {
   bool throws = false;
 };
 
+/// Asks for its next run in each, so that a reader of the root is not the next one.
+struct Other : Brelo::Task {
+  explicit Other(std::shared_ptr<Brelo::TaskScheduler> scheduler)
+      : Task(std::move(scheduler), Brelo::TaskPriority::normal, "other") {}
+  void taskExecute() override { scheduleTask(); }
+};
+
 /// A reader, which may have gone or have thrown, and two connections that it can be bound to.
 struct Client {
   SocketPair pairs[2];
@@ -49,6 +56,8 @@ class World {
         fcntl(pair.ends[1], F_SETFL, O_NONBLOCK);
       renew(client);
     }
+    for (auto& each : others_)
+      each = std::make_shared<Other>(root_);
   }
 
   int below(int bound) { return static_cast<int>(random_() % static_cast<unsigned>(bound)); }
@@ -63,7 +72,8 @@ class World {
       throwing = 83,
       unbinds = 87,
       suspendsRoot = 90,
-      asks = 95
+      asks = 95,
+      crowds = 97
     };
     // Often the same one again, in the same pass.
     if (below(2) == 0) latest_ = &clients_[below(clientCount)];
@@ -89,6 +99,9 @@ class World {
       root_->suspendedIs(!root_->suspended());
     } else if (what < asks) {
       if (client.reads) task.scheduleTaskReadable();
+    } else if (what < crowds) {
+      for (auto& each : others_)
+        each->taskScheduled() ? each->unscheduleTask() : each->scheduleTask();
     } else {
       task.taskWatchWritableIs(true);
     }
@@ -110,6 +123,8 @@ class World {
   bool allIsRead() {
     root_->suspendedIs(false);
     calm_ = true;
+    for (auto& each : others_)
+      each->unscheduleTask();
     for (Client& client : clients_) {
       client.task->throws = false;
       client.task->taskSuspendedIs(false);
@@ -142,6 +157,7 @@ class World {
   std::shared_ptr<Brelo::TaskScheduler> group_ =
       Brelo::TaskGroup::TaskGroupIs("group", Brelo::TaskPriority::normal, false, root_);
   Client clients_[clientCount];
+  std::shared_ptr<Other> others_[20];
   Client* latest_ = clients_;
   bool calm_ = false;
 };
