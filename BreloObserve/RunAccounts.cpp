@@ -115,7 +115,7 @@ nanoseconds RunAccounts::usedInWindow(Run const& run, Brelo::TaskTimePoint end) 
   bool const virtualTime = run.task.taskShouldYieldMode() == Brelo::TaskImpl::yieldModeVirtualTime;
   auto const sinceCleared =
       virtualTime ? asNanoseconds(Brelo::time2Duration(std::max(Brelo::time() - clearedTime_, 0.0)))
-                  : end - clearedAt_;
+                  : std::max(asNanoseconds(end - clearedAt_), nanoseconds());
   return std::min(asNanoseconds(run.used), sinceCleared);
 }
 

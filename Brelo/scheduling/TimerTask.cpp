@@ -16,6 +16,7 @@
 namespace Brelo {
 
 using Impl::schedulerTrace;
+using Impl::steadyClockNow;
 using Impl::steadyNow;
 
 namespace {
@@ -138,7 +139,7 @@ void TimerTask::scheduleTaskDelayedPrivate(T delay, bool force) {
     TimerTask::scheduleTask();
     return;
   }
-  TaskTimePoint const now = steadyNow();
+  TaskTimePoint const now = steadyClockNow();
   if (!force && onRunQueue()) {
     BRELO_TRACE(schedulerTrace, 8, "TimerTask", "Already on runQueue {}", *this);
     return;

@@ -1,5 +1,10 @@
 #include "Zel/Rdtsc.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <string_view>
+
 #include "Zel/internal/SystemClock.h"
 
 namespace Zel::Rdtsc {
@@ -48,6 +53,16 @@ std::uint64_t Impl::calibrate() {
   // Threads that came here together keep the first result. No lock: a child may be forked amid.
   std::uint64_t kept = 0;
   return ticksIn500Usec.compare_exchange_strong(kept, measured) ? measured : kept;
+}
+
+bool isClock() {
+  int const file = open("/sys/devices/system/clocksource/clocksource0/current_clocksource",
+                        O_RDONLY | O_CLOEXEC);
+  if (file == -1) return false;
+  char name[8];
+  ssize_t const length = ::read(file, name, sizeof name);
+  close(file);
+  return length > 0 && std::string_view(name, static_cast<std::size_t>(length)) == "tsc\n";
 }
 
 }  // namespace Zel::Rdtsc

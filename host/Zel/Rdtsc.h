@@ -32,4 +32,8 @@ inline std::uint64_t approxTicksIn500Usec() {
   return ticks != 0 ? ticks : Impl::calibrate();
 }
 
+/// The kernel's own monotonic clock goes by the counter, which is then the same on all processors
+/// and of one rate. Asks the kernel each time.
+ZEL_EXPORT bool isClock();
+
 }  // namespace Zel::Rdtsc
