@@ -72,6 +72,10 @@ class BRELO_EXPORT TimerTask : public TaskImpl, TimerWheelEvent {
   template <class T>
   void scheduleTaskDelayedPrivate(T delay, bool force);
   template <class T>
+  void startDelayed(T delay, bool force, TaskTimePoint const& now);
+  template <class T>
+  void _scheduleTaskDelay(T delay);
+  template <class T>
   void _scheduleTaskJitterUp(T delay, unsigned char maxJitterPercentage);
   template <class T>
   void _scheduleTaskJitterDown(T delay, unsigned char maxJitterPercentage);

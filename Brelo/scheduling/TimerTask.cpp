@@ -135,11 +135,12 @@ void TimerTask::doStopTimer() {
 
 template <class T>
 void TimerTask::scheduleTaskDelayedPrivate(T delay, bool force) {
-  if (isZero(delay)) {
-    TimerTask::scheduleTask();
-    return;
-  }
-  TaskTimePoint const now = steadyClockNow();
+  if (isZero(delay)) return TimerTask::scheduleTask();
+  startDelayed(delay, force, steadyClockNow());
+}
+
+template <class T>
+void TimerTask::startDelayed(T delay, bool force, TaskTimePoint const& now) {
   if (!force && onRunQueue()) {
     BRELO_TRACE(schedulerTrace, 8, "TimerTask", "Already on runQueue {}", *this);
     return;
@@ -195,18 +196,24 @@ void TimerTask::_scheduleTaskLowestDelay(T delay) {
   scheduleTaskDelayedPrivate(delay, false);
 }
 
-void TimerTask::scheduleTaskDelay(TaskTimeDuration delay) {
+/// One task among a million is in no cache: the processor fetches it while the clock is read.
+template <class T>
+void TimerTask::_scheduleTaskDelay(T delay) {
   prefetch();
-  sanityCheckCurrentRunningThread();
+  __builtin_prefetch(&taskScheduler_);
   if (isNever(delay)) return stopTimerTask();
-  scheduleTaskDelayedPrivate(delay, true);
+  bool const atOnce = isZero(delay);
+  TaskTimePoint const now = atOnce ? TaskTimePoint() : steadyClockNow();
+  sanityCheckCurrentRunningThread();
+  atOnce ? TimerTask::scheduleTask() : startDelayed(delay, true, now);
+}
+
+void TimerTask::scheduleTaskDelay(TaskTimeDuration delay) {
+  _scheduleTaskDelay(delay);
 }
 
 void TimerTask::scheduleTaskDelay(double delay) {
-  prefetch();
-  sanityCheckCurrentRunningThread();
-  if (isNever(delay)) return stopTimerTask();
-  scheduleTaskDelayedPrivate(delay, true);
+  _scheduleTaskDelay(delay);
 }
 
 void TimerTask::scheduleTaskJitterUp(TaskTimeDuration delay, unsigned char maxJitterPercentage) {
