@@ -46,6 +46,9 @@ class TickClock {
   // Between two readings of the counter. One of the clock takes 50 to 100: where there are more,
   // something came between.
   static constexpr std::uint64_t widest = 1'000;
+  // More than any processor counts in 50 microseconds. A rate that was measured across a suspension
+  // is not gone by for longer.
+  static constexpr std::uint64_t longestSpan = 500'000;
 
   void anchor(std::uint64_t ticks, std::int64_t nanos) {
     if (rate_ != 0 && baseTicks_ != 0 && !agrees(ticks, nanos)) rate_ = baseTicks_ = 0;
@@ -58,7 +61,7 @@ class TickClock {
       rate_ = static_cast<std::uint64_t>(rate * static_cast<double>(1ULL << rateBits));
       if (passed >= 1e9) baseAt(ticks, nanos);
     }
-    if (rate_ != 0) span_ = (std::uint64_t{50'000} << rateBits) / rate_;
+    if (rate_ != 0) span_ = std::min((std::uint64_t{50'000} << rateBits) / rate_, longestSpan);
   }
 
   /// Not so after the machine was suspended, or on a counter that is none to go by.

@@ -122,6 +122,17 @@ TEST(TickClock, StartsAnewWhereTheCounterDisagrees) {
   startsAnew();
 }
 
+TEST(TickClock, DoesNotGoForLongByARateThatWasMeasuredAcrossASuspension) {
+  Machine machine;
+  machine.look(20'000);  // some 4 ms
+  machine.count += 3600e9;
+  machine.look(100'000);
+  EXPECT_LE(machine.behind, 500'000 / 2.5 + 400);
+  machine.look(10'000);
+  EXPECT_GT(machine.known, 9'900);
+  EXPECT_LE(machine.behind, 30);
+}
+
 TEST(TickClock, IsTheSteadyClockOnEveryThread) {
   auto const compare = [] {
     using Clock = std::chrono::steady_clock;
