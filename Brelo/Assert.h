@@ -50,21 +50,44 @@ namespace Impl {
 [[noreturn]] BRELO_EXPORT void vfmassert(char const* cls, char const* file, char const* func,
                                          int line, fmt::string_view format, fmt::format_args args);
 
+/// Stay out of line, and with them the arguments' array.
+/// @{
+template <class... Args>
+[[noreturn, gnu::cold, gnu::noinline]] void fmassertOutOfLine(Platform::DebugHandler const& handler,
+                                                              char const* cls, char const* file,
+                                                              char const* func, int line,
+                                                              fmt::string_view format,
+                                                              TextArg<Args>... args) {
+  vfmassert(handler, cls, file, func, line, format, fmt::make_format_args(args...));
+}
+template <class... Args>
+[[noreturn, gnu::cold, gnu::noinline]] void fmassertOutOfLine(char const* cls, char const* file,
+                                                              char const* func, int line,
+                                                              fmt::string_view format,
+                                                              TextArg<Args>... args) {
+  vfmassert(cls, file, func, line, format, fmt::make_format_args(args...));
+}
+/// @}
+
 }  // namespace Impl
 
 /// Fails with the text "file:line: cls::func() text"; a null `cls` drops "cls::func() ".
 template <class... Args>
-[[noreturn]] void fmassert(Platform::DebugHandler const& handler, char const* cls, char const* file,
-                           char const* func, int line, fmt::string_view format,
-                           Args const&... args) {
-  Impl::vfmassert(handler, cls, file, func, line, format, fmt::make_format_args(args...));
+[[noreturn, gnu::always_inline]] inline void fmassert(Platform::DebugHandler const& handler,
+                                                      char const* cls, char const* file,
+                                                      char const* func, int line,
+                                                      fmt::string_view format,
+                                                      Args const&... args) {
+  Impl::fmassertOutOfLine<Args...>(handler, cls, file, func, line, format, args...);
 }
 
 /// The same, traced through the handler named "Assert".
 template <class... Args>
-[[noreturn]] void fmassert(char const* cls, char const* file, char const* func, int line,
-                           fmt::string_view format, Args const&... args) {
-  Impl::vfmassert(cls, file, func, line, format, fmt::make_format_args(args...));
+[[noreturn, gnu::always_inline]] inline void fmassert(char const* cls, char const* file,
+                                                      char const* func, int line,
+                                                      fmt::string_view format,
+                                                      Args const&... args) {
+  Impl::fmassertOutOfLine<Args...>(cls, file, func, line, format, args...);
 }
 
 /// Fails with the text "file:func:line: " and the stream's own.

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "Brelo/DisplayPointer.h"
 #include "Brelo/Export.h"
@@ -148,17 +149,32 @@ BRELO_EXPORT std::string vfmthrow(Platform::DebugHandler const& handler, unsigne
                                   char const* cls, char const* file, char const* func, int line,
                                   fmt::string_view format, fmt::format_args args) noexcept;
 
+/// How a text's argument is handed over: by value if it fits a register, so that no local of a hot
+/// function needs an address.
+template <class Arg>
+using TextArg = std::conditional_t<std::is_trivially_copyable_v<Arg> && !std::is_array_v<Arg> &&
+                                       sizeof(Arg) <= sizeof(void*),
+                                   Arg, Arg const&>;
+
+/// Stays out of line, and with it the arguments' array.
+template <class... Args>
+[[gnu::cold, gnu::noinline]] void fmtraceOutOfLine(Platform::DebugHandler const& handler,
+                                                   unsigned short level, char const* file,
+                                                   char const* func, int line, char const* cls,
+                                                   fmt::string_view format, TextArg<Args>... args) {
+  vfmtrace(handler, level, cls, file, func, line, format, fmt::make_format_args(args...));
+}
+
 }  // namespace Impl
 
 /// Writes one trace line, `cls::func() text`, or the text alone for a null `cls`. Does not test
-/// the level: that is the call site's duty (BRELO_TRACE). Stays out of line, and with it the
-/// arguments' array.
+/// the level: that is the call site's duty (BRELO_TRACE).
 template <class... Args>
-[[gnu::cold, gnu::noinline]] void fmtrace(Platform::DebugHandler const& handler,
-                                          unsigned short level, char const* file, char const* func,
-                                          int line, char const* cls, fmt::string_view format,
-                                          Args const&... args) {
-  Impl::vfmtrace(handler, level, cls, file, func, line, format, fmt::make_format_args(args...));
+[[gnu::always_inline]] inline void fmtrace(Platform::DebugHandler const& handler,
+                                           unsigned short level, char const* file, char const* func,
+                                           int line, char const* cls, fmt::string_view format,
+                                           Args const&... args) {
+  Impl::fmtraceOutOfLine<Args...>(handler, level, file, func, line, cls, format, args...);
 }
 
 }  // namespace Brelo
