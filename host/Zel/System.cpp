@@ -18,19 +18,15 @@ std::int64_t nanoseconds(clockid_t clock) {
   return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
-/// What leads from the monotonic clock to the current time.
-std::atomic<std::int64_t>& clockOffset() {
-  static std::atomic<std::int64_t> offset{nanoseconds(CLOCK_REALTIME) -
-                                          nanoseconds(CLOCK_MONOTONIC)};
-  return offset;
-}
-
-[[maybe_unused]] auto const& offsetTakenAtLoad = clockOffset();
+/// What leads from the monotonic clock to the current time. Taken first of all that the library
+/// initialises, so that whatever asks for the time finds it.
+[[gnu::init_priority(101)]] std::atomic<std::int64_t> clockOffset{nanoseconds(CLOCK_REALTIME) -
+                                                                  nanoseconds(CLOCK_MONOTONIC)};
 
 }  // namespace
 
 void advanceCurrentTime(std::int64_t nanoseconds) {
-  clockOffset().fetch_add(nanoseconds, std::memory_order_relaxed);
+  clockOffset.fetch_add(nanoseconds, std::memory_order_relaxed);
 }
 
 std::int64_t monotonicNanoseconds() {
@@ -44,7 +40,7 @@ double currentTime() {
 }
 
 double timeAtMonotonic(std::int64_t nanoseconds) {
-  auto const offset = clockOffset().load(std::memory_order_relaxed);
+  auto const offset = clockOffset.load(std::memory_order_relaxed);
   return static_cast<double>(nanoseconds + offset) * 1e-9;
 }
 
