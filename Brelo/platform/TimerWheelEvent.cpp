@@ -16,40 +16,51 @@ namespace {
 
 constexpr double never = std::numeric_limits<double>::infinity();
 
-struct StateFlag {
-  int flag;
-  char const* name;
-};
-// By state.
-constexpr StateFlag stateFlags[] = {
-    {0x04, "notLinked"},
-    {0x08, "inTimerWheel"},
-    {0x10, "inTimersExpiryingSoon"},
-};
+constexpr char const* stateNames[] = {"notLinked", "inTimerWheel", "inTimersExpiryingSoon"};
+
+// Each state has a bit of a timer's flags, from this one on.
+constexpr unsigned firstStateBit = 2;
 constexpr int stateMask = 0x1c;
+constexpr int notLinkedFlag = 1 << firstStateBit;
+static_assert(stateMask == ((1 << std::size(stateNames)) - 1) << firstStateBit);
 
 int stateToTimeoutFlags(TimerWheelState state) {
   auto const index = static_cast<unsigned>(state);
-  if (index >= std::size(stateFlags)) BRELO_FAIL("TimerWheelEvent", "invalid state {}", index);
-  return stateFlags[index].flag;
+  if (index >= std::size(stateNames)) BRELO_FAIL("TimerWheelEvent", "invalid state {}", index);
+  return notLinkedFlag << index;
 }
 
-TimerWheelState timeoutFlagsToState(int flags) {
+/// The one that is set.
+int stateFlag(int flags) {
   int const bits = flags & stateMask;
   if (bits == 0 || (bits & (bits - 1)) != 0) {
     BRELO_FAIL("TimerWheelEvent", "None or multiple of our flags set {}", flags);
   }
-  for (unsigned state = 0; state < std::size(stateFlags); ++state) {
-    if (bits == stateFlags[state].flag) return static_cast<TimerWheelState>(state);
+  return bits;
+}
+
+TimerWheelState timeoutFlagsToState(int flags) {
+  auto const index = static_cast<unsigned>(__builtin_ctz(stateFlag(flags))) - firstStateBit;
+  if (index >= std::size(stateNames)) {
+    BRELO_FAIL("TimerWheelEvent", "Invalid flag combination {}", flags);
   }
-  BRELO_FAIL("TimerWheelEvent", "Invalid flag combination {}", flags);
+  return static_cast<TimerWheelState>(index);
+}
+
+/// From one of the two states in which a timer is linked to another: the same is no change.
+[[gnu::cold, gnu::noinline]] void linkedStateIs(int flags, TimerWheelState state) {
+  TimerWheelState const current = timeoutFlagsToState(flags);
+  if (state == current) return;
+  BRELO_FAIL("TimerWheelEvent", "State change {} -> {} must go via {}",
+             timerWheelStateToString(current), timerWheelStateToString(state),
+             timerWheelStateToString(TimerWheelState::notLinked));
 }
 
 }  // namespace
 
 std::string timerWheelStateToString(TimerWheelState state) {
   auto const index = static_cast<unsigned>(state);
-  return index < std::size(stateFlags) ? stateFlags[index].name : "unknownState";
+  return index < std::size(stateNames) ? stateNames[index] : "unknownState";
 }
 
 TimerWheelEvent::TimerWheelEvent() : expirationTime_(never) {
@@ -94,14 +105,11 @@ TimerWheelState TimerWheelEvent::state() const {
 }
 
 void TimerWheelEvent::stateIs(TimerWheelState state) {
-  TimerWheelState const current = this->state();
-  if (state == current) return;
-  if (state != TimerWheelState::notLinked && current != TimerWheelState::notLinked) {
-    BRELO_FAIL("TimerWheelEvent", "State change {} -> {} must go via {}",
-               timerWheelStateToString(current), timerWheelStateToString(state),
-               timerWheelStateToString(TimerWheelState::notLinked));
+  int const flags = timeoutLink_.flags;
+  if (stateFlag(flags) != notLinkedFlag && state != TimerWheelState::notLinked) {
+    return linkedStateIs(flags, state);
   }
-  timeoutLink_.flags = (timeoutLink_.flags & ~stateMask) | stateToTimeoutFlags(state);
+  timeoutLink_.flags = (flags & ~stateMask) | stateToTimeoutFlags(state);
 }
 
 namespace Platform {
