@@ -120,7 +120,10 @@ void TimerTask::timeout() {
   TaskImpl::scheduleTask();
 }
 
-bool TimerTask::doStartTimer(double seconds, bool force, TaskTimePoint const& now) {
+// A start is inlined as a whole: short enough, and the processor reaches the memory of the next one
+// while it still waits for that of this one.
+[[gnu::always_inline]] inline bool TimerTask::doStartTimer(double seconds, bool force,
+                                                           TaskTimePoint const& now) {
   if (!force && !(seconds < remainingTimeout())) return false;
   std::chrono::nanoseconds const sinceBoot = now.time_since_epoch();
   wheel()->timerStart(this, seconds, timeAtMonotonic(sinceBoot.count()));
@@ -140,7 +143,8 @@ void TimerTask::scheduleTaskDelayedPrivate(T delay, bool force) {
 }
 
 template <class T>
-void TimerTask::startDelayed(T delay, bool force, TaskTimePoint const& now) {
+[[gnu::always_inline]] inline void TimerTask::startDelayed(T delay, bool force,
+                                                           TaskTimePoint const& now) {
   if (!force && onRunQueue()) {
     BRELO_TRACE(schedulerTrace, 8, "TimerTask", "Already on runQueue {}", *this);
     return;
