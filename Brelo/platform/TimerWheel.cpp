@@ -103,6 +103,7 @@ void TimerWheel::setCurrentTime(double now) {
 }
 
 void TimerWheel::timerStart(TimerWheelEvent* event, double seconds) {
+  event->prefetch();
   timerStart(event, seconds, time());
 }
 
