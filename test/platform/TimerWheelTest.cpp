@@ -179,6 +179,7 @@ TEST(TimerWheel, MisuseEndsTheProcess) {
   EXPECT_DEATH(
       (event.setTimeout(wheel, 9.0), event.stateIs(Brelo::TimerWheelState::inTimersExpiryingSoon)),
       "State change inTimerWheel -> inTimersExpiryingSoon must go via notLinked");
+  EXPECT_DEATH(event.stateIs(static_cast<Brelo::TimerWheelState>(3)), "invalid state 3");
   EXPECT_DEATH(Event().setTimeout(wheel, 9.0), "destroyed while inTimerWheel");
   EXPECT_DEATH((holdBack(event, wheel), wheel.reset()), "Destroyed while non-empty");
   EXPECT_DEATH(Brelo::Platform::getTimerControl(nullptr, nullptr), "Need a TimerWheel");
