@@ -152,9 +152,9 @@ BRELO_EXPORT std::string vfmthrow(Platform::DebugHandler const& handler, unsigne
 /// How a text's argument is handed over: by value if it fits a register, so that no local of a hot
 /// function needs an address.
 template <class Arg>
-using TextArg = std::conditional_t<std::is_trivially_copyable_v<Arg> && !std::is_array_v<Arg> &&
-                                       sizeof(Arg) <= sizeof(void*),
-                                   Arg, Arg const&>;
+using TextArg =
+    std::conditional_t<std::is_trivially_copy_constructible_v<Arg> && sizeof(Arg) <= sizeof(void*),
+                       Arg, Arg const&>;
 
 /// Stays out of line, and with it the arguments' array.
 template <class... Args>

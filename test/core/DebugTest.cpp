@@ -1,5 +1,6 @@
 #include "Brelo/Debug.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -17,6 +18,24 @@
 
 namespace {
 
+/// Small enough to be handed over by value, if it could be copied.
+struct Pinned {
+  explicit Pinned(int value) : number(value) {}
+  Pinned(Pinned const&) = delete;
+  int number;
+};
+
+}  // namespace
+
+template <>
+struct fmt::formatter<Pinned> : formatter<int> {
+  auto format(Pinned const& pinned, format_context& context) const {
+    return formatter<int>::format(pinned.number, context);
+  }
+};
+
+namespace {
+
 using Brelo::DisplayPointer;
 using Brelo::Platform::getDebugHandler;
 
@@ -24,13 +43,14 @@ TEST(Debug, LineCarriesClassFunctionAndPlace) {
   BreloTest::TraceRecords records("%n/%l %f:%L %F|%m");
   auto const handler = getDebugHandler("DebugTest");
   DisplayPointer const pointer(reinterpret_cast<void const*>(0xAB12));
-  Brelo::fmtrace(*handler, 3, "file.cpp", "func", 12, "Class", "{} of {}", 1, pointer);
+  Brelo::fmtrace(*handler, 3, "file.cpp", "func", 12, "Class", "{} of {}, {} {}", 1, pointer, "the",
+                 Pinned(7));
   Brelo::fmtrace(*handler, 15, "file.cpp", "func", 12, nullptr, "{}", DisplayPointer(nullptr));
   Brelo::Platform::DebugStream stream;
   stream << 1.0 / 3 << std::uppercase << std::left << std::setfill('*') << pointer;
   handler->dump(stream, 2, "file.cpp", "func", 12);
   EXPECT_EQ(records.take(),
-            "DebugTest/3 file.cpp:12 func|Class::func() 1 of 0x000000000000ab12\n"
+            "DebugTest/3 file.cpp:12 func|Class::func() 1 of 0x000000000000ab12, the 7\n"
             "DebugTest/15 file.cpp:12 func|NULL\n"
             "DebugTest/2 file.cpp:12 func|0.3333333333330x000000000000ab12\n");
   EXPECT_DEATH(Brelo::fmtrace(*handler, 1, "f", "f", 1, "C", "{} {}", 1), "format_error");
