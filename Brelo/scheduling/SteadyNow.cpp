@@ -10,7 +10,7 @@ std::atomic<std::uint64_t> knownRate{0};
 
 }  // namespace
 
-thread_local Impl::TickClock Impl::tickClock;
+__thread Impl::TickClock Impl::tickClock;
 
 TaskTimePoint Impl::steadyNowAnew() {
   static bool const counterIsClock = Zel::Rdtsc::isClock();

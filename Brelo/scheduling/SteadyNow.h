@@ -13,8 +13,9 @@
 
 namespace Brelo::Impl {
 
-/// The calling thread's. It lies where no call is needed to find it.
-[[gnu::visibility("hidden")]] extern thread_local TickClock tickClock
+/// The calling thread's. It lies where no call is needed to find it, and `__thread` says that none
+/// is needed to make it.
+[[gnu::visibility("hidden")]] extern __thread TickClock tickClock
     [[gnu::tls_model("initial-exec")]];
 
 /// The same as `steadyNow`, read from the clock itself: for timers, which must not be early.
