@@ -37,10 +37,11 @@ void inForkedChild() {
     count = 0;
 }
 
+[[maybe_unused]] int const forkHandled = pthread_atfork(nullptr, nullptr, inForkedChild);
+
 }  // namespace
 
 BlockedSignals::BlockedSignals(std::initializer_list<int> signals) {
-  [[maybe_unused]] static int const forkHandled = pthread_atfork(nullptr, nullptr, inForkedChild);
   sigemptyset(&signals_);
   for (int const signal : signals) {
     if (signal == SIGKILL || signal == SIGSTOP || sigaddset(&signals_, signal) != 0)

@@ -29,14 +29,15 @@ namespace Impl {
 
 thread_local MailboxTask* MailboxTask::newest = nullptr;
 
+[[maybe_unused]] static int const forkHandled =
+    ::pthread_atfork(nullptr, nullptr, &MailboxTask::inForkedChild);
+
 MailboxTask::MailboxTask(std::shared_ptr<Brelo::TaskScheduler> scheduler,
                          Brelo::TaskPriority priority, std::string const& name)
     : Task(std::move(scheduler), priority, name),
       queue_(std::make_shared<MailboxQueue>()),
       control_(Brelo::Platform::getFdControl(this)),
       step_("mailbox " + name, nullptr, [this] { stop(); }) {
-  [[maybe_unused]] static int const forkHandled =
-      ::pthread_atfork(nullptr, nullptr, &MailboxTask::inForkedChild);
   control_->setReads(true);
   control_->setFd(queue_->wakeFd());
   older_ = std::exchange(newest, this);

@@ -3,6 +3,7 @@
 #include <event2/thread.h>
 #include <pthread.h>
 
+#include <atomic>
 #include <cerrno>
 #include <new>
 #include <utility>
@@ -28,7 +29,8 @@ namespace {
 thread_local Impl::LibeventTurns* turns = nullptr;
 thread_local unsigned liveControls = 0;
 thread_local unsigned warnings = 0;
-bool forkedChild = false;
+std::atomic<bool> hasBases{false};  // some thread has had one
+bool forkedChild = false;           // of a process that had them
 
 /// Frees a thread's base at the thread's end. A key's destructors run after those of all
 /// thread-local objects, so the thread's root has gone by then.
@@ -48,9 +50,12 @@ class ThreadExit {
 /// The forking thread goes on in the child, where its base needs an epoll set of its own: the
 /// present one is the parent's, too.
 void inForkedChild() {
+  if (!hasBases) return;
   forkedChild = true;
   if (ev_base != nullptr) leForkReinit();
 }
+
+[[maybe_unused]] int const forkHandled = pthread_atfork(nullptr, nullptr, inForkedChild);
 
 /// Without memory for it there is none.
 Impl::LibeventTurns* makeTurns(event_base* base) {
@@ -117,7 +122,7 @@ void leRegisterBase(event_base* base) {
   }
   static ThreadExit threadExit;
   threadExit.armed();
-  [[maybe_unused]] static int const forkHandled = pthread_atfork(nullptr, nullptr, inForkedChild);
+  hasBases = true;
   if (ev_base == nullptr) turns = makeTurns(base);
   ev_base = base;
   setMainThread();

@@ -22,6 +22,8 @@ class MailboxTask : public Brelo::Task, Brelo::Platform::FdEventHandler {
   /// Destroys what is left, and lets go of the loop.
   void end();
 
+  static void inForkedChild();  ///< renews the mailboxes of the thread that forked
+
  private:
   void taskExecute() override;
   void readFdEvent(int fd) override;
@@ -33,8 +35,6 @@ class MailboxTask : public Brelo::Task, Brelo::Platform::FdEventHandler {
   void scheduleOrWake();
   void stop();
   void takeNoMore() noexcept;
-
-  static void inForkedChild();
 
   // The mailboxes of the thread, the newest first. Without a destructor, so that those of static
   // storage find it whenever they go.

@@ -2,7 +2,9 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cmath>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -14,12 +16,7 @@
 namespace Zel {
 namespace {
 
-void beforeFork();
-void inForkedChild();
-
 struct Runtime {
-  Runtime() { pthread_atfork(beforeFork, nullptr, inForkedChild); }
-
   ClockQueue queue;
   DescriptorSet descriptors;
   Ptr<ActivityManagerSm> const sm{new ActivityManagerSm};
@@ -28,23 +25,38 @@ struct Runtime {
   ActivityLoop loop{*manager, queue, descriptors, *sm->activityLock()};
 };
 
+std::atomic<Runtime*> theOne{nullptr};  // made on first use, and never destroyed
+
+/// Without a lock: the child of a fork amid this would wait for a thread that it does not have. Who
+/// comes second lets go of its own.
+Runtime& makeRuntime() {
+  auto made = std::make_unique<Runtime>();
+  Runtime* first = nullptr;
+  return theOne.compare_exchange_strong(first, made.get()) ? *made.release() : *first;
+}
+
 Runtime& runtime() {
-  static Runtime& theOne = *new Runtime;
-  return theOne;
+  Runtime* const made = theOne.load(std::memory_order_acquire);
+  return made != nullptr ? *made : makeRuntime();
 }
 
 /// The thread that forks is the one that goes on in the child.
 thread_local bool heldWhenForking = false;
 
 void beforeFork() {
-  heldWhenForking = runtime().sm->activityLock()->heldByThisThread();
+  Runtime* const made = theOne.load(std::memory_order_acquire);
+  heldWhenForking = made != nullptr && made->sm->activityLock()->heldByThisThread();
 }
 
 void inForkedChild() {
-  runtime().sm->activityLock()->forkedIs(heldWhenForking);
-  runtime().descriptors.forked();
+  Runtime* const made = theOne.load(std::memory_order_acquire);
+  if (made == nullptr) return;
+  made->sm->activityLock()->forkedIs(heldWhenForking);
+  made->descriptors.forked();
   TimerSlack::forked();
 }
+
+[[maybe_unused]] int const forkHandled = pthread_atfork(beforeFork, nullptr, inForkedChild);
 
 }  // namespace
 
