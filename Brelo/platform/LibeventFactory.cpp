@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <mutex>
 #include <new>
 #include <utility>
 
@@ -47,24 +48,7 @@ class ThreadExit {
   pthread_key_t key_;
 };
 
-/// The forking thread goes on in the child, where its base needs an epoll set of its own: the
-/// present one is the parent's, too.
-void inForkedChild() {
-  if (!hasBases) return;
-  forkedChild = true;
-  if (ev_base != nullptr) leForkReinit();
-}
-
-[[maybe_unused]] int const forkHandled = pthread_atfork(nullptr, nullptr, inForkedChild);
-
-/// Without memory for it there is none.
-Impl::LibeventTurns* makeTurns(event_base* base) {
-  try {
-    return new Impl::LibeventTurns(base);
-  } catch (std::bad_alloc const&) {
-    return nullptr;
-  }
-}
+ThreadExit threadExit;
 
 /// What is done once in the process, before the first base is made.
 struct LeInitializer {
@@ -75,6 +59,30 @@ struct LeInitializer {
     event_set_log_callback(le_debug_cb);
   }
 };
+
+// Held over forks: a child must not find that begun by a thread which it does not have.
+std::mutex initLock;
+
+/// The forking thread goes on in the child, where its base needs an epoll set of its own: the
+/// present one is the parent's, too.
+void inForkedChild() {
+  initLock.unlock();
+  if (!hasBases) return;
+  forkedChild = true;
+  if (ev_base != nullptr) leForkReinit();
+}
+
+[[maybe_unused]] int const forkHandled =
+    pthread_atfork([] { initLock.lock(); }, [] { initLock.unlock(); }, inForkedChild);
+
+/// Without memory for it there is none.
+Impl::LibeventTurns* makeTurns(event_base* base) {
+  try {
+    return new Impl::LibeventTurns(base);
+  } catch (std::bad_alloc const&) {
+    return nullptr;
+  }
+}
 
 }  // namespace
 
@@ -100,7 +108,10 @@ Impl::LibeventTurns* Impl::leTurns() {
 }
 
 event_base* leCreateBase() {
-  static LeInitializer const initializer;
+  {
+    std::lock_guard<std::mutex> const guard(initLock);
+    static LeInitializer const initializer;
+  }
   event_config* const config = event_config_new();
   if (config == nullptr) BRELO_FAIL("Brelo", "Failed to create event_base");
   event_config_require_features(config, EV_FEATURE_ET);
@@ -120,7 +131,6 @@ void leRegisterBase(event_base* base) {
     BRELO_FAIL("Brelo", "Tried to register a base:{} but a thread_local  base already exists: {}",
                DisplayPointer(base), DisplayPointer(ev_base));
   }
-  static ThreadExit threadExit;
   threadExit.armed();
   hasBases = true;
   if (ev_base == nullptr) turns = makeTurns(base);

@@ -2,9 +2,15 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "Brelo/LibeventFactory.h"
+#include "Zel/Activity.h"
 #include "support/ChildProcess.h"
 
 namespace {
@@ -45,6 +51,34 @@ TEST(Thread, EveryForkMarksItsChildAndMakesItsThreadTheMainOne) {
     }));
     EXPECT_FALSE(isMainThread() || Platform::isForkedChild());
   }).join();
+}
+
+TEST(Thread, AForkAmidTheFirstUseOfAnotherHangsNoChild) {
+#if defined __SANITIZE_ADDRESS__ || defined __SANITIZE_THREAD__
+  GTEST_SKIP() << "the sanitizers' own allocators do not survive such a fork";
+#endif
+  auto const useBoth = [] {
+    Zel::activityManager();
+    leInit();
+  };
+  for (int round = 0; round < 100 && !HasFailure(); ++round) {
+    EXPECT_TRUE(passesInChild([&] {
+      std::atomic<bool> begin{false};
+      std::vector<std::thread> others;
+      for (int i = 0; i < 4; ++i) {
+        others.emplace_back([&] {
+          while (!begin) {
+          }
+          useBoth();
+        });
+      }
+      begin = true;
+      for (int forks = 0; forks < 3; ++forks)
+        EXPECT_TRUE(passesInChild([&] { alarm(5), useBoth(); })) << "hung";
+      for (std::thread& other : others)
+        other.join();
+    }));
+  }
 }
 
 }  // namespace
