@@ -161,6 +161,7 @@ double TimerWheel::firstExpiryTime() const {
   return never;
 }
 
+// No part of moving a timer: few starts come here.
 [[gnu::noinline]] void TimerWheel::setMasterTimer() {
   double const now = time();
   setCurrentTime(now);
